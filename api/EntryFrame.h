@@ -1,0 +1,23 @@
+// What every entry point shares: turning handles into nodes and back, finding
+// the hive of a key, and walking a path of backslash-separated components.
+#pragma once
+
+#include "RegAPI.h"
+#include "nodes/Key.h"
+#include "store/Hive.h"
+
+namespace Tamvik {
+
+inline Node* NodeOf(RegAPI::HKEY handle) { return reinterpret_cast<Node*>(handle); }
+inline RegAPI::HKEY HandleOf(Node* node) { return reinterpret_cast<RegAPI::HKEY>(node); }
+// The run-time class tests of the entry points; null for null and for another class.
+inline Key* KeyOf(RegAPI::HKEY handle) { return dynamic_cast<Key*>(NodeOf(handle)); }
+inline Hive* HiveOf(RegAPI::HKEY handle) { return dynamic_cast<Hive*>(NodeOf(handle)); }
+// The hive a node belongs to: the top of its parent chain.
+inline Hive* HiveAbove(Node* node) { return dynamic_cast<Hive*>(node->GetRoot()); }
+
+// Walks path from start, one FindChild per component, as the key entry points
+// do; gives the node the last component names, or null.
+Node* WalkPath(Node* start, Hive* hive, const char16_t* path);
+
+}  // namespace Tamvik

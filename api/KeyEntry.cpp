@@ -1,0 +1,102 @@
+// The read-only functions on keys: open by path, close, counts, enumeration, flush.
+#include <algorithm>
+#include <cstring>
+
+#include "api/Convert.h"
+#include "api/EntryFrame.h"
+#include "nodes/SubKeyList.h"
+
+namespace RegAPI {
+
+using namespace Tamvik;
+
+namespace {
+
+// The name of subkey index of key, for the enumeration functions.
+LONG EnumKeyName(HKEY handle, DWORD index, DWORD* nameLength, WString* name) {
+    Key* key = KeyOf(handle);
+    if (key == nullptr || nameLength == nullptr) return Result::Invalid;
+    if (key->SubKeyCount() == 0 || index >= key->SubKeyCount()) return Result::Invalid;
+    Hive* hive = HiveAbove(key);
+    if (hive == nullptr) return Result::Invalid;
+    std::unique_ptr<SubKeyList> list = key->GetSubKeyList(hive);
+    if (list == nullptr) return Result::Corrupt;
+    std::unique_ptr<Key> child = list->GetAt(hive, index);
+    if (child == nullptr) return Result::Corrupt;
+    *name = child->GetName();
+    if (*nameLength < name->size() + 1) return Result::Invalid;
+    return Result::Ok;
+}
+
+}  // namespace
+
+LONG RegOpenKeyExW(HKEY key, const WCHAR* path, DWORD, DWORD, HKEY* result) {
+    if (key == nullptr || path == nullptr || result == nullptr) return Result::Invalid;
+    Node* start = NodeOf(key);
+    Hive* hive = HiveAbove(start);
+    if (hive == nullptr) return Result::Invalid;
+    Key* found = dynamic_cast<Key*>(WalkPath(start, hive, path));
+    if (found == nullptr) return Result::Invalid;
+    *result = HandleOf(found);
+    return Result::Ok;
+}
+
+LONG RegOpenKeyExA(HKEY key, const char* path, DWORD options, DWORD access, HKEY* result) {
+    if (path == nullptr) return Result::Invalid;
+    std::optional<WString> widePath = WidenArgument(path);
+    if (!widePath) return Result::Invalid;
+    return RegOpenKeyExW(key, widePath->c_str(), options, access, result);
+}
+
+LONG RegCloseKey(HKEY key) { return KeyOf(key) != nullptr ? Result::Ok : Result::Invalid; }
+
+LONG RegFlushKey(HKEY) { return Result::Ok; }
+
+LONG RegQueryInfoKeyW(HKEY key, WCHAR*, DWORD*, DWORD*, DWORD* subKeys, DWORD* maxSubKeyLength, DWORD*,
+                      DWORD* values, DWORD* maxValueNameLength, DWORD* maxValueLength, DWORD*, FILETIME*) {
+    Key* node = KeyOf(key);
+    if (node == nullptr) return Result::Invalid;
+    if (subKeys != nullptr) *subKeys = node->SubKeyCount();
+    if (maxSubKeyLength != nullptr) *maxSubKeyLength = (node->Field(NkField::MaxSubKeyName) & 0xFFFF) >> 1;
+    if (values != nullptr) *values = node->ValueCount();
+    if (maxValueNameLength != nullptr) *maxValueNameLength = (node->Field(NkField::MaxValueName) & 0xFFFF) >> 1;
+    if (maxValueLength != nullptr) *maxValueLength = node->Field(NkField::MaxValueData);
+    return Result::Ok;
+}
+
+LONG RegQueryInfoKeyA(HKEY key, char*, DWORD* classLength, DWORD* reserved, DWORD* subKeys, DWORD* maxSubKeyLength,
+                      DWORD* maxClassLength, DWORD* values, DWORD* maxValueNameLength, DWORD* maxValueLength,
+                      DWORD* securitySize, FILETIME* lastWriteTime) {
+    return RegQueryInfoKeyW(key, nullptr, classLength, reserved, subKeys, maxSubKeyLength, maxClassLength, values,
+                            maxValueNameLength, maxValueLength, securitySize, lastWriteTime);
+}
+
+LONG RegEnumKeyExW(HKEY key, DWORD index, WCHAR* name, DWORD* nameLength, DWORD*, WCHAR*, DWORD*, FILETIME*) {
+    if (KeyOf(key) == nullptr || name == nullptr || nameLength == nullptr) return Result::Invalid;
+    WString found;
+    LONG result = EnumKeyName(key, index, nameLength, &found);
+    if (result != Result::Ok) return result;
+    std::copy(found.begin(), found.end(), name);
+    name[found.size()] = 0;
+    *nameLength = static_cast<DWORD>(found.size());
+    return Result::Ok;
+}
+
+LONG RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* nameLength, DWORD*, char*, DWORD*, FILETIME*) {
+    if (name == nullptr || nameLength == nullptr) return Result::Invalid;
+    // name holds *nameLength + 1 bytes; the text is always terminated within them.
+    const std::uint64_t room = static_cast<std::uint64_t>(*nameLength) + 1;
+    WString found;
+    LONG result = KeyOf(key) == nullptr ? Result::Invalid : EnumKeyName(key, index, nameLength, &found);
+    if (result != Result::Ok) {
+        name[0] = 0;
+        return result;
+    }
+    std::string narrow = NarrowLossyFit(found, room - 1);
+    std::memcpy(name, narrow.data(), narrow.size());
+    name[narrow.size()] = 0;
+    *nameLength = static_cast<DWORD>(found.size());
+    return Result::Ok;
+}
+
+}  // namespace RegAPI

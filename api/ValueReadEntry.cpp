@@ -1,0 +1,59 @@
+// Reading values by name and by position, for wide callers.
+#include <algorithm>
+
+#include "api/ValueRead.h"
+#include "nodes/Key.h"
+
+namespace Tamvik {
+
+RegAPI::LONG Deliver(Val* value, Hive* hive, RegAPI::DWORD* type, RegAPI::BYTE* data, RegAPI::DWORD* dataSize) {
+    using namespace RegAPI;
+    if (type != nullptr) *type = value->ValueType();
+    if (dataSize == nullptr) return Result::Ok;
+    if (data == nullptr) {
+        *dataSize = value->StoredLength();
+        return Result::Ok;
+    }
+    if (!value->ReadData(hive, data, *dataSize)) return Result::MoreData;
+    *dataSize = value->StoredLength();
+    return Result::Ok;
+}
+
+}  // namespace Tamvik
+
+namespace RegAPI {
+
+using namespace Tamvik;
+
+LONG RegQueryValueExW(HKEY key, const WCHAR* name, DWORD*, DWORD* type, BYTE* data, DWORD* dataSize) {
+    Key* node = KeyOf(key);
+    if (node == nullptr || name == nullptr || node->ValueCount() == 0) return Result::Invalid;
+    Hive* hive = HiveAbove(node);
+    if (hive == nullptr) return Result::Invalid;
+    const WString upper = UpperCaseName(name);
+    Val* value = node->FindValue(hive, upper.c_str());
+    if (value == nullptr) return Result::Invalid;
+    return Deliver(value, hive, type, data, dataSize);
+}
+
+LONG RegEnumValueW(HKEY key, DWORD index, WCHAR* name, DWORD* nameLength, DWORD*, DWORD* type, BYTE* data,
+                   DWORD* dataSize) {
+    Key* node = KeyOf(key);
+    if (node == nullptr || name == nullptr || nameLength == nullptr) return Result::Invalid;
+    if (node->ValueCount() == 0 || index >= node->ValueCount()) return Result::Invalid;
+    Hive* hive = HiveAbove(node);
+    if (hive == nullptr) return Result::Invalid;
+    std::unique_ptr<SubValList> list = node->GetValueList(hive);
+    if (list == nullptr) return Result::Corrupt;
+    std::unique_ptr<Val> value = list->GetAt(hive, index);
+    if (value == nullptr) return Result::Corrupt;
+    const WString found = value->GetName();
+    // *nameLength is the room in name, terminator included: nothing is written past it.
+    if (*nameLength < found.size() + 1) return Result::Invalid;
+    std::copy(found.begin(), found.end(), name);
+    name[found.size()] = 0;
+    *nameLength = static_cast<DWORD>(found.size());
+    return Deliver(value.get(), hive, type, data, dataSize);
+}
+
+}  // namespace RegAPI

@@ -1,0 +1,131 @@
+// Creating keys and values, replacing data, deleting keys and values, for wide
+// callers (and RegCreateKeyExA, which the wide create goes through).
+#include "api/Convert.h"
+#include "api/EntryFrame.h"
+#include "api/WriteChecks.h"
+#include "edit/Edit.h"
+#include "nodes/SubKeyList.h"
+
+namespace Tamvik {
+
+bool HasFixedSize(RegAPI::DWORD type) { return type == 4 || type == 5 || type == 11; }
+
+RegAPI::LONG ReplaceValue(Key* key, const WString& name, RegAPI::DWORD type, RegAPI::DWORD size,
+                          const RegAPI::BYTE* storedData, RegAPI::DWORD storedSize) {
+    using namespace RegAPI;
+    Hive* hive = HiveAbove(key);
+    if (hive == nullptr) return Result::Invalid;
+    const WString upper = UpperCaseName(name);
+    Val* value = key->FindValue(hive, upper.c_str());
+    if (value == nullptr) return Result::Invalid;
+    if (type != value->ValueType()) return Result::Invalid;
+    if (HasFixedSize(type) && size != value->StoredLength()) return Result::Invalid;
+    return SetValueData(value, hive, storedData, storedSize) ? Result::Ok : Result::Invalid;
+}
+
+bool ValueExists(Key* key, const WString& name) {
+    Hive* hive = HiveAbove(key);
+    if (hive == nullptr || key->ValueCount() == 0) return false;
+    const WString upper = UpperCaseName(name);
+    return key->FindValue(hive, upper.c_str()) != nullptr;
+}
+
+RegAPI::LONG CreateValue(Key* key, const std::string& narrowName, RegAPI::DWORD type, const RegAPI::BYTE* data,
+                         RegAPI::DWORD size) {
+    using namespace RegAPI;
+    Hive* hive = HiveAbove(key);
+    if (hive == nullptr || narrowName.size() > kMaxNameBytes) return Result::Invalid;
+    return AddValue(key, hive, narrowName, data, type, size) ? Result::Ok : Result::Invalid;
+}
+
+RegAPI::LONG DeleteKeyAt(Key* key, const char16_t* path) {
+    using namespace RegAPI;
+    Hive* hive = HiveAbove(key);
+    if (hive == nullptr) return Result::Invalid;
+    Key* target = dynamic_cast<Key*>(WalkPath(key, hive, path));
+    if (target == nullptr) return Result::Invalid;
+    return DeleteKey(target, hive) ? Result::Ok : Result::Invalid;
+}
+
+RegAPI::LONG DeleteValueNamed(Key* key, const char16_t* name) {
+    using namespace RegAPI;
+    Hive* hive = HiveAbove(key);
+    if (hive == nullptr) return Result::Invalid;
+    const WString upper = UpperCaseName(name);
+    Val* value = key->FindValue(hive, upper.c_str());
+    if (value == nullptr) return Result::Invalid;
+    DeleteValue(value, hive);
+    return Result::Ok;
+}
+
+}  // namespace Tamvik
+
+namespace RegAPI {
+
+using namespace Tamvik;
+
+LONG RegCreateKeyExA(HKEY key, const char* name, HKEY* result) {
+    Key* owner = KeyOf(key);
+    if (owner == nullptr || name == nullptr || result == nullptr) return Result::Invalid;
+    std::optional<WString> wide = WidenArgument(name);
+    if (!wide || wide->empty()) return Result::Invalid;
+    const std::string narrow(name);
+    if (narrow.size() > kMaxNameBytes) return Result::CannotCreate;
+    const WString upper = UpperCaseName(*wide);
+    Hive* hive = HiveAbove(owner);
+    if (hive == nullptr) return Result::Invalid;
+    const std::uint32_t count = owner->SubKeyCount();
+    if (count != 0) {
+        // A private list: the caches of the owner, and so the caller's handles, stay.
+        std::unique_ptr<SubKeyList> list = owner->GetSubKeyList(hive);
+        if (list == nullptr) return Result::CannotCreate;
+        for (std::uint32_t i = 0; i < count; ++i) {
+            std::unique_ptr<Key> child = list->GetAt(hive, i);
+            if (child == nullptr) return Result::CannotCreate;
+            if (UpperCaseName(child->GetName()) == upper) return Result::AlreadyExists;
+        }
+    }
+    std::unique_ptr<Key> created;
+    if (!AddSubKey(owner, hive, narrow, &created)) return Result::CannotCreate;
+    Key* handle = created.get();
+    if (created != nullptr) hive->createdKeys.push_back(std::move(created));
+    *result = HandleOf(handle);
+    return Result::Ok;
+}
+
+LONG RegCreateKeyExW(HKEY key, const WCHAR* name, HKEY* result) {
+    if (name == nullptr) return Result::Invalid;
+    std::optional<std::string> narrow = NarrowArgument(name);
+    if (!narrow) return Result::Invalid;
+    return RegCreateKeyExA(key, narrow->c_str(), result);
+}
+
+LONG RegSetValueExW(HKEY key, const WCHAR* name, DWORD, DWORD type, const BYTE* data, DWORD size) {
+    Key* node = KeyOf(key);
+    if (node == nullptr || name == nullptr || data == nullptr || size == 0 || node->ValueCount() == 0)
+        return Result::Invalid;
+    return ReplaceValue(node, WString(name), type, size, data, size);
+}
+
+LONG RegSetValueNewW(HKEY key, const WCHAR* name, DWORD, DWORD type, const BYTE* data, DWORD size) {
+    Key* node = KeyOf(key);
+    if (node == nullptr || name == nullptr || data == nullptr || size == 0) return Result::Invalid;
+    if (ValueExists(node, WString(name))) return Result::AlreadyExists;
+    std::optional<std::string> narrow = NarrowArgument(name);
+    if (!narrow) return Result::Invalid;
+    return CreateValue(node, *narrow, type, data, size);
+}
+
+LONG RegDeleteKeyW(HKEY key, const WCHAR* path) {
+    Key* node = KeyOf(key);
+    if (node == nullptr || path == nullptr) return Result::Invalid;
+    return DeleteKeyAt(node, path);
+}
+
+LONG RegDeleteValueW(HKEY key, const WCHAR* name) {
+    Key* node = KeyOf(key);
+    if (node == nullptr || name == nullptr) return Result::Invalid;
+    return DeleteValueNamed(node, name);
+}
+
+}  // namespace RegAPI

@@ -1,0 +1,69 @@
+// Value data held outside the vk record: one plain data cell (MidData), or a
+// db record (BigData) whose segment list (SubDatList) names its segments.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "store/Format.h"
+#include "store/Node.h"
+#include "store/Record.h"
+
+namespace Tamvik {
+
+class SubDatList;
+
+class Data : public Node {
+public:
+    using Node::Node;
+    // Copies length bytes of the value's data to target.
+    virtual bool Read(Hive* hive, std::uint8_t* target, std::uint32_t length) = 0;
+    // Replaces the data by length bytes of source.
+    virtual bool Write(Hive* hive, const std::uint8_t* source, std::uint32_t length) = 0;
+    // Releases every cell of the data; the node must be destroyed afterwards.
+    virtual void Free(Hive* hive) = 0;
+};
+
+class MidData : public Data {
+public:
+    MidData(std::uint32_t offset, Node* parent, std::unique_ptr<std::uint8_t[]> buffer, std::uint32_t bufferSize,
+            std::uint32_t payloadOffset);
+    WString GetName() const override;
+    bool Read(Hive* hive, std::uint8_t* target, std::uint32_t length) override;
+    // Changes the image only; the caller follows with Save.
+    bool Write(Hive* hive, const std::uint8_t* source, std::uint32_t length) override;
+    void Free(Hive* hive) override;
+
+    RecordRef record;
+};
+
+class BigData : public Data {
+public:
+    BigData(std::uint32_t offset, Node* parent, std::unique_ptr<std::uint8_t[]> buffer, std::uint32_t bufferSize,
+            std::uint32_t payloadOffset);
+    WString GetName() const override;
+    bool Read(Hive* hive, std::uint8_t* target, std::uint32_t length) override;
+    // Keeps or lowers the number of segments, never adds one; saves what it changes.
+    bool Write(Hive* hive, const std::uint8_t* source, std::uint32_t length) override;
+    void Free(Hive* hive) override;
+    std::unique_ptr<SubDatList> GetSegmentList(Hive* hive);
+
+    std::uint32_t SegmentCount() const { return record.U16(DbField::SegmentCount); }
+    // True when the record looks like a db that the library may follow to release it.
+    bool HasDbSignature() const;
+
+    RecordRef record;
+};
+
+class SubDatList : public Node {
+public:
+    SubDatList(std::uint32_t offset, Node* parent, std::unique_ptr<std::uint8_t[]> buffer, std::uint32_t bufferSize,
+               std::uint32_t payloadOffset);
+    WString GetName() const override;
+    // The segment at a position, or null; positions past the cell give null.
+    std::unique_ptr<MidData> GetAt(Hive* hive, std::uint32_t index);
+
+    RecordRef record;
+};
+
+}  // namespace Tamvik

@@ -1,0 +1,53 @@
+// A key: the mirror of one nk cell and what callers hold as a key handle. It
+// caches at most one subkey list and one value list, which form, with the
+// lists' cached children, the one chain of long-lived nodes below the hive.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "store/Format.h"
+#include "store/Node.h"
+#include "store/Record.h"
+
+namespace Tamvik {
+
+class SubKeyList;
+class SubValList;
+class Val;
+
+class Key : public Node {
+public:
+    Key(std::uint32_t offset, Node* parent, std::unique_ptr<std::uint8_t[]> buffer, std::uint32_t bufferSize,
+        std::uint32_t payloadOffset);
+    ~Key() override;
+
+    WString GetName() const override;
+    Node* FindChild(Hive* hive, const char16_t* name) override;
+
+    // New list nodes built from the file, owned by the caller; the caches are left alone.
+    std::unique_ptr<SubKeyList> GetSubKeyList(Hive* hive);
+    std::unique_ptr<SubValList> GetValueList(Hive* hive);
+    // Lookups by upper-case name through the cached lists; the result stays owned by the list.
+    Key* FindSubKey(Hive* hive, const char16_t* name);
+    Val* FindValue(Hive* hive, const char16_t* name);
+
+    std::uint32_t Field(std::uint32_t fieldOffset) const { return record.U32(fieldOffset); }
+    void SetField(std::uint32_t fieldOffset, std::uint32_t value) { record.SetU32(fieldOffset, value); }
+    std::uint32_t SubKeyCount() const { return Field(NkField::SubKeyCount); }
+    std::uint32_t ValueCount() const { return Field(NkField::ValueCount); }
+
+    RecordRef record;
+    std::uint32_t index = kNoCell;
+    std::unique_ptr<SubKeyList> subKeyList;
+    std::unique_ptr<SubValList> valueList;
+};
+
+// The nearest Key strictly above node, or null.
+Key* OwnerKey(const Node* node);
+
+// A record's name as a wide string: one unit per byte when narrow, UTF-16 units
+// when wide (an odd last byte dropped), cut at the end of the record.
+WString RecordName(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField, bool narrow);
+
+}  // namespace Tamvik

@@ -1,0 +1,222 @@
+#include "nodes/SubKeyList.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "nodes/MakeNode.h"
+#include "store/Allocator.h"
+#include "store/Hive.h"
+
+namespace Tamvik {
+
+namespace {
+constexpr std::uint32_t kLeafEntry = 4;  // li and ri entries: one offset
+constexpr std::uint32_t kFastEntry = 8;  // lf and lh entries: offset and hint
+
+// Ends a list's scan on every way out, exceptions included.
+class ScanScope {
+public:
+    ScanScope(std::function<void()> end) : end_(std::move(end)) {}
+    ~ScanScope() { end_(); }
+
+private:
+    std::function<void()> end_;
+};
+}  // namespace
+
+SubKeyList::SubKeyList(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_,
+                       std::uint32_t bufferSize_, std::uint32_t payloadOffset)
+    : Node(offset_, kTypeSubKeyList, parent_, std::move(buffer_), bufferSize_),
+      record(PayloadOf(buffer.get(), bufferSize_, payloadOffset)) {}
+
+SubKeyList::~SubKeyList() = default;
+
+WString SubKeyList::GetName() const { return u"SubKeyList"; }
+
+std::uint32_t SubKeyList::GetCount() const { return record.U16(ListField::Count); }
+
+std::uint32_t SubKeyList::EntriesHeld(std::uint32_t entrySize) const {
+    return record.Available(ListField::Entries) / entrySize;
+}
+
+std::uint64_t SubKeyList::PositionLimit(Hive*) {
+    std::uint32_t entrySize = dynamic_cast<FastLeaf*>(this) != nullptr ? kFastEntry : kLeafEntry;
+    return std::min(GetCount(), EntriesHeld(entrySize));
+}
+
+Node* SubKeyList::FindChild(Hive* hive, const char16_t* name) {
+    Key* owner = dynamic_cast<Key*>(GetParent());
+    if (owner == nullptr) return nullptr;
+    const std::uint32_t count = owner->SubKeyCount();
+    if (count == 0) return nullptr;
+    const WString wanted(name);
+    if (child != nullptr && UpperCaseName(child->GetName()) == wanted) return child.get();
+    BeginScan();
+    ScanScope scope([this] { EndScan(); });
+    // Positions past the limit build nothing, so the scan ends as it would after them.
+    const std::uint64_t limit = std::min<std::uint64_t>(count, PositionLimit(hive));
+    for (std::uint64_t i = 0; i < limit; ++i) {
+        child.reset();
+        child = GetAt(hive, static_cast<std::uint32_t>(i));
+        if (child != nullptr && UpperCaseName(child->GetName()) == wanted) return child.get();
+    }
+    if (limit < count) child.reset();
+    return nullptr;
+}
+
+std::unique_ptr<Key> SubKeyList::LeafGetAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize) {
+    if (index >= GetCount() || index >= EntriesHeld(entrySize)) return nullptr;
+    std::uint32_t cell = record.U32(ListField::Entries + index * entrySize);
+    std::unique_ptr<Key> key = BuildNodeAt<Key>(hive, cell, OwnerKey(this), CellKind::BySignature);
+    if (key != nullptr) key->index = index;
+    return key;
+}
+
+void SubKeyList::LeafRemoveAt(Hive* hive, std::uint32_t index, bool* emptied, std::uint32_t entrySize) {
+    if (emptied != nullptr) *emptied = false;
+    const std::uint32_t count = GetCount();
+    if (index >= count || index >= EntriesHeld(entrySize)) return;
+    const std::uint32_t newCount = count - 1;
+    record.SetU16(ListField::Count, static_cast<std::uint16_t>(newCount));
+    if (newCount == 0) {
+        CellRef own = hive->GetCell(offset);
+        if (!own.IsUsable()) return;
+        FreeCell(own, hive);
+        if (emptied != nullptr) *emptied = true;
+    } else {
+        // Entries behind the removed one move down; a damaged Count is cut to what the record holds.
+        std::uint32_t last = std::min(newCount, EntriesHeld(entrySize) - 1);
+        if (index < last) {
+            std::uint8_t* entries = record.Data() + ListField::Entries;
+            std::memmove(entries + index * entrySize, entries + (index + 1) * entrySize,
+                         static_cast<std::size_t>(last - index) * entrySize);
+        }
+        Save(hive);
+    }
+    child.reset();
+}
+
+std::unique_ptr<Key> IndxLeaf::GetAt(Hive* hive, std::uint32_t index) { return LeafGetAt(hive, index, kLeafEntry); }
+void IndxLeaf::RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) {
+    LeafRemoveAt(hive, index, emptied, kLeafEntry);
+}
+std::unique_ptr<Key> FastLeaf::GetAt(Hive* hive, std::uint32_t index) { return LeafGetAt(hive, index, kFastEntry); }
+void FastLeaf::RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) {
+    LeafRemoveAt(hive, index, emptied, kFastEntry);
+}
+
+std::unique_ptr<SubKeyList> Indirect::BuildLeaf(Hive* hive, std::uint32_t entry) {
+    if (entry >= EntriesHeld(kLeafEntry)) return nullptr;
+    std::uint32_t cell = record.U32(ListField::Entries + entry * kLeafEntry);
+    std::unique_ptr<SubKeyList> leaf = BuildNodeAt<SubKeyList>(hive, cell, OwnerKey(this), CellKind::BySignature);
+    // An ri inside an ri would break the position arithmetic, and could reach itself.
+    if (dynamic_cast<Indirect*>(leaf.get()) != nullptr) return nullptr;
+    return leaf;
+}
+
+void Indirect::BeginScan() {
+    scanning = true;
+    scanLoaded = false;
+    scanLeaves.clear();
+}
+
+void Indirect::EndScan() {
+    scanning = false;
+    scanLoaded = false;
+    scanLeaves.clear();
+}
+
+void Indirect::LoadScanLeaves(Hive* hive) {
+    if (scanLoaded) return;
+    scanLoaded = true;
+    const std::uint32_t count = GetCount();
+    for (std::uint32_t j = 0; j < count; ++j) {
+        std::unique_ptr<SubKeyList> leaf = BuildLeaf(hive, j);
+        if (leaf == nullptr) break;  // the walk of GetAt ends at a leaf that can't be built
+        scanLeaves.push_back(std::move(leaf));
+    }
+}
+
+std::uint64_t Indirect::PositionLimit(Hive* hive) {
+    std::uint64_t total = 0;
+    if (scanning) {
+        LoadScanLeaves(hive);
+        for (const auto& leaf : scanLeaves) total += leaf->GetCount();
+        return total;
+    }
+    const std::uint32_t count = GetCount();
+    for (std::uint32_t j = 0; j < count; ++j) {
+        std::unique_ptr<SubKeyList> leaf = BuildLeaf(hive, j);
+        if (leaf == nullptr) break;
+        total += leaf->GetCount();
+    }
+    return total;
+}
+
+std::unique_ptr<Key> Indirect::GetAt(Hive* hive, std::uint32_t index) {
+    std::uint32_t remaining = index;
+    const std::uint32_t count = GetCount();
+    if (scanning) LoadScanLeaves(hive);
+    for (std::uint32_t j = 0; j < count; ++j) {
+        std::unique_ptr<SubKeyList> built;
+        SubKeyList* leaf = nullptr;
+        if (scanning) {
+            if (j >= scanLeaves.size()) return nullptr;
+            leaf = scanLeaves[j].get();
+        } else {
+            built = BuildLeaf(hive, j);
+            if (built == nullptr) return nullptr;
+            leaf = built.get();
+        }
+        const std::uint32_t leafCount = leaf->GetCount();
+        if (remaining < leafCount) {
+            std::unique_ptr<Key> key = leaf->GetAt(hive, remaining);
+            if (key != nullptr) {
+                key->index = index;
+                return key;
+            }
+            continue;  // a bad entry: the next leaf is tried with the same remaining position
+        }
+        remaining -= leafCount;
+    }
+    return nullptr;
+}
+
+void Indirect::RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) {
+    if (emptied != nullptr) *emptied = false;
+    std::uint32_t remaining = index;
+    const std::uint32_t count = GetCount();
+    for (std::uint32_t j = 0; j < count; ++j) {
+        std::unique_ptr<SubKeyList> leaf = BuildLeaf(hive, j);
+        if (leaf == nullptr) break;
+        const std::uint32_t leafCount = leaf->GetCount();
+        if (remaining >= leafCount) {
+            remaining -= leafCount;
+            continue;
+        }
+        bool inner = false;
+        leaf->RemoveAt(hive, remaining, &inner);
+        if (inner) {
+            const std::uint32_t newCount = count - 1;
+            record.SetU16(ListField::Count, static_cast<std::uint16_t>(newCount));
+            if (newCount != 0) {
+                std::uint32_t last = std::min(newCount, EntriesHeld(kLeafEntry) - 1);
+                if (j < last) {
+                    std::uint8_t* entries = record.Data() + ListField::Entries;
+                    std::memmove(entries + j * kLeafEntry, entries + (j + 1) * kLeafEntry,
+                                 static_cast<std::size_t>(last - j) * kLeafEntry);
+                }
+                Save(hive);
+            } else {
+                CellRef own = hive->GetCell(offset);
+                if (!own.IsUsable()) return;
+                FreeCell(own, hive);
+                if (emptied != nullptr) *emptied = true;
+            }
+        }
+        break;
+    }
+    child.reset();
+}
+
+}  // namespace Tamvik

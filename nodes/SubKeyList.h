@@ -1,0 +1,94 @@
+// The four subkey list records behind one face: position-based GetAt and
+// RemoveAt, and the scan by name that holds a key's one looked-up child.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "nodes/Key.h"
+#include "store/Node.h"
+#include "store/Record.h"
+
+namespace Tamvik {
+
+class SubKeyList : public Node {
+public:
+    SubKeyList(std::uint32_t offset, Node* parent, std::unique_ptr<std::uint8_t[]> buffer, std::uint32_t bufferSize,
+               std::uint32_t payloadOffset);
+    ~SubKeyList() override;
+
+    WString GetName() const override;
+    // Scan by upper-case name; the match stays owned by the list as child.
+    Node* FindChild(Hive* hive, const char16_t* name) override;
+
+    // A new key at a position counted over all keys of the list, or null.
+    virtual std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) = 0;
+    // Takes the entry out; *emptied tells that the list's own cell was freed.
+    virtual void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) = 0;
+    // Count of the record: keys in a leaf, leaves in an ri.
+    virtual std::uint32_t GetCount() const;
+
+    std::uint16_t Signature() const { return record.U16(ListField::Signature); }
+
+    RecordRef record;
+    std::unique_ptr<Key> child;
+
+protected:
+    // Positions at or above this give no key, so a scan can stop there.
+    virtual std::uint64_t PositionLimit(Hive* hive);
+    // A scan may keep what it reads for its own duration: the file doesn't change meanwhile.
+    virtual void BeginScan() {}
+    virtual void EndScan() {}
+    // Shared by the leaves, which differ only in their entry size.
+    std::unique_ptr<Key> LeafGetAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize);
+    void LeafRemoveAt(Hive* hive, std::uint32_t index, bool* emptied, std::uint32_t entrySize);
+    // Entries that the record can hold, whatever Count says.
+    std::uint32_t EntriesHeld(std::uint32_t entrySize) const;
+};
+
+// An ri: a list of leaves. Positions run over the keys of all leaves in order.
+class Indirect : public SubKeyList {
+public:
+    using SubKeyList::SubKeyList;
+    std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
+    void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) override;
+
+protected:
+    std::uint64_t PositionLimit(Hive* hive) override;
+    void BeginScan() override;
+    void EndScan() override;
+
+private:
+    // The leaf of entry j, built from the file, or null. A nested ri is refused.
+    std::unique_ptr<SubKeyList> BuildLeaf(Hive* hive, std::uint32_t entry);
+    // During a scan: the leaves read once, up to the first that can't be built.
+    bool scanning = false;
+    bool scanLoaded = false;
+    std::vector<std::unique_ptr<SubKeyList>> scanLeaves;
+    void LoadScanLeaves(Hive* hive);
+};
+
+// An li: key offsets only.
+class IndxLeaf : public SubKeyList {
+public:
+    using SubKeyList::SubKeyList;
+    std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
+    void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) override;
+};
+
+// An lf: key offsets with the first four name bytes beside each.
+class FastLeaf : public SubKeyList {
+public:
+    using SubKeyList::SubKeyList;
+    std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
+    void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) override;
+};
+
+// An lh: as an lf, with a name hash beside each key.
+class HashLeaf : public FastLeaf {
+public:
+    using FastLeaf::FastLeaf;
+};
+
+}  // namespace Tamvik

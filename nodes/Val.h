@@ -1,0 +1,55 @@
+// A value (one vk cell) and a value list (one cell of vk offsets, counted by
+// the owning key's ValueCount). A Val never leaves the library.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "store/Format.h"
+#include "store/Node.h"
+#include "store/Record.h"
+
+namespace Tamvik {
+
+class Val : public Node {
+public:
+    Val(std::uint32_t offset, Node* parent, std::unique_ptr<std::uint8_t[]> buffer, std::uint32_t bufferSize,
+        std::uint32_t payloadOffset);
+
+    WString GetName() const override;
+    // Copies the whole data to target; false when it doesn't fit in capacity or can't be read.
+    bool ReadData(Hive* hive, std::uint8_t* target, std::uint32_t capacity);
+
+    std::uint32_t DataLength() const { return record.U32(VkField::DataLength); }
+    std::uint32_t DataCell() const { return record.U32(VkField::DataCell); }
+    std::uint32_t ValueType() const { return record.U32(VkField::Type); }
+    bool IsInline() const { return DataLength() >= kInlineData; }
+    // DataLength without the inline bit.
+    std::uint32_t StoredLength() const { return DataLength() & ~kInlineData; }
+
+    std::uint32_t index = kNoCell;
+    RecordRef record;
+};
+
+class SubValList : public Node {
+public:
+    SubValList(std::uint32_t offset, Node* parent, std::unique_ptr<std::uint8_t[]> buffer, std::uint32_t bufferSize,
+               std::uint32_t payloadOffset);
+    ~SubValList() override;
+
+    WString GetName() const override;
+    // Scan by upper-case name over ValueCount entries; the match stays owned as child.
+    Node* FindChild(Hive* hive, const char16_t* name) override;
+    // A new value at a position, or null; positions past the cell give null.
+    std::unique_ptr<Val> GetAt(Hive* hive, std::uint32_t index);
+    // Entries that the cell can hold.
+    std::uint32_t EntriesHeld() const { return record.Size() / 4; }
+
+    RecordRef record;
+    std::unique_ptr<Val> child;
+};
+
+// Whether data of this DataLength is read through a db record in this hive.
+bool IsBigDataLength(std::uint32_t minorVersion, std::uint32_t dataLength);
+
+}  // namespace Tamvik

@@ -1,0 +1,255 @@
+#include "store/Allocator.h"
+
+#include <algorithm>
+#include <memory>
+#include <new>
+
+#include "store/ByteOrder.h"
+#include "store/Platform.h"
+
+namespace Tamvik {
+
+namespace {
+
+// Largest asked size whose cell size still fits the signed 32 bits of CellSize.
+constexpr std::uint32_t kMaxAskedSize = 0x7FFFFFF0u - 12;
+
+// Writes back the 12 header bytes of a cell as they stand in its CellRef.
+void WriteCellHeader(Hive* hive, const CellRef& cell) {
+    std::uint8_t head[12];
+    StoreI32(head, cell.size);
+    StoreU32(head + 4, cell.word1);
+    StoreU32(head + 8, cell.word2);
+    hive->WriteArea(cell.offset, head, sizeof head);
+}
+
+void WriteSizeField(Hive* hive, std::uint32_t cellOffset, std::int32_t size) {
+    std::uint8_t field[4];
+    StoreI32(field, size);
+    hive->WriteArea(cellOffset, field, sizeof field);
+}
+
+// Size of the bin AppendBin makes for a need: a multiple of 4096 that holds need + 32.
+std::uint64_t BinSizeFor(std::uint32_t need) {
+    std::int64_t d = static_cast<std::int64_t>(static_cast<std::int32_t>(need)) - 4064;
+    if (d <= 0) return 4096;
+    if (d % 4096 == 0) return static_cast<std::uint64_t>(d) + 4096;
+    return static_cast<std::uint64_t>(d / 4096 + 2) * 4096;
+}
+
+// A free cell serves a need when the rest can become a free cell of its own
+// (0 or a multiple of 8) or is exactly 4 bytes, which the new cell takes too.
+bool RestIsUsable(std::uint32_t rest) { return rest % 8 == 0 || rest == 4; }
+
+}  // namespace
+
+std::uint32_t NeedFor(std::uint32_t askedSize) {
+    if (askedSize > kMaxAskedSize) return 0;
+    return (askedSize + 4 + 7) & ~7u;
+}
+
+std::uint32_t FindFreeCell(Hive* hive, std::uint32_t& size, std::uint32_t& found) {
+    std::uint32_t need = NeedFor(size);
+    size = need;
+    if (need == 0) return 0;
+    const std::uint32_t binsSize = hive->BinsSize();
+    if (binsSize == 0) return 0;
+    std::uint64_t binOffset = 0;
+    while (true) {
+        BinRef bin = hive->GetBin(static_cast<std::uint32_t>(binOffset));
+        if (!bin.IsValid() || bin.Signature() != kHbinSignature || bin.BinSize() == 0) return 0;
+        // A header that names another place than the walk stands on can't be trusted.
+        if (bin.BinOffset() != binOffset) return 0;
+        const std::uint32_t binSize = bin.BinSize();
+        std::unique_ptr<std::uint8_t[]> image = hive->ReadAreaBlock(bin.BinOffset(), binSize);
+        if (image == nullptr) return 0;
+        std::uint32_t limit = LoadU32(image.get() + BinField::BinSize);
+        if (limit > binSize) limit = binSize;
+        std::uint64_t position = kBinHeaderSize;
+        while (limit > kBinHeaderSize && position + 4 <= limit) {
+            std::int32_t cellSize = LoadI32(image.get() + position);
+            if (cellSize == 0) break;  // no step forward: the rest of this bin isn't looked at
+            if (cellSize < 0) {
+                position += 0u - static_cast<std::uint32_t>(cellSize);
+                continue;
+            }
+            std::uint32_t free = static_cast<std::uint32_t>(cellSize);
+            if (free >= need && position + free <= limit && RestIsUsable(free - need)) {
+                found = free;
+                return static_cast<std::uint32_t>(binOffset + position);
+            }
+            position += free;
+        }
+        binOffset += binSize;
+        if (binOffset >= binsSize) return 0;
+    }
+}
+
+std::uint32_t AppendBin(Hive* hive, std::uint32_t need, std::uint32_t& found) {
+    const std::int64_t now = Time64();
+    const std::uint64_t binSize = BinSizeFor(need);
+    const std::uint32_t binsSize = hive->BinsSize();
+    if (binSize > 0x7FFFF000u || binsSize + binSize > 0xFFFFFFFFull - kBaseBlockSize) return 0;
+    // nothrow: a bin that can't be had in memory is a failed append, not an exception.
+    std::unique_ptr<std::uint8_t[]> image(new (std::nothrow) std::uint8_t[binSize]());
+    if (image == nullptr) return 0;
+    StoreU32(image.get() + BinField::Signature, kHbinSignature);
+    StoreU32(image.get() + BinField::BinOffset, binsSize);
+    StoreU32(image.get() + BinField::BinSize, static_cast<std::uint32_t>(binSize));
+    StoreU64(image.get() + BinField::Timestamp, static_cast<std::uint64_t>(now));
+    StoreI32(image.get() + kBinHeaderSize, static_cast<std::int32_t>(binSize - kBinHeaderSize));
+    if (!hive->WriteArea(binsSize, image.get(), static_cast<std::uint32_t>(binSize))) return 0;
+    found = static_cast<std::uint32_t>(binSize - kBinHeaderSize);
+    hive->SetBinsSize(static_cast<std::uint32_t>(binsSize + binSize));
+    hive->WriteBaseBlock();
+    return binsSize + kBinHeaderSize;
+}
+
+CellRef NextCell(const BinRef& bin, Hive* hive, const CellRef& cell) {
+    std::uint32_t step = cell.Magnitude();
+    if (step == 0) return CellRef();
+    std::uint64_t next = static_cast<std::uint64_t>(cell.offset) + step;
+    if (next < bin.BinOffset() || next - bin.BinOffset() >= bin.BinSize() || next >= kNoCell) return CellRef();
+    return hive->GetCell(static_cast<std::uint32_t>(next));
+}
+
+CellRef PrevCell(const BinRef& bin, Hive* hive, const CellRef& cell) {
+    if (hive->MinorVersion() == 1) {
+        if (cell.word1 == kNoCell) return CellRef();
+        std::uint64_t at = static_cast<std::uint64_t>(bin.BinOffset()) + cell.word1;
+        if (at >= cell.offset) return CellRef();
+        CellRef prev = hive->GetCell(static_cast<std::uint32_t>(at));
+        // Only a link to the direct neighbour is followed.
+        if (prev.IsValid() && static_cast<std::uint64_t>(prev.offset) + prev.Magnitude() != cell.offset)
+            return CellRef();
+        return prev;
+    }
+    std::uint64_t position = static_cast<std::uint64_t>(bin.BinOffset()) + kBinHeaderSize;
+    while (position < cell.offset) {
+        CellRef walk = hive->GetCell(static_cast<std::uint32_t>(position));
+        if (!walk.IsValid() || walk.Magnitude() == 0) return CellRef();
+        std::uint64_t end = position + walk.Magnitude();
+        if (end == cell.offset) return walk;
+        if (end > cell.offset) return CellRef();
+        position = end;
+    }
+    return CellRef();
+}
+
+void FreeCell(CellRef& cell, Hive* hive) {
+    if (!cell.IsValid()) return;
+    std::uint32_t size = cell.Magnitude();
+    BinRef bin = hive->FindBin(cell);
+    if (bin.IsValid()) {
+        const std::uint64_t binEnd = static_cast<std::uint64_t>(bin.BinOffset()) + bin.BinSize();
+        const bool linked = hive->MinorVersion() == 1;
+        CellRef next = NextCell(bin, hive, cell);
+        if (next.IsValid() && next.size > 0 && static_cast<std::uint64_t>(next.offset) + next.Magnitude() <= binEnd) {
+            if (linked && static_cast<std::uint64_t>(next.offset) + next.Magnitude() < binEnd) {
+                CellRef after = NextCell(bin, hive, next);
+                if (after.IsValid()) {
+                    after.word1 = cell.offset - bin.BinOffset();
+                    WriteCellHeader(hive, after);
+                }
+            }
+            size += next.Magnitude();
+        }
+        CellRef prev = PrevCell(bin, hive, cell);
+        if (prev.IsValid() && prev.size > 0) {
+            if (linked && static_cast<std::uint64_t>(cell.offset) + size < binEnd) {
+                CellRef behind = hive->GetCell(cell.offset + size);
+                if (behind.IsValid()) {
+                    behind.word1 = prev.offset - bin.BinOffset();
+                    WriteCellHeader(hive, behind);
+                }
+            }
+            prev.size = static_cast<std::int32_t>(prev.Magnitude() + size);
+            WriteCellHeader(hive, prev);
+        }
+    }
+    // The cell's own header goes last, also when it now lies inside the preceding cell.
+    cell.size = static_cast<std::int32_t>(size);
+    WriteCellHeader(hive, cell);
+    cell.Invalidate();
+}
+
+void FreeCellAt(Hive* hive, std::uint32_t cellOffset) {
+    CellRef cell = hive->GetCell(cellOffset);
+    if (cell.IsUsable()) FreeCell(cell, hive);
+}
+
+bool PlanCell(Hive* hive, std::uint32_t askedSize, CellPlan& plan) {
+    // Cells made here carry no back link, so a hive of the second layout can't take them.
+    if (hive->MinorVersion() == 1) return false;
+    std::uint32_t need = askedSize;
+    std::uint32_t found = 0;
+    std::uint32_t offset = FindFreeCell(hive, need, found);
+    if (need == 0) return false;
+    if (offset == 0) offset = AppendBin(hive, need, found);
+    if (offset == 0) return false;
+    std::uint32_t rest = found - need;
+    plan.offset = offset;
+    if (rest == 0) {
+        plan.cellSize = need;
+        plan.imageLength = need;
+        plan.remainder = 0;
+    } else if (rest == 4) {
+        plan.cellSize = need + 4;
+        plan.imageLength = need + 4;
+        plan.remainder = 0;
+    } else {
+        plan.cellSize = need;
+        plan.imageLength = need + 4;
+        plan.remainder = rest;
+    }
+    return true;
+}
+
+void WritePlannedCell(Hive* hive, const CellPlan& plan, std::uint8_t* image) {
+    StoreI32(image, -static_cast<std::int32_t>(plan.cellSize));
+    if (plan.remainder != 0) StoreI32(image + plan.cellSize, static_cast<std::int32_t>(plan.remainder));
+    hive->WriteCell(plan.offset, image, plan.imageLength);
+}
+
+std::uint32_t CreateCell(Hive* hive, std::uint32_t askedSize, const RecordFiller& fill) {
+    CellPlan plan;
+    if (!PlanCell(hive, askedSize, plan)) return 0;
+    auto image = std::make_unique<std::uint8_t[]>(plan.imageLength);
+    if (fill) fill(image.get() + 4, plan.cellSize - 4);
+    WritePlannedCell(hive, plan, image.get());
+    return plan.offset;
+}
+
+std::uint32_t WriteDataCell(Hive* hive, const std::uint8_t* data, std::uint32_t length) {
+    return CreateCell(hive, length, [&](std::uint8_t* record, std::uint32_t) {
+        if (length != 0) std::copy(data, data + length, record);
+    });
+}
+
+bool ReclaimCell(Hive* hive, std::uint32_t cellOffset, std::uint32_t cellSize) {
+    CellRef probe;
+    probe.offset = cellOffset;
+    BinRef bin = hive->FindBin(probe);
+    if (!bin.IsValid()) return false;
+    const std::uint64_t binEnd = static_cast<std::uint64_t>(bin.BinOffset()) + bin.BinSize();
+    std::uint64_t position = static_cast<std::uint64_t>(bin.BinOffset()) + kBinHeaderSize;
+    while (position <= cellOffset) {
+        CellRef walk = hive->GetCell(static_cast<std::uint32_t>(position));
+        if (!walk.IsValid() || walk.Magnitude() == 0) return false;
+        std::uint64_t end = position + walk.Magnitude();
+        if (end > cellOffset) {
+            std::uint64_t cellEnd = static_cast<std::uint64_t>(cellOffset) + cellSize;
+            if (walk.size < 0 || cellEnd > end || end > binEnd) return false;
+            if (position < cellOffset)
+                WriteSizeField(hive, walk.offset, static_cast<std::int32_t>(cellOffset - position));
+            WriteSizeField(hive, cellOffset, -static_cast<std::int32_t>(cellSize));
+            if (cellEnd < end)
+                WriteSizeField(hive, static_cast<std::uint32_t>(cellEnd), static_cast<std::int32_t>(end - cellEnd));
+            return true;
+        }
+        position = end;
+    }
+    return false;
+}
+
+}  // namespace Tamvik

@@ -1,0 +1,109 @@
+// The numbers of the hive file format: sizes, signatures and field offsets.
+// Record offsets count from the start of a cell's payload.
+#pragma once
+
+#include <cstdint>
+
+namespace Tamvik {
+
+constexpr std::uint32_t kBaseBlockSize = 4096;
+constexpr std::uint32_t kBinHeaderSize = 32;
+constexpr std::uint32_t kNoCell = 0xFFFFFFFF;     // "no cell" in an offset field
+constexpr std::uint32_t kInlineData = 0x80000000;  // DataLength bit: data stands in DataCell
+constexpr std::uint32_t kSegmentSize = 16344;      // bytes of one db segment
+constexpr std::uint32_t kBinAlignment = 4096;
+
+// Signatures as little-endian numbers.
+constexpr std::uint32_t kRegfSignature = 0x66676572;  // "regf"
+constexpr std::uint32_t kHbinSignature = 0x6E696268;  // "hbin"
+constexpr std::uint16_t kNkSignature = 0x6B6E;        // "nk"
+constexpr std::uint16_t kVkSignature = 0x6B76;        // "vk"
+constexpr std::uint16_t kSkSignature = 0x6B73;        // "sk"
+constexpr std::uint16_t kLfSignature = 0x666C;        // "lf"
+constexpr std::uint16_t kLhSignature = 0x686C;        // "lh"
+constexpr std::uint16_t kLiSignature = 0x696C;        // "li"
+constexpr std::uint16_t kRiSignature = 0x6972;        // "ri"
+constexpr std::uint16_t kDbSignature = 0x6264;        // "db"
+
+// Smallest cells in which a record is recognised.
+constexpr std::uint32_t kMinKeyCell = 80;
+constexpr std::uint32_t kMinValueCell = 24;
+constexpr std::uint32_t kMinSecurityCell = 64;
+
+namespace BaseBlockField {
+constexpr std::uint32_t Signature = 0x000;
+constexpr std::uint32_t MinorVersion = 0x018;
+constexpr std::uint32_t RootCell = 0x024;
+constexpr std::uint32_t BinsSize = 0x028;
+constexpr std::uint32_t Checksum = 0x1FC;
+}  // namespace BaseBlockField
+
+namespace BinField {
+constexpr std::uint32_t Signature = 0x00;
+constexpr std::uint32_t BinOffset = 0x04;
+constexpr std::uint32_t BinSize = 0x08;
+constexpr std::uint32_t Timestamp = 0x14;
+}  // namespace BinField
+
+namespace NkField {
+constexpr std::uint32_t Signature = 0x00;
+constexpr std::uint32_t Flags = 0x02;
+constexpr std::uint32_t Timestamp = 0x04;
+constexpr std::uint32_t ParentCell = 0x10;
+constexpr std::uint32_t SubKeyCount = 0x14;
+constexpr std::uint32_t SubKeyListCell = 0x1C;
+constexpr std::uint32_t ValueCount = 0x24;
+constexpr std::uint32_t ValueListCell = 0x28;
+constexpr std::uint32_t SecurityCell = 0x2C;
+constexpr std::uint32_t ClassCell = 0x30;
+constexpr std::uint32_t MaxSubKeyName = 0x34;
+constexpr std::uint32_t MaxClassName = 0x38;
+constexpr std::uint32_t MaxValueName = 0x3C;
+constexpr std::uint32_t MaxValueData = 0x40;
+constexpr std::uint32_t NameLength = 0x48;
+constexpr std::uint32_t ClassLength = 0x4A;
+constexpr std::uint32_t Name = 0x4C;
+constexpr std::uint16_t NarrowNameFlag = 0x20;
+}  // namespace NkField
+
+namespace VkField {
+constexpr std::uint32_t Signature = 0x00;
+constexpr std::uint32_t NameLength = 0x02;
+constexpr std::uint32_t DataLength = 0x04;
+constexpr std::uint32_t DataCell = 0x08;
+constexpr std::uint32_t Type = 0x0C;
+constexpr std::uint32_t Flags = 0x10;
+constexpr std::uint32_t Name = 0x14;
+constexpr std::uint16_t NarrowNameFlag = 0x01;
+}  // namespace VkField
+
+namespace SkField {
+constexpr std::uint32_t Signature = 0x00;
+constexpr std::uint32_t NextSecurity = 0x04;
+constexpr std::uint32_t PrevSecurity = 0x08;
+constexpr std::uint32_t RefCount = 0x0C;
+}  // namespace SkField
+
+// lf, lh, li and ri share their header.
+namespace ListField {
+constexpr std::uint32_t Signature = 0x00;
+constexpr std::uint32_t Count = 0x02;
+constexpr std::uint32_t Entries = 0x04;
+}  // namespace ListField
+
+namespace DbField {
+constexpr std::uint32_t Signature = 0x00;
+constexpr std::uint32_t SegmentCount = 0x02;
+constexpr std::uint32_t SegmentListCell = 0x04;
+constexpr std::uint32_t Size = 0x08;
+}  // namespace DbField
+
+// Offset of the payload in a cell: the second layout (MinorVersion 1) has a back link.
+inline std::uint32_t PayloadOffset(std::uint32_t minorVersion) { return minorVersion == 1 ? 8 : 4; }
+
+// Number of db segments for a length, cut to the 16 bits of SegmentCount.
+inline std::uint16_t SegmentsFor(std::uint32_t length) {
+    return static_cast<std::uint16_t>((static_cast<std::uint64_t>(length) + kSegmentSize - 1) / kSegmentSize);
+}
+
+}  // namespace Tamvik

@@ -1,0 +1,60 @@
+#include "store/Node.h"
+
+#include <cstring>
+#include <vector>
+
+#include "store/ByteOrder.h"
+#include "store/Hive.h"
+
+namespace Tamvik {
+
+Node::Node(std::uint32_t offset_, std::uint32_t type_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_,
+           std::uint32_t bufferSize_)
+    : offset(offset_), type(type_), parent(parent_), buffer(std::move(buffer_)), bufferSize(bufferSize_) {}
+
+Node::~Node() = default;
+
+std::uint32_t Node::GetType() const { return type; }
+Node* Node::GetParent() const { return parent; }
+std::uint8_t* Node::GetBuffer() const { return buffer.get(); }
+std::uint32_t Node::GetOffset() const { return offset; }
+WString Node::GetName() const { return WString(); }
+
+WString Node::GetPath() const {
+    std::vector<const Node*> chain;
+    for (const Node* node = this; node != nullptr; node = node->GetParent()) chain.push_back(node);
+    WString path;
+    for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
+        path += u'\\';
+        path += (*it)->GetName();
+    }
+    return path;
+}
+
+Node* Node::GetRoot() {
+    Node* node = this;
+    while (node->GetParent() != nullptr) node = node->GetParent();
+    return node;
+}
+
+Node* Node::FindChild(Hive*, const char16_t*) { return nullptr; }
+
+void Node::Save(Hive* hive) {
+    if (hive == nullptr) return;
+    CellRef cell = hive->GetCell(offset);
+    if (!cell.IsUsable()) return;
+    // A cell that has been released and given out again at another size is no
+    // longer this image's cell: writing it would damage its new owner.
+    if (cell.Magnitude() != bufferSize || buffer == nullptr) return;
+    hive->WriteArea(offset, buffer.get(), bufferSize);
+}
+
+void Node::SetBuffer(const std::uint8_t* source) {
+    if (buffer == nullptr || bufferSize < 4 || source == nullptr) return;
+    std::int32_t cellSize = LoadI32(buffer.get());
+    std::uint32_t length = cellSize < 0 ? 0u - static_cast<std::uint32_t>(cellSize) : 0u;
+    if (length > bufferSize) length = bufferSize;
+    std::memcpy(buffer.get(), source, length);
+}
+
+}  // namespace Tamvik
