@@ -78,6 +78,7 @@ void DeleteValue(Val* value, Hive* hive) {
 
 void RemoveValueEntry(SubValList* list, Hive* hive, Key* owner, std::uint32_t position) {
     const std::uint32_t count = owner->ValueCount();
+    list->EntriesChanged();
     if (count == 1) {
         CellRef own = hive->GetCell(list->GetOffset());
         if (!own.IsUsable()) return;

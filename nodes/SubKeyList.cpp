@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "nodes/MakeNode.h"
+#include "nodes/Scan.h"
 #include "store/Allocator.h"
 #include "store/Hive.h"
 
@@ -53,15 +54,12 @@ Node* SubKeyList::FindChild(Hive* hive, const char16_t* name) {
     if (child != nullptr && UpperCaseName(child->GetName()) == wanted) return child.get();
     BeginScan();
     ScanScope scope([this] { EndScan(); });
+    names.Refresh();
+    if (!names.limit) names.limit = PositionLimit(hive);
     // Positions past the limit build nothing, so the scan ends as it would after them.
-    const std::uint64_t limit = std::min<std::uint64_t>(count, PositionLimit(hive));
-    for (std::uint64_t i = 0; i < limit; ++i) {
-        child.reset();
-        child = GetAt(hive, static_cast<std::uint32_t>(i));
-        if (child != nullptr && UpperCaseName(child->GetName()) == wanted) return child.get();
-    }
-    if (limit < count) child.reset();
-    return nullptr;
+    const std::uint64_t limit = std::min<std::uint64_t>(count, *names.limit);
+    return ScanByName(child, names, count, limit, wanted,
+                      [&](std::uint32_t i) { return GetAt(hive, i); });
 }
 
 std::unique_ptr<Key> SubKeyList::LeafGetAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize) {
@@ -74,6 +72,7 @@ std::unique_ptr<Key> SubKeyList::LeafGetAt(Hive* hive, std::uint32_t index, std:
 
 void SubKeyList::LeafRemoveAt(Hive* hive, std::uint32_t index, bool* emptied, std::uint32_t entrySize) {
     if (emptied != nullptr) *emptied = false;
+    names.Clear();
     const std::uint32_t count = GetCount();
     if (index >= count || index >= EntriesHeld(entrySize)) return;
     const std::uint32_t newCount = count - 1;
@@ -184,6 +183,7 @@ std::unique_ptr<Key> Indirect::GetAt(Hive* hive, std::uint32_t index) {
 
 void Indirect::RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) {
     if (emptied != nullptr) *emptied = false;
+    names.Clear();
     std::uint32_t remaining = index;
     const std::uint32_t count = GetCount();
     for (std::uint32_t j = 0; j < count; ++j) {

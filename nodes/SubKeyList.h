@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "nodes/Key.h"
+#include "nodes/NameIndex.h"
 #include "store/Node.h"
 #include "store/Record.h"
 
@@ -35,6 +36,8 @@ public:
     std::unique_ptr<Key> child;
 
 protected:
+    // Names read by earlier scans of this list; cleared when an entry is removed.
+    NameIndex names;
     // Positions at or above this give no key, so a scan can stop there.
     virtual std::uint64_t PositionLimit(Hive* hive);
     // A scan may keep what it reads for its own duration: the file doesn't change meanwhile.

@@ -6,6 +6,7 @@
 #include "nodes/Data.h"
 #include "nodes/Key.h"
 #include "nodes/MakeNode.h"
+#include "nodes/Scan.h"
 #include "store/Hive.h"
 
 namespace Tamvik {
@@ -61,13 +62,8 @@ Node* SubValList::FindChild(Hive* hive, const char16_t* name) {
     if (child != nullptr && UpperCaseName(child->GetName()) == wanted) return child.get();
     // Entries past the cell build nothing, so the scan ends as it would after them.
     const std::uint32_t limit = std::min(count, EntriesHeld());
-    for (std::uint32_t i = 0; i < limit; ++i) {
-        child.reset();
-        child = GetAt(hive, i);
-        if (child != nullptr && UpperCaseName(child->GetName()) == wanted) return child.get();
-    }
-    if (limit < count) child.reset();
-    return nullptr;
+    names.Refresh();
+    return ScanByName(child, names, count, limit, wanted, [&](std::uint32_t i) { return GetAt(hive, i); });
 }
 
 std::unique_ptr<Val> SubValList::GetAt(Hive* hive, std::uint32_t index) {

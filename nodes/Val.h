@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "nodes/NameIndex.h"
 #include "store/Format.h"
 #include "store/Node.h"
 #include "store/Record.h"
@@ -45,8 +46,14 @@ public:
     // Entries that the cell can hold.
     std::uint32_t EntriesHeld() const { return record.Size() / 4; }
 
+    // The list's image has changed: names read by earlier scans no longer hold.
+    void EntriesChanged() { names.Clear(); }
+
     RecordRef record;
     std::unique_ptr<Val> child;
+
+private:
+    NameIndex names;
 };
 
 // Whether data of this DataLength is read through a db record in this hive.

@@ -115,9 +115,9 @@ void PrintValues(HKEY key, int depth) {
         DWORD nameLength = static_cast<DWORD>(name.size());
         DWORD type = 0, size = 0;
         LONG result = RegEnumValueW(key, i, name.data(), &nameLength, nullptr, &type, nullptr, &size);
-        if (result != Result::Ok) {
+        if (result == Result::Invalid) {
             // The stored maximum can be stale: ask again with room for any name.
-            name.assign(65536, 0);
+            name.assign(65537, 0);
             nameLength = static_cast<DWORD>(name.size());
             result = RegEnumValueW(key, i, name.data(), &nameLength, nullptr, &type, nullptr, &size);
         }
@@ -130,7 +130,12 @@ void PrintValues(HKEY key, int depth) {
         nameLength = static_cast<DWORD>(name.size());
         result = RegEnumValueW(key, i, name.data(), &nameLength, nullptr, &type, data.data(), &got);
         std::u16string valueName(name.data(), nameLength);
-        std::string shown = valueName.empty() ? "@" : "\"" + Utf8(valueName) + "\"";
+        std::string shown = "@";
+        if (!valueName.empty()) {
+            shown = "\"";
+            shown += Utf8(valueName);
+            shown += '"';
+        }
         if (result != Result::Ok)
             std::printf("%s%s = <data unreadable: %d>\n", indent.c_str(), shown.c_str(), result);
         else
@@ -146,10 +151,17 @@ void Walk(HKEY key, const std::u16string& name, int depth, int maxDepth) {
     DWORD subKeys = 0, maxName = 0;
     RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, &subKeys, &maxName, nullptr, nullptr, nullptr, nullptr, nullptr,
                      nullptr);
+    std::vector<WCHAR> child(static_cast<std::size_t>(maxName) + 2);
     for (DWORD i = 0; i < subKeys; ++i) {
-        std::vector<WCHAR> child(65536);
         DWORD length = static_cast<DWORD>(child.size());
-        if (RegEnumKeyExW(key, i, child.data(), &length, nullptr, nullptr, nullptr, nullptr) != Result::Ok) continue;
+        LONG result = RegEnumKeyExW(key, i, child.data(), &length, nullptr, nullptr, nullptr, nullptr);
+        if (result == Result::Invalid && child.size() < 65537) {
+            // The stored maximum can be stale: ask again with room for any name.
+            child.assign(65537, 0);
+            length = static_cast<DWORD>(child.size());
+            result = RegEnumKeyExW(key, i, child.data(), &length, nullptr, nullptr, nullptr, nullptr);
+        }
+        if (result != Result::Ok) continue;
         std::u16string childName(child.data(), length);
         HKEY sub = nullptr;
         // A name holding a backslash can't be reached by path.
