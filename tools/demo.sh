@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# The demo: installs what the build needs, builds, and shows the library at
+# work on a real hive (and, when the command-line tool is built, a new hive
+# made, filled from a .reg file, listed, exported and checked).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash .ci/setup >/dev/null
+cmake -S . -B build-demo -G Ninja -DCMAKE_BUILD_TYPE=Release -DTAMVIK_TESTS=OFF >/dev/null
+cmake --build build-demo >/dev/null
+
+hives="${TAMVIK_HIVES:-$(pwd)/../shared/hives}"
+sample="$hives/clean/nt-hive__testhive"
+if [ -f "$sample" ]; then
+  echo "== regwalk: the tree of $(basename "$sample"), read through the public API"
+  ./build-demo/tools/regwalk "$sample" 3 | cut -c1-160 | head -60
+else
+  echo "(no sample hive at $sample: skipping the walk of a real hive)"
+fi
+
+if [ -x ./build-demo/tools/tamvik ] && [ -f tools/sample/demo.reg ]; then
+  work=$(mktemp -d)
+  trap 'rm -rf "$work"' EXIT
+  tool=./build-demo/tools/tamvik
+  echo
+  echo "== tamvik new: an empty hive"
+  "$tool" new "$work/demo.hive"
+  echo "== tamvik import: tools/sample/demo.reg"
+  "$tool" import "$work/demo.hive" tools/sample/demo.reg
+  echo "== tamvik ls -r"
+  "$tool" ls "$work/demo.hive" -r
+  echo "== tamvik export --utf8"
+  "$tool" export "$work/demo.hive" --utf8 --prefix 'HKEY_LOCAL_MACHINE\DEMO'
+  echo "== tamvik check"
+  "$tool" check "$work/demo.hive" && echo "check: the hive is sound"
+fi
