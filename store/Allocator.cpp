@@ -56,6 +56,13 @@ std::uint32_t FindFreeCell(Hive* hive, std::uint32_t& size, std::uint32_t& found
     if (binsSize == 0) return 0;
     std::uint64_t binOffset = 0;
     while (true) {
+        // A bin known to hold no free cell this large is passed by unread.
+        if (const Hive::BinSummary* summary = hive->FindBinSummary(static_cast<std::uint32_t>(binOffset));
+            summary != nullptr && summary->largestFree < need) {
+            binOffset += summary->binSize;
+            if (binOffset >= binsSize) return 0;
+            continue;
+        }
         BinRef bin = hive->GetBin(static_cast<std::uint32_t>(binOffset));
         if (!bin.IsValid() || bin.Signature() != kHbinSignature || bin.BinSize() == 0) return 0;
         // A header that names another place than the walk stands on can't be trusted.
@@ -66,6 +73,7 @@ std::uint32_t FindFreeCell(Hive* hive, std::uint32_t& size, std::uint32_t& found
         std::uint32_t limit = LoadU32(image.get() + BinField::BinSize);
         if (limit > binSize) limit = binSize;
         std::uint64_t position = kBinHeaderSize;
+        std::uint32_t largestFree = 0;
         while (limit > kBinHeaderSize && position + 4 <= limit) {
             std::int32_t cellSize = LoadI32(image.get() + position);
             if (cellSize == 0) break;  // no step forward: the rest of this bin isn't looked at
@@ -78,8 +86,10 @@ std::uint32_t FindFreeCell(Hive* hive, std::uint32_t& size, std::uint32_t& found
                 found = free;
                 return static_cast<std::uint32_t>(binOffset + position);
             }
+            if (position + free <= limit && free > largestFree) largestFree = free;
             position += free;
         }
+        hive->StoreBinSummary(static_cast<std::uint32_t>(binOffset), Hive::BinSummary{binSize, largestFree});
         binOffset += binSize;
         if (binOffset >= binsSize) return 0;
     }

@@ -74,7 +74,26 @@ bool Hive::ReadArea(std::uint32_t areaOffset, void* target, std::uint32_t size) 
 }
 
 bool Hive::WriteArea(std::uint32_t areaOffset, const void* source, std::uint32_t size) {
+    ForgetBinSummaries(areaOffset, size);
     return SeekArea(areaOffset) && WriteElement(source, size);
+}
+
+const Hive::BinSummary* Hive::FindBinSummary(std::uint32_t binOffset) const {
+    auto it = binSummaries_.find(binOffset);
+    return it == binSummaries_.end() ? nullptr : &it->second;
+}
+
+void Hive::StoreBinSummary(std::uint32_t binOffset, BinSummary summary) { binSummaries_[binOffset] = summary; }
+
+void Hive::ForgetBinSummaries(std::uint32_t areaOffset, std::uint64_t size) {
+    if (binSummaries_.empty()) return;
+    const std::uint64_t end = static_cast<std::uint64_t>(areaOffset) + (size == 0 ? 1 : size);
+    auto it = binSummaries_.upper_bound(areaOffset);
+    if (it != binSummaries_.begin()) --it;
+    while (it != binSummaries_.end() && it->first < end) {
+        if (static_cast<std::uint64_t>(it->first) + it->second.binSize > areaOffset) it = binSummaries_.erase(it);
+        else ++it;
+    }
 }
 
 std::unique_ptr<std::uint8_t[]> Hive::ReadAreaBlock(std::uint32_t areaOffset, std::uint32_t size) {

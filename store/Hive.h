@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <vector>
 
@@ -81,11 +82,24 @@ public:
     StorageOps storage;
     WString fileName;
     std::unique_ptr<Node> rootKey;
+    // What the last search learnt of a bin: its size and its largest free cell
+    // that lies inside it. A write into the bin drops the entry, so it always
+    // agrees with the file; it lets a search pass by a full bin without reading it.
+    struct BinSummary {
+        std::uint32_t binSize;
+        std::uint32_t largestFree;
+    };
+    const BinSummary* FindBinSummary(std::uint32_t binOffset) const;
+    void StoreBinSummary(std::uint32_t binOffset, BinSummary summary);
+
     // Keys made by the create functions: handed to callers, owned here, and
     // released with the hive so that a caller's handle stays good until the close.
     std::vector<std::unique_ptr<Node>> createdKeys;
 
 private:
+    void ForgetBinSummaries(std::uint32_t areaOffset, std::uint64_t size);
+    std::map<std::uint32_t, BinSummary> binSummaries_;
+
     bool SeekPosition(std::uint64_t position);
     bool ReadElement(void* target, std::uint32_t size);
     bool WriteElement(const void* source, std::uint32_t size);

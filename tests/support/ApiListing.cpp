@@ -3,7 +3,6 @@
 
 #include <cwctype>
 #include <map>
-#include <sstream>
 
 namespace TamvikTest {
 
