@@ -63,6 +63,7 @@ void DeleteValue(Val* value, Hive* hive) {
     FreeCell(own, hive);
     Key* owner = OwnerKey(value);
     if (owner == nullptr) return;
+    owner->carriedValueNames.reset();  // positions behind the removed one move
     const std::uint32_t count = owner->ValueCount();
     const std::uint32_t index = value->index;
     if (owner->valueList != nullptr) RemoveValueEntry(owner->valueList.get(), hive, owner, index);

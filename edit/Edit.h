@@ -36,6 +36,9 @@ std::uint32_t NameHash(const std::string& name);
 // Value creation.
 bool AddValue(Key* owner, Hive* hive, const std::string& name, const std::uint8_t* data, std::uint32_t type,
               std::uint32_t length);
+// AddValue's steps without the bookkeeping of the lookup caches.
+bool AddValueCells(Key* owner, Hive* hive, const std::string& name, const std::uint8_t* data, std::uint32_t type,
+                   std::uint32_t length);
 std::uint32_t WriteValueCell(Key* owner, Hive* hive, const std::string& name, const std::uint8_t* data,
                              std::uint32_t type, std::uint32_t length);
 void InitValueRecord(std::uint8_t* record, const std::string& name, const std::uint8_t* data, std::uint32_t type,

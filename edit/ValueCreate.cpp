@@ -79,6 +79,7 @@ std::uint32_t WriteValueList(Key* owner, Hive* hive, std::uint32_t valueCell) {
     std::vector<std::uint8_t> image(plan.imageLength);
     std::memcpy(image.data() + 4, list->record.Data(), static_cast<std::size_t>(count) * 4);
     StoreU32(image.data() + 4 + count * 4, valueCell);
+    if (owner->valueList != nullptr) owner->carriedValueNames = owner->valueList->TakeNames();
     owner->valueList.reset();
     list.reset();
     WritePlannedCell(hive, plan, image.data());
@@ -123,8 +124,29 @@ std::uint32_t WriteBigData(Hive* hive, const std::uint8_t* data, std::uint32_t l
     return db;
 }
 
+namespace {
+// After a successful addition: the carried names learn the new last position.
+void LearnAppendedName(Key* owner, const std::string& name, std::uint32_t position) {
+    if (!owner->carriedValueNames) return;
+    NameIndex& names = *owner->carriedValueNames;
+    if (names.scanned != position) return;
+    WString widened(name.size(), u'\0');
+    for (std::size_t i = 0; i < name.size(); ++i) widened[i] = static_cast<unsigned char>(name[i]);
+    names.Add(UpperCaseName(widened), position);
+    names.scanned = position + 1;
+}
+}  // namespace
+
 bool AddValue(Key* owner, Hive* hive, const std::string& name, const std::uint8_t* data, std::uint32_t type,
               std::uint32_t length) {
+    const bool added = AddValueCells(owner, hive, name, data, type, length);
+    if (added) LearnAppendedName(owner, name, owner->ValueCount() - 1);
+    else owner->carriedValueNames.reset();
+    return added;
+}
+
+bool AddValueCells(Key* owner, Hive* hive, const std::string& name, const std::uint8_t* data, std::uint32_t type,
+                   std::uint32_t length) {
     const std::uint32_t count = owner->ValueCount();
     const std::uint32_t oldList = owner->Field(NkField::ValueListCell);
     std::uint32_t valueCell = 0;

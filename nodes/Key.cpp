@@ -66,7 +66,11 @@ Key* Key::FindSubKey(Hive* hive, const char16_t* name) {
 
 Val* Key::FindValue(Hive* hive, const char16_t* name) {
     if (ValueCount() == 0) return nullptr;
-    if (valueList == nullptr) valueList = GetValueList(hive);
+    if (valueList == nullptr) {
+        valueList = GetValueList(hive);
+        if (valueList != nullptr && carriedValueNames) valueList->AdoptNames(std::move(*carriedValueNames));
+        carriedValueNames.reset();
+    }
     if (valueList == nullptr) return nullptr;
     return dynamic_cast<Val*>(valueList->FindChild(hive, name));
 }

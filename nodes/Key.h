@@ -5,7 +5,9 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
+#include "nodes/NameIndex.h"
 #include "store/Format.h"
 #include "store/Node.h"
 #include "store/Record.h"
@@ -41,6 +43,11 @@ public:
     std::uint32_t index = kNoCell;
     std::unique_ptr<SubKeyList> subKeyList;
     std::unique_ptr<SubValList> valueList;
+
+    // Names of the value list's positions, kept while a new value is appended
+    // and the cached list is rebuilt: the entries before the new one don't move,
+    // so a lookup after the addition doesn't read every value again.
+    std::optional<NameIndex> carriedValueNames;
 };
 
 // The nearest Key strictly above node, or null.

@@ -48,6 +48,9 @@ public:
 
     // The list's image has changed: names read by earlier scans no longer hold.
     void EntriesChanged() { names.Clear(); }
+    // Hands over what scans have learnt, for the list that replaces this one.
+    NameIndex TakeNames() { return std::move(names); }
+    void AdoptNames(NameIndex&& learnt) { names = std::move(learnt); }
 
     RecordRef record;
     std::unique_ptr<Val> child;

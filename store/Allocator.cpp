@@ -56,13 +56,9 @@ std::uint32_t FindFreeCell(Hive* hive, std::uint32_t& size, std::uint32_t& found
     if (binsSize == 0) return 0;
     std::uint64_t binOffset = 0;
     while (true) {
-        // A bin known to hold no free cell this large is passed by unread.
-        if (const Hive::BinSummary* summary = hive->FindBinSummary(static_cast<std::uint32_t>(binOffset));
-            summary != nullptr && summary->largestFree < need) {
-            binOffset += summary->binSize;
-            if (binOffset >= binsSize) return 0;
-            continue;
-        }
+        // Bins known to hold no free cell this large are passed by unread.
+        binOffset = hive->SkipFullBins(binOffset, need);
+        if (binOffset >= binsSize) return 0;
         BinRef bin = hive->GetBin(static_cast<std::uint32_t>(binOffset));
         if (!bin.IsValid() || bin.Signature() != kHbinSignature || bin.BinSize() == 0) return 0;
         // A header that names another place than the walk stands on can't be trusted.

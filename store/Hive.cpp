@@ -83,6 +83,24 @@ const Hive::BinSummary* Hive::FindBinSummary(std::uint32_t binOffset) const {
     return it == binSummaries_.end() ? nullptr : &it->second;
 }
 
+std::uint64_t Hive::SkipFullBins(std::uint64_t binOffset, std::uint32_t need) const {
+    auto it = binSummaries_.find(static_cast<std::uint32_t>(binOffset));
+    while (it != binSummaries_.end() && it->first == binOffset && it->second.largestFree < need) {
+        binOffset += it->second.binSize;
+        ++it;
+    }
+    return binOffset;
+}
+
+std::uint64_t Hive::SkipBinsBefore(std::uint64_t binOffset, std::uint32_t cellOffset) const {
+    auto it = binSummaries_.find(static_cast<std::uint32_t>(binOffset));
+    while (it != binSummaries_.end() && it->first == binOffset && cellOffset >= binOffset + it->second.binSize) {
+        binOffset += it->second.binSize;
+        ++it;
+    }
+    return binOffset;
+}
+
 void Hive::StoreBinSummary(std::uint32_t binOffset, BinSummary summary) { binSummaries_[binOffset] = summary; }
 
 void Hive::ForgetBinSummaries(std::uint32_t areaOffset, std::uint64_t size) {
@@ -140,6 +158,10 @@ BinRef Hive::FindBin(const CellRef& cell) {
     if (binsSize == 0) return BinRef();
     std::uint64_t walk = 0;
     while (walk < binsSize) {
+        // Bins whose headers a search has read (and no write has touched since)
+        // are passed by without reading them again while the cell lies behind them.
+        walk = SkipBinsBefore(walk, cell.offset);
+        if (walk >= binsSize) return BinRef();
         BinRef bin = GetBin(static_cast<std::uint32_t>(walk));
         if (!bin.IsValid()) return BinRef();
         std::uint64_t start = bin.BinOffset();

@@ -90,6 +90,11 @@ public:
         std::uint32_t largestFree;
     };
     const BinSummary* FindBinSummary(std::uint32_t binOffset) const;
+    // From binOffset on, passes by the run of bins known to have no free cell
+    // of need bytes; gives the offset of the first bin that has to be read.
+    std::uint64_t SkipFullBins(std::uint64_t binOffset, std::uint32_t need) const;
+    // The same for bins that lie wholly before a cell offset.
+    std::uint64_t SkipBinsBefore(std::uint64_t binOffset, std::uint32_t cellOffset) const;
     void StoreBinSummary(std::uint32_t binOffset, BinSummary summary);
 
     // Keys made by the create functions: handed to callers, owned here, and
