@@ -80,9 +80,9 @@ LONG RegCreateKeyExA(HKEY key, const char* name, HKEY* result) {
         std::unique_ptr<SubKeyList> list = owner->GetSubKeyList(hive);
         if (list == nullptr) return Result::CannotCreate;
         for (std::uint32_t i = 0; i < count; ++i) {
-            std::unique_ptr<Key> child = list->GetAt(hive, i);
-            if (child == nullptr) return Result::CannotCreate;
-            if (UpperCaseName(child->GetName()) == upper) return Result::AlreadyExists;
+            std::optional<WString> existing = list->NameAt(hive, i);
+            if (!existing) return Result::CannotCreate;
+            if (UpperCaseName(*existing) == upper) return Result::AlreadyExists;
         }
     }
     std::unique_ptr<Key> created;

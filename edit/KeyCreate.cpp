@@ -60,7 +60,7 @@ std::uint32_t WriteKeyCell(Key* owner, Hive* hive, const std::string& name) {
     });
 }
 
-bool InsertSubKeyEntry(Key* owner, Hive* hive, const RecordRef& oldLeaf, std::uint8_t* newLeaf,
+bool InsertSubKeyEntry([[maybe_unused]] Key* owner, Hive* hive, const RecordRef& oldLeaf, std::uint8_t* newLeaf,
                        const std::string& name, std::uint32_t keyCell) {
     const std::uint16_t signature = oldLeaf.U16(ListField::Signature);
     if (signature != kLfSignature && signature != kLhSignature) return false;
@@ -74,10 +74,10 @@ bool InsertSubKeyEntry(Key* owner, Hive* hive, const RecordRef& oldLeaf, std::ui
     for (std::uint32_t i = 0; i < count; ++i) {
         const std::uint8_t* entry = oldLeaf.Data() + ListField::Entries + i * kFastEntry;
         if (!chosen) {
-            std::unique_ptr<Key> existing = BuildNodeAt<Key>(hive, LoadU32(entry), owner, CellKind::BySignature);
-            if (existing == nullptr) return false;
+            std::optional<WString> existing = KeyNameAt(hive, LoadU32(entry));
+            if (!existing) return false;
             // Characters without a code page 936 form compare as '?', as a lossy conversion gives them.
-            const std::string existingName = NarrowLossy(existing->GetName());
+            const std::string existingName = NarrowLossy(*existing);
             const int order = CompareNoCase(name.c_str(), existingName.c_str());
             if (order < 0) {
                 chosen = true;

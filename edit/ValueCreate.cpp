@@ -96,7 +96,12 @@ std::uint32_t WriteBigData(Hive* hive, const std::uint8_t* data, std::uint32_t l
     for (std::uint64_t i = 0; i < segments; ++i) {
         std::uint64_t start = i * kSegmentSize;
         auto chunk = static_cast<std::uint32_t>(std::min<std::uint64_t>(kSegmentSize, length - start));
-        std::uint32_t cell = WriteDataCell(hive, data + start, chunk);
+        // Every segment gets a cell of the full segment size, the last one too,
+        // as hives written by the system itself have them; readers that take a
+        // segment's length from its cell size then read the last one right.
+        std::uint32_t cell = CreateCell(hive, kSegmentSize, [&](std::uint8_t* record, std::uint32_t) {
+            std::memcpy(record, data + start, chunk);
+        });
         if (cell == 0) {
             releaseAll();
             return 0;

@@ -75,6 +75,15 @@ Val* Key::FindValue(Hive* hive, const char16_t* name) {
     return dynamic_cast<Val*>(valueList->FindChild(hive, name));
 }
 
+std::optional<WString> KeyNameAt(Hive* hive, std::uint32_t cellOffset) {
+    if (const WString* known = hive->FindKeyName(cellOffset)) return *known;
+    std::unique_ptr<Key> key = BuildNodeAt<Key>(hive, cellOffset, nullptr, CellKind::BySignature);
+    if (key == nullptr) return std::nullopt;
+    WString name = key->GetName();
+    hive->StoreKeyName(cellOffset, key->GetBufferSize(), name);
+    return name;
+}
+
 Key* OwnerKey(const Node* node) {
     for (Node* up = node->GetParent(); up != nullptr; up = up->GetParent())
         if (Key* key = dynamic_cast<Key*>(up)) return key;

@@ -50,6 +50,10 @@ public:
     std::optional<NameIndex> carriedValueNames;
 };
 
+// The name of the key whose nk cell is at cellOffset, when a Key can be built
+// there; read once and then taken from the hive's name cache.
+std::optional<WString> KeyNameAt(Hive* hive, std::uint32_t cellOffset);
+
 // The nearest Key strictly above node, or null.
 Key* OwnerKey(const Node* node);
 

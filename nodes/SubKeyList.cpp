@@ -58,8 +58,20 @@ Node* SubKeyList::FindChild(Hive* hive, const char16_t* name) {
     if (!names.limit) names.limit = PositionLimit(hive);
     // Positions past the limit build nothing, so the scan ends as it would after them.
     const std::uint64_t limit = std::min<std::uint64_t>(count, *names.limit);
-    return ScanByName(child, names, count, limit, wanted,
-                      [&](std::uint32_t i) { return GetAt(hive, i); });
+    return ScanByName(
+        child, names, count, limit, wanted, [&](std::uint32_t i) { return NameAt(hive, i); },
+        [&](std::uint32_t i) { return GetAt(hive, i); });
+}
+
+std::optional<WString> SubKeyList::NameAt(Hive* hive, std::uint32_t index) {
+    std::unique_ptr<Key> key = GetAt(hive, index);
+    if (key == nullptr) return std::nullopt;
+    return key->GetName();
+}
+
+std::optional<WString> SubKeyList::LeafNameAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize) {
+    if (index >= GetCount() || index >= EntriesHeld(entrySize)) return std::nullopt;
+    return KeyNameAt(hive, record.U32(ListField::Entries + index * entrySize));
 }
 
 std::unique_ptr<Key> SubKeyList::LeafGetAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize) {
@@ -96,10 +108,16 @@ void SubKeyList::LeafRemoveAt(Hive* hive, std::uint32_t index, bool* emptied, st
 }
 
 std::unique_ptr<Key> IndxLeaf::GetAt(Hive* hive, std::uint32_t index) { return LeafGetAt(hive, index, kLeafEntry); }
+std::optional<WString> IndxLeaf::NameAt(Hive* hive, std::uint32_t index) {
+    return LeafNameAt(hive, index, kLeafEntry);
+}
 void IndxLeaf::RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) {
     LeafRemoveAt(hive, index, emptied, kLeafEntry);
 }
 std::unique_ptr<Key> FastLeaf::GetAt(Hive* hive, std::uint32_t index) { return LeafGetAt(hive, index, kFastEntry); }
+std::optional<WString> FastLeaf::NameAt(Hive* hive, std::uint32_t index) {
+    return LeafNameAt(hive, index, kFastEntry);
+}
 void FastLeaf::RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) {
     LeafRemoveAt(hive, index, emptied, kFastEntry);
 }

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "nodes/Key.h"
@@ -29,6 +30,8 @@ public:
     virtual void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) = 0;
     // Count of the record: keys in a leaf, leaves in an ri.
     virtual std::uint32_t GetCount() const;
+    // The name GetAt's key would have, or nothing when GetAt gives null.
+    virtual std::optional<WString> NameAt(Hive* hive, std::uint32_t index);
 
     std::uint16_t Signature() const { return record.U16(ListField::Signature); }
 
@@ -46,6 +49,7 @@ protected:
     // Shared by the leaves, which differ only in their entry size.
     std::unique_ptr<Key> LeafGetAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize);
     void LeafRemoveAt(Hive* hive, std::uint32_t index, bool* emptied, std::uint32_t entrySize);
+    std::optional<WString> LeafNameAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize);
     // Entries that the record can hold, whatever Count says.
     std::uint32_t EntriesHeld(std::uint32_t entrySize) const;
 };
@@ -77,6 +81,7 @@ class IndxLeaf : public SubKeyList {
 public:
     using SubKeyList::SubKeyList;
     std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
+    std::optional<WString> NameAt(Hive* hive, std::uint32_t index) override;
     void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) override;
 };
 
@@ -85,6 +90,7 @@ class FastLeaf : public SubKeyList {
 public:
     using SubKeyList::SubKeyList;
     std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
+    std::optional<WString> NameAt(Hive* hive, std::uint32_t index) override;
     void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) override;
 };
 

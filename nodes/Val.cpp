@@ -63,7 +63,12 @@ Node* SubValList::FindChild(Hive* hive, const char16_t* name) {
     // Entries past the cell build nothing, so the scan ends as it would after them.
     const std::uint32_t limit = std::min(count, EntriesHeld());
     names.Refresh();
-    return ScanByName(child, names, count, limit, wanted, [&](std::uint32_t i) { return GetAt(hive, i); });
+    auto nameAt = [&](std::uint32_t i) -> std::optional<WString> {
+        std::unique_ptr<Val> value = GetAt(hive, i);
+        if (value == nullptr) return std::nullopt;
+        return value->GetName();
+    };
+    return ScanByName(child, names, count, limit, wanted, nameAt, [&](std::uint32_t i) { return GetAt(hive, i); });
 }
 
 std::unique_ptr<Val> SubValList::GetAt(Hive* hive, std::uint32_t index) {

@@ -103,15 +103,33 @@ std::uint64_t Hive::SkipBinsBefore(std::uint64_t binOffset, std::uint32_t cellOf
 
 void Hive::StoreBinSummary(std::uint32_t binOffset, BinSummary summary) { binSummaries_[binOffset] = summary; }
 
-void Hive::ForgetBinSummaries(std::uint32_t areaOffset, std::uint64_t size) {
-    if (binSummaries_.empty()) return;
+namespace {
+// Drops the entries of a map keyed by offset whose range [offset, offset + length(entry)) meets a write.
+template <class Map, class Length>
+void ForgetOverlapping(Map& map, std::uint32_t areaOffset, std::uint64_t size, Length length) {
+    if (map.empty()) return;
     const std::uint64_t end = static_cast<std::uint64_t>(areaOffset) + (size == 0 ? 1 : size);
-    auto it = binSummaries_.upper_bound(areaOffset);
-    if (it != binSummaries_.begin()) --it;
-    while (it != binSummaries_.end() && it->first < end) {
-        if (static_cast<std::uint64_t>(it->first) + it->second.binSize > areaOffset) it = binSummaries_.erase(it);
+    auto it = map.upper_bound(areaOffset);
+    if (it != map.begin()) --it;
+    while (it != map.end() && it->first < end) {
+        if (static_cast<std::uint64_t>(it->first) + length(it->second) > areaOffset) it = map.erase(it);
         else ++it;
     }
+}
+}  // namespace
+
+void Hive::ForgetBinSummaries(std::uint32_t areaOffset, std::uint64_t size) {
+    ForgetOverlapping(binSummaries_, areaOffset, size, [](const BinSummary& bin) { return bin.binSize; });
+    ForgetOverlapping(keyNames_, areaOffset, size, [](const KnownName& known) { return known.cellSize; });
+}
+
+const WString* Hive::FindKeyName(std::uint32_t cellOffset) const {
+    auto it = keyNames_.find(cellOffset);
+    return it == keyNames_.end() ? nullptr : &it->second.name;
+}
+
+void Hive::StoreKeyName(std::uint32_t cellOffset, std::uint32_t cellSize, const WString& name) {
+    keyNames_[cellOffset] = KnownName{cellSize, name};
 }
 
 std::unique_ptr<std::uint8_t[]> Hive::ReadAreaBlock(std::uint32_t areaOffset, std::uint32_t size) {

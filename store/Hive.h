@@ -97,6 +97,11 @@ public:
     std::uint64_t SkipBinsBefore(std::uint64_t binOffset, std::uint32_t cellOffset) const;
     void StoreBinSummary(std::uint32_t binOffset, BinSummary summary);
 
+    // Names of nk cells read so far, by cell offset; dropped by any write into
+    // the cell, so a name found here is what the file holds.
+    const WString* FindKeyName(std::uint32_t cellOffset) const;
+    void StoreKeyName(std::uint32_t cellOffset, std::uint32_t cellSize, const WString& name);
+
     // Keys made by the create functions: handed to callers, owned here, and
     // released with the hive so that a caller's handle stays good until the close.
     std::vector<std::unique_ptr<Node>> createdKeys;
@@ -104,6 +109,11 @@ public:
 private:
     void ForgetBinSummaries(std::uint32_t areaOffset, std::uint64_t size);
     std::map<std::uint32_t, BinSummary> binSummaries_;
+    struct KnownName {
+        std::uint32_t cellSize;
+        WString name;
+    };
+    std::map<std::uint32_t, KnownName> keyNames_;
 
     bool SeekPosition(std::uint64_t position);
     bool ReadElement(void* target, std::uint32_t size);
