@@ -278,7 +278,6 @@ std::uint32_t HiveBuilder::AddTree(const TreeKey& root) {
 
 std::uint32_t HiveBuilder::LayOutKey(const TreeKey& key, std::uint32_t parent, const std::string& path) {
     NkFields fields;
-    fields.name = std::string();
     Bytes name = StoredName(key.name, key.wideName);
     fields.name.assign(name.begin(), name.end());
     fields.wideName = key.wideName;

@@ -103,7 +103,7 @@ TreeKey SampleTree() {
     TreeKey wide;
     wide.name = "WideKey";
     wide.wideName = true;
-    wide.values = {{"Small", 3, Pattern(100, 9), DataForm::Db, false}};
+    wide.values = {{"Segmented", 3, Pattern(20000, 9), DataForm::Db, false}};
     TreeKey empty;
     empty.name = "Empty";
     root.subkeys = {lh, li, ri, wide, empty};
