@@ -18,13 +18,15 @@ struct Totals {
     std::size_t bytes = 0;
 };
 
+// Buffers shared by the whole walk, so that the measurement is the library's work.
+std::vector<WCHAR> name(65537);
+std::vector<BYTE> data(1 << 16);
+
 void Walk(HKEY key, Totals& totals, int depth) {
     ++totals.keys;
     DWORD subKeys = 0, maxSubKey = 0, values = 0, maxValueName = 0, maxData = 0;
     RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, &subKeys, &maxSubKey, nullptr, &values, &maxValueName, &maxData,
                      nullptr, nullptr);
-    std::vector<WCHAR> name(65537);
-    std::vector<BYTE> data(maxData + 1);
     for (DWORD i = 0; i < values; ++i) {
         DWORD nameLength = static_cast<DWORD>(name.size()), type = 0, size = 0;
         if (RegEnumValueW(key, i, name.data(), &nameLength, nullptr, &type, nullptr, &size) != Result::Ok) continue;

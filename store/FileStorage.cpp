@@ -39,7 +39,9 @@ const std::uint8_t* FileStore::Page(std::uint64_t index) {
     std::uint64_t start = index * kPageSize;
     if (start >= fileSize_) return nullptr;
     std::uint64_t length = std::min(kPageSize, fileSize_ - start);
-    std::unique_ptr<std::uint8_t[]> page(new (std::nothrow) std::uint8_t[kPageSize]());
+    // nothrow: a page that can't be had is a failed read. Bytes past the end of
+    // the file are never served, so the page isn't cleared first.
+    std::unique_ptr<std::uint8_t[]> page(new (std::nothrow) std::uint8_t[kPageSize]);
     if (page == nullptr || !SeekStream(file_, start)) return nullptr;
     if (std::fread(page.get(), 1, length, file_) != length) return nullptr;
     if (index >= pages_.size()) pages_.resize(index + 1);

@@ -139,8 +139,9 @@ std::unique_ptr<std::uint8_t[]> Hive::ReadAreaBlock(std::uint32_t areaOffset, st
         if (last > 0xFFFFFFFFu - kBaseBlockSize) return nullptr;
         if (!ReadArea(static_cast<std::uint32_t>(last), &probe, 1)) return nullptr;
     }
-    // nothrow: a block that can't be had is a failed read, reported as null.
-    std::unique_ptr<std::uint8_t[]> block(new (std::nothrow) std::uint8_t[size == 0 ? 1 : size]());
+    // nothrow: a block that can't be had is a failed read, reported as null. It
+    // isn't cleared first: the read fills it whole, or the block is dropped.
+    std::unique_ptr<std::uint8_t[]> block(new (std::nothrow) std::uint8_t[size == 0 ? 1 : size]);
     if (block == nullptr) return nullptr;
     if (size != 0 && !ReadArea(areaOffset, block.get(), size)) return nullptr;
     return block;
