@@ -51,7 +51,8 @@ bool BigData::Read(Hive* hive, std::uint8_t* target, std::uint32_t length) {
     if (list == nullptr) return false;
     std::uint32_t remaining = length;
     std::uint64_t position = 0;
-    const std::uint32_t segments = SegmentCount();
+    // A SegmentCount beyond what the list cell holds is cut to its entries.
+    const std::uint32_t segments = std::min(SegmentCount(), list->EntriesHeld());
     // More segments than the length needs: the surplus is not read past length.
     for (std::uint32_t i = 0; i < segments && remaining != 0; ++i) {
         std::unique_ptr<MidData> segment = list->GetAt(hive, i);
@@ -93,7 +94,7 @@ bool BigData::Write(Hive* hive, const std::uint8_t* source, std::uint32_t length
 void BigData::Free(Hive* hive) {
     std::unique_ptr<SubDatList> list = GetSegmentList(hive);
     if (list == nullptr) return;
-    const std::uint32_t segments = SegmentCount();
+    const std::uint32_t segments = std::min(SegmentCount(), list->EntriesHeld());
     for (std::uint32_t i = 0; i < segments; ++i) {
         std::unique_ptr<MidData> segment = list->GetAt(hive, i);
         if (segment == nullptr) return;
@@ -111,7 +112,7 @@ SubDatList::SubDatList(std::uint32_t offset_, Node* parent_, std::unique_ptr<std
 WString SubDatList::GetName() const { return u"SubDatList"; }
 
 std::unique_ptr<MidData> SubDatList::GetAt(Hive* hive, std::uint32_t index) {
-    if (index >= record.Size() / 4) return nullptr;
+    if (index >= EntriesHeld()) return nullptr;
     return BuildNodeAt<MidData>(hive, record.U32(index * 4), this, CellKind::PlainData);
 }
 

@@ -62,6 +62,8 @@ public:
     WString GetName() const override;
     // The segment at a position, or null; positions past the cell give null.
     std::unique_ptr<MidData> GetAt(Hive* hive, std::uint32_t index);
+    // Entries the cell can hold.
+    std::uint32_t EntriesHeld() const { return record.Size() / 4; }
 
     RecordRef record;
 };

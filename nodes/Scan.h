@@ -20,19 +20,26 @@ namespace Tamvik {
 template <class Child, class NameAt, class GetAt>
 Child* ScanByName(std::unique_ptr<Child>& child, NameIndex& index, std::uint64_t count, std::uint64_t limit,
                   const WString& wanted, NameAt nameAt, GetAt getAt) {
-    std::optional<std::uint32_t> match = index.Find(wanted);
-    if (match && *match >= limit) match.reset();
-    for (std::uint64_t i = index.scanned; !match && i < limit; ++i) {
+    bool matched = false;
+    std::uint32_t match = 0;
+    if (std::optional<std::uint32_t> known = index.Find(wanted); known && *known < limit) {
+        matched = true;
+        match = *known;
+    }
+    for (std::uint64_t i = index.scanned; !matched && i < limit; ++i) {
         std::optional<WString> name = nameAt(static_cast<std::uint32_t>(i));
         index.scanned = i + 1;
         if (!name) continue;
         WString upper = UpperCaseName(*name);
-        if (upper == wanted) match = static_cast<std::uint32_t>(i);
+        if (upper == wanted) {
+            matched = true;
+            match = static_cast<std::uint32_t>(i);
+        }
         index.Add(std::move(upper), static_cast<std::uint32_t>(i));
     }
     child.reset();
-    if (match) {
-        child = getAt(*match);
+    if (matched) {
+        child = getAt(match);
         if (child != nullptr) return child.get();
     }
     // No match: the list keeps what the last position gives, as a full scan leaves it.

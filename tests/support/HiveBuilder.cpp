@@ -106,7 +106,7 @@ std::uint32_t HiveBuilder::PlaceCell(const Bytes& payload, bool allocated, std::
     WriteCellHeader(area_, offset, stored, minorVersion_ == 1,
                     lastCell_ == kNone ? kNone : lastCell_ - binStart_, size);
     // A payload longer than the chosen cell is cut: the cell's size is what a test asked for.
-    if (size > header) {
+    if (size > header && !payload.empty()) {
         const std::size_t room = size - header;
         std::memcpy(&area_[offset + header], payload.data(), std::min(room, payload.size()));
     }
@@ -194,7 +194,8 @@ std::uint32_t HiveBuilder::AddLf(const std::vector<std::uint32_t>& keys, const s
     for (std::size_t i = 0; i < keys.size(); ++i) {
         Append32(entries, keys[i]);
         std::uint8_t hint[4] = {0, 0, 0, 0};
-        if (i < names.size()) std::memcpy(hint, names[i].data(), std::min<std::size_t>(4, names[i].size()));
+        if (i < names.size() && !names[i].empty())
+            std::memcpy(hint, names[i].data(), std::min<std::size_t>(4, names[i].size()));
         entries.insert(entries.end(), hint, hint + 4);
     }
     return AddListRaw("lf", static_cast<std::uint16_t>(keys.size()), entries, cellSize);

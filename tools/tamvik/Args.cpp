@@ -1,0 +1,55 @@
+#include "Args.h"
+
+#include "Session.h"
+
+namespace TamvikTool {
+
+std::optional<std::string> Args::Value(const std::string& name) const {
+    auto it = values.find(name);
+    if (it == values.end()) return std::nullopt;
+    return it->second;
+}
+
+Args ParseArgs(const std::vector<std::string>& argv, const std::vector<OptionSpec>& options, int minPositional,
+               int maxPositional, const std::string& command) {
+    Args args;
+    bool optionsEnded = false;
+    for (std::size_t i = 0; i < argv.size(); ++i) {
+        const std::string& arg = argv[i];
+        // A lone "-" (standard input) and anything after "--" is positional.
+        if (optionsEnded || arg.size() < 2 || arg[0] != '-') {
+            args.positional.push_back(arg);
+            continue;
+        }
+        if (arg == "--") {
+            optionsEnded = true;
+            continue;
+        }
+        std::string name = arg;
+        std::optional<std::string> inlineValue;
+        if (std::size_t eq = arg.find('='); arg.rfind("--", 0) == 0 && eq != std::string::npos) {
+            name = arg.substr(0, eq);
+            inlineValue = arg.substr(eq + 1);
+        }
+        const OptionSpec* spec = nullptr;
+        for (const auto& option : options)
+            if (option.name == name || (!option.alias.empty() && option.alias == name)) spec = &option;
+        if (spec == nullptr) UsageError(command + ": unknown option " + name + " (see tamvik " + command + " --help)");
+        if (spec->takesValue) {
+            if (!inlineValue) {
+                if (i + 1 >= argv.size()) UsageError(command + ": option " + name + " needs a value");
+                inlineValue = argv[++i];
+            }
+            args.values[spec->name] = *inlineValue;
+        } else {
+            if (inlineValue) UsageError(command + ": option " + name + " takes no value");
+            args.flags.insert(spec->name);
+        }
+    }
+    const int count = static_cast<int>(args.positional.size());
+    if (count < minPositional || (maxPositional >= 0 && count > maxPositional))
+        UsageError(command + ": wrong number of arguments (see tamvik " + command + " --help)");
+    return args;
+}
+
+}  // namespace TamvikTool

@@ -1,0 +1,36 @@
+// Command-line parsing shared by the subcommands: positional arguments,
+// flags, and options with a value.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace TamvikTool {
+
+struct OptionSpec {
+    OptionSpec(std::string name_, bool takesValue_ = false, std::string alias_ = {})
+        : name(std::move(name_)), takesValue(takesValue_), alias(std::move(alias_)) {}
+    std::string name;  // "--prefix", "-r"
+    bool takesValue;
+    std::string alias;  // another spelling, e.g. "--recursive" for "-r"
+};
+
+struct Args {
+    std::vector<std::string> positional;
+    std::set<std::string> flags;
+    std::map<std::string, std::string> values;
+
+    bool Has(const std::string& name) const { return flags.count(name) != 0 || values.count(name) != 0; }
+    std::optional<std::string> Value(const std::string& name) const;
+};
+
+// Parses argv after the subcommand. Throws a usage ToolError for an unknown
+// option, a missing value, or a positional count outside [minPositional,
+// maxPositional] (maxPositional < 0: no limit). "--" ends the options.
+Args ParseArgs(const std::vector<std::string>& argv, const std::vector<OptionSpec>& options, int minPositional,
+               int maxPositional, const std::string& command);
+
+}  // namespace TamvikTool

@@ -1,0 +1,90 @@
+// One-off edits: set, mkkey, rm, rmkey. Every argument is checked before the
+// hive is opened for writing.
+#include <cstdio>
+
+#include "Args.h"
+#include "Commands.h"
+#include "KeyWriter.h"
+#include "Session.h"
+#include "ValueText.h"
+
+namespace TamvikTool {
+
+using namespace RegAPI;
+
+namespace {
+
+std::u16string WideArgument(const std::string& text, const char* what) {
+    std::optional<std::u16string> wide = FromUtf8(text);
+    if (!wide) UsageError(std::string(what) + " is not valid UTF-8");
+    return *wide;
+}
+
+[[noreturn]] void Failed(const HiveSession& session, const std::string& why, LONG r) {
+    throw ToolError(session.Path() + ": " + why + ": " + DescribeResult(r));
+}
+
+}  // namespace
+
+int RunSet(const CommandArgs& argv) {
+    Args args = ParseArgs(argv, {}, 5, -1, "set");
+    const KeyPath path = ParseKeyPath(args.positional[1]);
+    const std::u16string name = WideArgument(args.positional[2], "value name");
+    std::optional<std::uint32_t> type = ParseTypeName(args.positional[3]);
+    if (!type) UsageError("unknown type " + args.positional[3] + " (see tamvik set --help)");
+    const Bytes data =
+        DataFromArguments(*type, std::vector<std::string>(args.positional.begin() + 4, args.positional.end()));
+    if (data.empty()) UsageError("the library can't store a value with no data");
+    HiveSession session(args.positional[0], false);
+    KeyWriter writer(session);
+    HKEY key = nullptr;
+    LONG r = writer.OpenKey(path, &key);
+    if (r != Result::Ok) Failed(session, "key " + ShowPath(path) + ": can't open", r);
+    std::string why;
+    r = writer.PutValue(path, name, *type, data, &why);
+    if (r != Result::Ok) Failed(session, why, r);
+    return kExitOk;
+}
+
+int RunMkkey(const CommandArgs& argv) {
+    Args args = ParseArgs(argv, {}, 2, 2, "mkkey");
+    const KeyPath path = ParseKeyPath(args.positional[1]);
+    if (path.empty()) UsageError("the root key exists already");
+    for (const auto& part : path)
+        if (std::string problem = NameProblem(part, true); !problem.empty())
+            UsageError("key " + ShowPath(path) + ": " + problem);
+    HiveSession session(args.positional[0], false);
+    KeyWriter writer(session);
+    std::string why;
+    bool created = false;
+    LONG r = writer.EnsureKey(path, &why, &created);
+    if (r != Result::Ok) Failed(session, why, r);
+    if (!created) Failed(session, "key " + ShowPath(path), Result::AlreadyExists);
+    return kExitOk;
+}
+
+int RunRm(const CommandArgs& argv) {
+    Args args = ParseArgs(argv, {}, 3, 3, "rm");
+    const KeyPath path = ParseKeyPath(args.positional[1]);
+    const std::u16string name = WideArgument(args.positional[2], "value name");
+    HiveSession session(args.positional[0], false);
+    KeyWriter writer(session);
+    std::string why;
+    LONG r = writer.DeleteValue(path, name, &why);
+    if (r != Result::Ok) Failed(session, why, r);
+    return kExitOk;
+}
+
+int RunRmkey(const CommandArgs& argv) {
+    Args args = ParseArgs(argv, {{"-r", false, "--recursive"}}, 2, 2, "rmkey");
+    const KeyPath path = ParseKeyPath(args.positional[1]);
+    if (path.empty()) UsageError("the root key can't be deleted");
+    HiveSession session(args.positional[0], false);
+    KeyWriter writer(session);
+    std::string why;
+    LONG r = writer.DeleteKey(path, args.Has("-r"), &why);
+    if (r != Result::Ok) Failed(session, why, r);
+    return kExitOk;
+}
+
+}  // namespace TamvikTool

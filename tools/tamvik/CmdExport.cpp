@@ -1,0 +1,82 @@
+// export: a key and its subtree as .reg text.
+#include <cstdio>
+#include <memory>
+
+#include "Args.h"
+#include "Commands.h"
+#include "Progress.h"
+#include "RegText.h"
+#include "Session.h"
+#include "Walk.h"
+
+namespace TamvikTool {
+
+using namespace RegAPI;
+
+namespace {
+
+struct FileCloser {
+    void operator()(std::FILE* f) const { std::fclose(f); }
+};
+
+// The bracketed path of a key: the prefix, then the path from the root.
+std::u16string KeyLine(const std::u16string& prefix, const KeyPath& path) {
+    if (prefix.empty()) return JoinPath(path);
+    return path.empty() ? prefix : prefix + JoinPath(path);
+}
+
+}  // namespace
+
+int RunExport(const CommandArgs& argv) {
+    Args args = ParseArgs(argv, {{"--prefix", true}, {"--utf8", false}, {"-o", true, "--output"}}, 1, 2, "export");
+    const KeyPath path = ParseKeyPath(args.positional.size() > 1 ? args.positional[1] : "");
+    std::u16string prefix;
+    if (auto p = args.Value("--prefix")) {
+        std::optional<std::u16string> wide = FromUtf8(*p);
+        if (!wide) UsageError("prefix is not valid UTF-8");
+        prefix = *wide;
+        while (!prefix.empty() && prefix.back() == u'\\') prefix.pop_back();
+    }
+    HiveSession session(args.positional[0], true);
+    HKEY start = session.Open(path);
+
+    std::unique_ptr<std::FILE, FileCloser> file;
+    std::FILE* out = stdout;
+    if (auto o = args.Value("-o")) {
+        file.reset(std::fopen(o->c_str(), "wb"));
+        if (!file) throw ToolError(*o + ": can't create the output file");
+        out = file.get();
+    }
+    RegWriter writer(out, args.Has("--utf8"));
+    writer.Header();
+    bool complete = true;
+    std::uint64_t keys = 0;
+    Progress progress("export: keys");
+    auto warn = [&](const KeyPath& at, const std::string& what) {
+        std::fprintf(stderr, "tamvik export: %s: key %s: %s\n", session.Path().c_str(), ShowPath(at).c_str(),
+                     what.c_str());
+        complete = false;
+    };
+    WalkEvents events;
+    events.onKey = [&](const KeyPath& at, HKEY key) {
+        writer.Key(KeyLine(prefix, at));
+        LONG result = Result::Ok;
+        for (const ValueEntry& v : ReadValues(key, &result)) {
+            if (v.result != Result::Ok) {
+                warn(at, "value #" + std::to_string(v.index) + " \"" + ToUtf8(v.name) + "\" skipped: " +
+                             DescribeResult(v.result));
+                continue;
+            }
+            writer.Value(v.name, v.type, v.data);
+        }
+        progress.Update(++keys);
+    };
+    events.onUnreachable = [&](const KeyPath& at, LONG r) { warn(at, "skipped, can't be opened: " + DescribeResult(r)); };
+    events.onListError = [&](const KeyPath& at, LONG r) { warn(at, "subkeys incomplete: " + DescribeResult(r)); };
+    WalkTree(start, path, events);
+    writer.End();
+    if (std::fflush(out) != 0 || !writer.Good()) throw ToolError("write error on the output");
+    return complete ? kExitOk : kExitFailed;
+}
+
+}  // namespace TamvikTool

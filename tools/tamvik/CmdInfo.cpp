@@ -1,0 +1,43 @@
+// info: facts of the file, read directly.
+#include <cstdio>
+
+#include "Args.h"
+#include "Commands.h"
+#include "HiveFile.h"
+#include "Session.h"
+
+namespace TamvikTool {
+
+int RunInfo(const CommandArgs& argv) {
+    Args args = ParseArgs(argv, {}, 1, 1, "info");
+    HiveFile file(args.positional[0]);
+    const BaseBlock& b = file.Base();
+    const CellCounts& c = file.Counts();
+    std::printf("signature       %s\n", b.signatureOk ? "regf" : "(not regf)");
+    std::printf("sequence        %u / %u%s\n", b.sequence1, b.sequence2, b.sequence1 == b.sequence2 ? "" : " (dirty)");
+    std::printf("version         %u.%u\n", b.major, b.minor);
+    std::printf("file type       %u\n", b.fileType);
+    std::printf("format          %u\n", b.format);
+    std::printf("root cell       %s\n", Hex(b.rootCell).c_str());
+    std::printf("bins size       %u (%s)\n", b.binsSize, Hex(b.binsSize).c_str());
+    std::printf("clustering      %u\n", b.clustering);
+    std::printf("checksum        %s (%s)\n", Hex(b.storedChecksum).c_str(),
+                b.storedChecksum == b.computedChecksum ? "ok" : ("bad, computed " + Hex(b.computedChecksum)).c_str());
+    std::printf("file name       %s\n", ToUtf8(b.fileName).c_str());
+    std::printf("file size       %llu\n", static_cast<unsigned long long>(file.FileSize()));
+    std::printf("bins            %zu\n", file.Bins().size());
+    std::printf("keys            %llu\n", static_cast<unsigned long long>(c.keys));
+    std::printf("values          %llu\n", static_cast<unsigned long long>(c.values));
+    std::printf("security cells  %llu\n", static_cast<unsigned long long>(c.security));
+    std::printf("used space      %llu bytes in %llu cells\n", static_cast<unsigned long long>(c.usedBytes),
+                static_cast<unsigned long long>(c.usedCells));
+    std::printf("free space      %llu bytes in %llu cells\n", static_cast<unsigned long long>(c.freeBytes),
+                static_cast<unsigned long long>(c.freeCells));
+    // Faults met while reading are told, but info is no check: it still succeeds.
+    for (const Finding& f : file.Findings())
+        std::fprintf(stderr, "tamvik info: %s: %s at file offset %s: %s\n", args.positional[0].c_str(),
+                     f.warning ? "warning" : "problem", Hex(f.fileOffset).c_str(), f.text.c_str());
+    return kExitOk;
+}
+
+}  // namespace TamvikTool

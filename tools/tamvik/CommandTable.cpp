@@ -1,0 +1,85 @@
+// The subcommands with their help texts.
+#include "Commands.h"
+
+namespace TamvikTool {
+
+const std::vector<Command>& AllCommands() {
+    static const std::vector<Command> commands = {
+        {"info", "facts of the base block, bins, cells and space",
+         "usage: tamvik info HIVE\n"
+         "Reads the base block and walks the bins and cells of the file: signature,\n"
+         "sequence numbers, version, root cell, bins size, checksum, and the counts\n"
+         "of bins, keys, values, security cells, used and free space.\n",
+         RunInfo},
+        {"ls", "list the subkeys and values of a key",
+         "usage: tamvik ls HIVE [PATH] [-r]\n"
+         "Lists the subkeys (with a trailing backslash) and the values of the key at\n"
+         "PATH (default: the root). PATH is relative to the root: A\\B or \\A\\B.\n"
+         "  -r, --recursive   list every key below PATH with its values\n",
+         RunLs},
+        {"get", "print the data of one value",
+         "usage: tamvik get HIVE PATH NAME [--raw] [--type]\n"
+         "Prints a value by its type: strings as text, multi-strings one per line,\n"
+         "numbers in decimal, everything else as hex. NAME '' is the default value.\n"
+         "  --raw    write the stored bytes unchanged\n"
+         "  --type   print the type name before the data\n",
+         RunGet},
+        {"export", "write a key and everything below it as a .reg file",
+         "usage: tamvik export HIVE [PATH] [--prefix P] [--utf8] [-o FILE]\n"
+         "Writes \"Windows Registry Editor Version 5.00\" text, UTF-16LE with a byte\n"
+         "order mark by default. Key lines are the prefix followed by the path from\n"
+         "the root ([\\A\\B] without a prefix).\n"
+         "  --prefix P   e.g. 'HKEY_LOCAL_MACHINE\\SOFTWARE'\n"
+         "  --utf8       write UTF-8 text with LF line ends\n"
+         "  -o FILE      write to FILE instead of standard output\n",
+         RunExport},
+        {"import", "merge a .reg file into a hive",
+         "usage: tamvik import HIVE FILE.reg [--prefix P]\n"
+         "Creates keys as needed, creates or replaces values, deletes [-keys] with\n"
+         "everything below them and \"values\"=-. Key paths must start with the\n"
+         "prefix (default: a backslash, as export writes them). FILE - reads\n"
+         "standard input. The whole file is parsed before the hive is opened.\n"
+         "  --prefix P   prefix to strip from every key path\n",
+         RunImport},
+        {"set", "create or replace one value",
+         "usage: tamvik set HIVE PATH NAME TYPE VALUE...\n"
+         "TYPE: sz, expand_sz, multi_sz, dword, dword_be, qword, binary, none, link,\n"
+         "resource_list, full_resource_descriptor, resource_requirements_list, the\n"
+         "REG_ names, or a number. Strings take UTF-8 text (multi_sz one argument\n"
+         "per string), numbers decimal or 0x hex, other types hex bytes (\"01,ff\").\n"
+         "The key must exist. A value of another type is replaced.\n",
+         RunSet},
+        {"mkkey", "create a key and any missing keys above it",
+         "usage: tamvik mkkey HIVE PATH\n"
+         "Fails with 72 (already exists) when the key is there already.\n",
+         RunMkkey},
+        {"rm", "delete one value",
+         "usage: tamvik rm HIVE PATH NAME\n",
+         RunRm},
+        {"rmkey", "delete a key",
+         "usage: tamvik rmkey HIVE PATH [-r]\n"
+         "Deletes the key at PATH, which must have no subkeys unless -r is given.\n"
+         "  -r, --recursive   delete the whole subtree, leaves first\n",
+         RunRmkey},
+        {"check", "verify the structure of a hive",
+         "usage: tamvik check HIVE [-q]\n"
+         "Verifies the base block, every bin and cell header and every reference\n"
+         "between cells by reading the file, then walks all keys and values through\n"
+         "the library. Problems are listed with their offsets (cell offsets are\n"
+         "relative to the bins area, file offset = cell offset + 4096). Exit status\n"
+         "0 only for a sound hive; warnings don't change it.\n"
+         "  -q, --quiet   print problems only, no summary\n",
+         RunCheck},
+        {"new", "write a new empty hive",
+         "usage: tamvik new HIVE [--minor N] [--root-name NAME] [--force]\n"
+         "Writes a hive of version 1.N (default 1.5) with one root key and its\n"
+         "security cell.\n"
+         "  --minor N          minor version, 2 to 6\n"
+         "  --root-name NAME   name of the root key (default ROOT), Latin-1\n"
+         "  --force            replace an existing file\n",
+         RunNew},
+    };
+    return commands;
+}
+
+}  // namespace TamvikTool

@@ -1,0 +1,222 @@
+#include "NewHive.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+namespace TamvikTool {
+
+namespace {
+
+using Image = std::vector<std::uint8_t>;
+
+constexpr std::uint32_t kBaseBlockSize = 4096;
+constexpr std::uint32_t kBinSize = 4096;
+constexpr std::uint32_t kBinHeaderSize = 32;
+constexpr std::uint32_t kNoCell = 0xFFFFFFFF;
+constexpr std::uint16_t kRootFlags = 0x2C;  // hive entry, no delete, narrow name
+
+void Put16(std::uint8_t* p, std::uint16_t v) {
+    p[0] = static_cast<std::uint8_t>(v);
+    p[1] = static_cast<std::uint8_t>(v >> 8);
+}
+void Put32(std::uint8_t* p, std::uint32_t v) {
+    Put16(p, static_cast<std::uint16_t>(v));
+    Put16(p + 2, static_cast<std::uint16_t>(v >> 16));
+}
+void Put64(std::uint8_t* p, std::uint64_t v) {
+    Put32(p, static_cast<std::uint32_t>(v));
+    Put32(p + 4, static_cast<std::uint32_t>(v >> 32));
+}
+void Append16(Image& out, std::uint16_t v) {
+    out.push_back(static_cast<std::uint8_t>(v));
+    out.push_back(static_cast<std::uint8_t>(v >> 8));
+}
+void Append32(Image& out, std::uint32_t v) {
+    Append16(out, static_cast<std::uint16_t>(v));
+    Append16(out, static_cast<std::uint16_t>(v >> 16));
+}
+
+// A SID of the NT authority (5) or the world authority (1).
+Image Sid(std::uint8_t authority, std::initializer_list<std::uint32_t> subAuthorities) {
+    Image sid = {1, static_cast<std::uint8_t>(subAuthorities.size()), 0, 0, 0, 0, 0, authority};
+    for (std::uint32_t s : subAuthorities) Append32(sid, s);
+    return sid;
+}
+
+// An access-allowed ACE that subkeys inherit.
+Image AllowAce(std::uint32_t mask, const Image& sid) {
+    Image ace = {0x00 /* ACCESS_ALLOWED */, 0x02 /* CONTAINER_INHERIT */};
+    Append16(ace, static_cast<std::uint16_t>(8 + sid.size()));
+    Append32(ace, mask);
+    ace.insert(ace.end(), sid.begin(), sid.end());
+    return ace;
+}
+
+std::uint32_t RoundUp8(std::uint32_t n) { return (n + 7) & ~7u; }
+
+}  // namespace
+
+Image DefaultSecurityDescriptor() {
+    constexpr std::uint32_t kKeyAllAccess = 0x000F003F;
+    constexpr std::uint32_t kKeyRead = 0x00020019;
+    const Image administrators = Sid(5, {32, 544});
+    const Image system = Sid(5, {18});
+    const Image everyone = Sid(1, {0});
+
+    Image aces;
+    for (const Image& ace : {AllowAce(kKeyAllAccess, administrators), AllowAce(kKeyAllAccess, system),
+                             AllowAce(kKeyRead, everyone)})
+        aces.insert(aces.end(), ace.begin(), ace.end());
+    Image dacl = {2 /* ACL_REVISION */, 0};
+    Append16(dacl, static_cast<std::uint16_t>(8 + aces.size()));
+    Append16(dacl, 3);  // ACE count
+    Append16(dacl, 0);
+    dacl.insert(dacl.end(), aces.begin(), aces.end());
+
+    // Header, then DACL, owner and group, as the system itself lays them out.
+    constexpr std::uint32_t kHeader = 20;
+    const auto daclOffset = kHeader;
+    const auto ownerOffset = static_cast<std::uint32_t>(daclOffset + dacl.size());
+    const auto groupOffset = static_cast<std::uint32_t>(ownerOffset + administrators.size());
+    Image sd = {1 /* revision */, 0};
+    Append16(sd, 0x8004);  // self-relative, DACL present
+    Append32(sd, ownerOffset);
+    Append32(sd, groupOffset);
+    Append32(sd, 0);  // no SACL
+    Append32(sd, daclOffset);
+    sd.insert(sd.end(), dacl.begin(), dacl.end());
+    sd.insert(sd.end(), administrators.begin(), administrators.end());
+    sd.insert(sd.end(), system.begin(), system.end());
+    return sd;
+}
+
+std::uint32_t BaseBlockChecksum(const std::uint8_t* baseBlock) {
+    std::uint32_t sum = 0;
+    for (int i = 0; i < 127; ++i) {
+        const std::uint8_t* p = baseBlock + 4 * i;
+        sum ^= p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<std::uint32_t>(p[3]) << 24);
+    }
+    if (sum == 0xFFFFFFFF) return 0xFFFFFFFE;
+    if (sum == 0) return 1;
+    return sum;
+}
+
+std::uint64_t FileTimeNow() {
+    using namespace std::chrono;
+    const auto since1970 = duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count();
+    return static_cast<std::uint64_t>(since1970 / 100) + 116444736000000000ull;
+}
+
+Image BuildEmptyHive(const NewHiveOptions& options, std::uint64_t timestamp, std::string* error) {
+    if (options.minorVersion < 2 || options.minorVersion > 6) {
+        *error = "minor version must be 2 to 6 (version 1.1 has another cell layout)";
+        return {};
+    }
+    std::string rootName;
+    for (char16_t c : options.rootName) {
+        if (c > 0xFF) {
+            *error = "the root name must be Latin-1 text: it is stored one byte a character";
+            return {};
+        }
+        rootName += static_cast<char>(c);
+    }
+    if (rootName.size() > 255) {
+        *error = "the root name is too long";
+        return {};
+    }
+    const Image sd = DefaultSecurityDescriptor();
+
+    // Cells of the bin: the root nk, then its sk, then one free cell.
+    constexpr std::uint32_t kRootCell = kBinHeaderSize;
+    const std::uint32_t nkSize = RoundUp8(4 + 0x4C + static_cast<std::uint32_t>(rootName.size()));
+    const std::uint32_t skCell = kRootCell + nkSize;
+    const std::uint32_t skSize = RoundUp8(4 + 0x14 + static_cast<std::uint32_t>(sd.size()));
+    const std::uint32_t freeCell = skCell + skSize;
+
+    Image file(kBaseBlockSize + kBinSize, 0);
+    std::uint8_t* base = file.data();
+    std::memcpy(base, "regf", 4);
+    Put32(base + 0x04, 1);  // primary sequence number
+    Put32(base + 0x08, 1);  // secondary: equal, so the hive is clean
+    Put64(base + 0x0C, timestamp);
+    Put32(base + 0x14, 1);  // major version
+    Put32(base + 0x18, options.minorVersion);
+    Put32(base + 0x1C, 0);  // primary file
+    Put32(base + 0x20, 1);  // direct memory load format
+    Put32(base + 0x24, kRootCell);
+    Put32(base + 0x28, kBinSize);  // length of the bins area
+    Put32(base + 0x2C, 1);         // clustering factor
+    // The file name field holds the tail of a name in UTF-16; the root name serves.
+    for (std::size_t i = 0; i < rootName.size() && i < 31; ++i)
+        Put16(base + 0x30 + 2 * i, static_cast<std::uint8_t>(rootName[i]));
+    Put32(base + 0x1FC, BaseBlockChecksum(base));
+
+    std::uint8_t* bin = base + kBaseBlockSize;
+    std::memcpy(bin, "hbin", 4);
+    Put32(bin + 0x04, 0);  // offset of this bin
+    Put32(bin + 0x08, kBinSize);
+    Put64(bin + 0x14, timestamp);
+
+    std::uint8_t* nk = bin + kRootCell;
+    Put32(nk, static_cast<std::uint32_t>(-static_cast<std::int32_t>(nkSize)));
+    std::uint8_t* r = nk + 4;
+    std::memcpy(r, "nk", 2);
+    Put16(r + 0x02, kRootFlags);
+    Put64(r + 0x04, timestamp);
+    Put32(r + 0x10, kNoCell);  // the root has no parent
+    Put32(r + 0x14, 0);        // subkeys
+    Put32(r + 0x18, 0);        // volatile subkeys
+    Put32(r + 0x1C, kNoCell);  // subkey list
+    Put32(r + 0x20, kNoCell);  // volatile subkey list
+    Put32(r + 0x24, 0);        // values
+    Put32(r + 0x28, kNoCell);  // value list
+    Put32(r + 0x2C, skCell);
+    Put32(r + 0x30, kNoCell);  // class name
+    Put16(r + 0x48, static_cast<std::uint16_t>(rootName.size()));
+    Put16(r + 0x4A, 0);
+    std::memcpy(r + 0x4C, rootName.data(), rootName.size());
+
+    std::uint8_t* sk = bin + skCell;
+    Put32(sk, static_cast<std::uint32_t>(-static_cast<std::int32_t>(skSize)));
+    std::uint8_t* s = sk + 4;
+    std::memcpy(s, "sk", 2);
+    Put32(s + 0x04, skCell);  // the ring of one: linked to itself both ways
+    Put32(s + 0x08, skCell);
+    Put32(s + 0x0C, 1);  // referenced by the root key
+    Put32(s + 0x10, static_cast<std::uint32_t>(sd.size()));
+    std::memcpy(s + 0x14, sd.data(), sd.size());
+
+    Put32(bin + freeCell, kBinSize - freeCell);  // positive size: free
+    return file;
+}
+
+bool WriteNewHive(const std::string& path, const NewHiveOptions& options, bool overwrite, std::string* error) {
+    Image image = BuildEmptyHive(options, FileTimeNow(), error);
+    if (image.empty()) return false;
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | (overwrite ? 0 : O_EXCL), 0644);
+    if (fd < 0) {
+        *error = std::strerror(errno);
+        return false;
+    }
+    std::size_t written = 0;
+    while (written < image.size()) {
+        ssize_t n = ::write(fd, image.data() + written, image.size() - written);
+        if (n <= 0) {
+            *error = std::strerror(errno);
+            ::close(fd);
+            return false;
+        }
+        written += static_cast<std::size_t>(n);
+    }
+    if (::close(fd) != 0) {
+        *error = std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace TamvikTool

@@ -1,0 +1,36 @@
+// Writes a new, empty hive file: a base block and one bin holding the root
+// key and its security cell. It writes bytes only and needs nothing of the
+// library, so any tool can make a hive to start from.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace TamvikTool {
+
+struct NewHiveOptions {
+    std::uint32_t minorVersion = 5;  // 2 to 6; 1 has another cell layout
+    std::u16string rootName = u"ROOT";  // stored narrow: Latin-1 characters only
+};
+
+// The file image: 8192 bytes. timestamp is a FILETIME (100 ns since 1601).
+// Empty when the options can't be honoured (*error says why).
+std::vector<std::uint8_t> BuildEmptyHive(const NewHiveOptions& options, std::uint64_t timestamp, std::string* error);
+
+// The self-relative security descriptor of the root key: owner
+// BUILTIN\Administrators, group SYSTEM, and a DACL that gives Administrators
+// and SYSTEM full access and Everyone read access, inherited by subkeys.
+std::vector<std::uint8_t> DefaultSecurityDescriptor();
+
+// XOR of the first 127 words of a base block, with 0 and ~0 avoided.
+std::uint32_t BaseBlockChecksum(const std::uint8_t* baseBlock);
+
+// The current time as a FILETIME.
+std::uint64_t FileTimeNow();
+
+// Writes the image to a new file; refuses to replace an existing one unless
+// overwrite is set. False with *error on failure.
+bool WriteNewHive(const std::string& path, const NewHiveOptions& options, bool overwrite, std::string* error);
+
+}  // namespace TamvikTool

@@ -1,0 +1,210 @@
+#include "Text.h"
+
+#include <cstdio>
+
+namespace TamvikTool {
+
+std::string ToUtf8(std::u16string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        std::uint32_t c = text[i];
+        if (c >= 0xD800 && c <= 0xDBFF && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF) {
+            c = 0x10000 + ((c - 0xD800) << 10) + (text[i + 1] - 0xDC00);
+            ++i;
+        } else if (c >= 0xD800 && c <= 0xDFFF) {
+            c = 0xFFFD;
+        }
+        if (c < 0x80) {
+            out += static_cast<char>(c);
+        } else if (c < 0x800) {
+            out += static_cast<char>(0xC0 | (c >> 6));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else if (c < 0x10000) {
+            out += static_cast<char>(0xE0 | (c >> 12));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else {
+            out += static_cast<char>(0xF0 | (c >> 18));
+            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        }
+    }
+    return out;
+}
+
+std::string ToDisplay(std::u16string_view text) {
+    std::string out;
+    std::size_t start = 0;
+    for (std::size_t i = 0; i <= text.size(); ++i) {
+        if (i < text.size() && text[i] >= 0x20) continue;
+        out += ToUtf8(text.substr(start, i - start));
+        if (i < text.size()) {
+            char buffer[8];
+            std::snprintf(buffer, sizeof buffer, "\\x%02x", static_cast<unsigned>(text[i]));
+            out += buffer;
+        }
+        start = i + 1;
+    }
+    return out;
+}
+
+std::optional<std::u16string> FromUtf8(std::string_view text) {
+    std::u16string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size();) {
+        auto b = static_cast<std::uint8_t>(text[i]);
+        std::uint32_t c;
+        std::size_t n;
+        if (b < 0x80) {
+            c = b;
+            n = 1;
+        } else if ((b & 0xE0) == 0xC0) {
+            c = b & 0x1F;
+            n = 2;
+        } else if ((b & 0xF0) == 0xE0) {
+            c = b & 0x0F;
+            n = 3;
+        } else if ((b & 0xF8) == 0xF0) {
+            c = b & 0x07;
+            n = 4;
+        } else {
+            return std::nullopt;
+        }
+        if (i + n > text.size()) return std::nullopt;
+        for (std::size_t k = 1; k < n; ++k) {
+            auto t = static_cast<std::uint8_t>(text[i + k]);
+            if ((t & 0xC0) != 0x80) return std::nullopt;
+            c = (c << 6) | (t & 0x3F);
+        }
+        // Overlong forms and values outside Unicode are malformed.
+        static const std::uint32_t kMin[5] = {0, 0, 0x80, 0x800, 0x10000};
+        if (c < kMin[n] || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) return std::nullopt;
+        if (c >= 0x10000) {
+            c -= 0x10000;
+            out += static_cast<char16_t>(0xD800 + (c >> 10));
+            out += static_cast<char16_t>(0xDC00 + (c & 0x3FF));
+        } else {
+            out += static_cast<char16_t>(c);
+        }
+        i += n;
+    }
+    return out;
+}
+
+std::u16string FromLatin1(std::string_view text) {
+    std::u16string out;
+    out.reserve(text.size());
+    for (char c : text) out += static_cast<char16_t>(static_cast<std::uint8_t>(c));
+    return out;
+}
+
+bool IsAscii(std::u16string_view text) {
+    for (char16_t c : text)
+        if (c >= 0x80) return false;
+    return true;
+}
+
+std::string HexBytes(const std::uint8_t* data, std::size_t size, std::string_view separator) {
+    std::string out;
+    out.reserve(size * (2 + separator.size()));
+    static const char kDigits[] = "0123456789abcdef";
+    for (std::size_t i = 0; i < size; ++i) {
+        if (i != 0) out += separator;
+        out += kDigits[data[i] >> 4];
+        out += kDigits[data[i] & 0xF];
+    }
+    return out;
+}
+
+namespace {
+int HexDigit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+}  // namespace
+
+std::optional<Bytes> ParseHexBytes(std::string_view text) {
+    Bytes out;
+    int high = -1;
+    for (char c : text) {
+        if (c == ',' || c == ' ' || c == '\t' || c == '\\' || c == '\r' || c == '\n') {
+            // A separator may not split a byte.
+            if (high >= 0 && c != '\\' && c != '\r' && c != '\n') return std::nullopt;
+            continue;
+        }
+        int d = HexDigit(c);
+        if (d < 0) return std::nullopt;
+        if (high < 0) {
+            high = d;
+        } else {
+            out.push_back(static_cast<std::uint8_t>(high * 16 + d));
+            high = -1;
+        }
+    }
+    if (high >= 0) return std::nullopt;
+    return out;
+}
+
+std::optional<std::uint64_t> ParseNumber(std::string_view text) {
+    if (text.empty()) return std::nullopt;
+    int base = 10;
+    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+        base = 16;
+        text.remove_prefix(2);
+    }
+    std::uint64_t value = 0;
+    for (char c : text) {
+        int d = HexDigit(c);
+        if (d < 0 || d >= base) return std::nullopt;
+        std::uint64_t next = value * static_cast<std::uint64_t>(base) + static_cast<std::uint64_t>(d);
+        if ((next - static_cast<std::uint64_t>(d)) / static_cast<std::uint64_t>(base) != value) return std::nullopt;
+        value = next;
+    }
+    return value;
+}
+
+std::uint32_t LoadU32(const std::uint8_t* p) {
+    return p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<std::uint32_t>(p[3]) << 24);
+}
+std::uint16_t LoadU16(const std::uint8_t* p) { return static_cast<std::uint16_t>(p[0] | (p[1] << 8)); }
+std::uint64_t LoadU64(const std::uint8_t* p) { return LoadU32(p) | (static_cast<std::uint64_t>(LoadU32(p + 4)) << 32); }
+
+void AppendU16(Bytes& out, std::uint16_t v) {
+    out.push_back(static_cast<std::uint8_t>(v));
+    out.push_back(static_cast<std::uint8_t>(v >> 8));
+}
+void AppendU32(Bytes& out, std::uint32_t v) {
+    AppendU16(out, static_cast<std::uint16_t>(v));
+    AppendU16(out, static_cast<std::uint16_t>(v >> 16));
+}
+
+Bytes StringData(std::u16string_view text) {
+    Bytes out;
+    out.reserve(text.size() * 2 + 2);
+    for (char16_t c : text) AppendU16(out, c);
+    AppendU16(out, 0);
+    return out;
+}
+
+Bytes MultiStringData(const std::vector<std::u16string>& strings) {
+    Bytes out;
+    for (const auto& s : strings) {
+        Bytes one = StringData(s);
+        out.insert(out.end(), one.begin(), one.end());
+    }
+    AppendU16(out, 0);
+    return out;
+}
+
+std::u16string Utf16Units(const Bytes& data) {
+    std::u16string out;
+    out.reserve(data.size() / 2);
+    for (std::size_t i = 0; i + 1 < data.size(); i += 2) out += static_cast<char16_t>(LoadU16(&data[i]));
+    return out;
+}
+
+}  // namespace TamvikTool

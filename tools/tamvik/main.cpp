@@ -1,0 +1,61 @@
+// tamvik: look into an offline registry hive and change it from a shell.
+// Dispatches to the subcommand named by the first argument.
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+#include "Session.h"
+
+using namespace TamvikTool;
+
+namespace {
+
+void PrintOverview(std::FILE* out) {
+    std::fprintf(out, "usage: tamvik COMMAND [ARGS]   (tamvik COMMAND --help for details)\n\ncommands:\n");
+    for (const Command& c : AllCommands()) std::fprintf(out, "  %-8s %s\n", c.name, c.summary);
+}
+
+bool WantsHelp(const CommandArgs& args) {
+    for (const std::string& a : args) {
+        if (a == "--") return false;
+        if (a == "--help" || a == "-h") return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        PrintOverview(stderr);
+        return kExitUsage;
+    }
+    const std::string name = argv[1];
+    if (name == "--help" || name == "-h" || name == "help") {
+        PrintOverview(stdout);
+        return kExitOk;
+    }
+    for (const Command& command : AllCommands()) {
+        if (name != command.name) continue;
+        CommandArgs args(argv + 2, argv + argc);
+        if (WantsHelp(args)) {
+            std::fputs(command.help, stdout);
+            return kExitOk;
+        }
+        try {
+            return command.run(args);
+        } catch (const ToolError& e) {
+            std::fprintf(stderr, "tamvik %s: %s\n", command.name, e.what());
+            return e.Status();
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "tamvik %s: %s\n", command.name, e.what());
+            return kExitFailed;
+        }
+    }
+    std::fprintf(stderr, "tamvik: unknown command '%s'\n", name.c_str());
+    PrintOverview(stderr);
+    return kExitUsage;
+}
