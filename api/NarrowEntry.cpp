@@ -114,10 +114,8 @@ LONG RegQueryValueExA(HKEY key, const char* name, DWORD*, DWORD* type, BYTE* dat
     if (node == nullptr || name == nullptr) return Result::Invalid;
     std::optional<WString> wide = WidenArgument(name);
     if (!wide || node->ValueCount() == 0) return Result::Invalid;
-    Hive* hive = HiveAbove(node);
-    if (hive == nullptr) return Result::Invalid;
-    const WString upper = UpperCaseName(*wide);
-    Val* value = node->FindValue(hive, upper.c_str());
+    Hive* hive = nullptr;
+    Val* value = FindValueNamed(node, *wide, &hive);
     if (value == nullptr) return Result::Invalid;
     return DeliverNarrow(value, hive, type, data, dataSize);
 }
@@ -126,13 +124,10 @@ LONG RegEnumValueA(HKEY key, DWORD index, char* name, DWORD* nameLength, DWORD*,
                    DWORD* dataSize) {
     Key* node = KeyOf(key);
     if (node == nullptr || name == nullptr || nameLength == nullptr) return Result::Invalid;
-    if (node->ValueCount() == 0 || index >= node->ValueCount()) return Result::Invalid;
-    Hive* hive = HiveAbove(node);
-    if (hive == nullptr) return Result::Invalid;
-    std::unique_ptr<SubValList> list = node->GetValueList(hive);
-    if (list == nullptr) return Result::Corrupt;
-    std::unique_ptr<Val> value = list->GetAt(hive, index);
-    if (value == nullptr) return Result::Corrupt;
+    Hive* hive = nullptr;
+    std::unique_ptr<SubValList> list;
+    std::unique_ptr<Val> value;
+    if (LONG result = ValueAt(node, index, &hive, &list, &value); result != Result::Ok) return result;
     const std::string narrow = NarrowLossy(value->GetName());
     // *nameLength is the room in name in bytes, terminator included.
     if (*nameLength < narrow.size() + 1) return Result::Invalid;

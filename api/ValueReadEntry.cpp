@@ -6,6 +6,26 @@
 
 namespace Tamvik {
 
+Val* FindValueNamed(Key* key, const WString& name, Hive** hive) {
+    *hive = HiveAbove(key);
+    if (*hive == nullptr) return nullptr;
+    const WString upper = UpperCaseName(name);
+    return key->FindValue(*hive, upper.c_str());
+}
+
+RegAPI::LONG ValueAt(Key* key, RegAPI::DWORD index, Hive** hive, std::unique_ptr<SubValList>* list,
+                     std::unique_ptr<Val>* value) {
+    using namespace RegAPI;
+    if (key->ValueCount() == 0 || index >= key->ValueCount()) return Result::Invalid;
+    *hive = HiveAbove(key);
+    if (*hive == nullptr) return Result::Invalid;
+    *list = key->GetValueList(*hive);
+    if (*list == nullptr) return Result::Corrupt;
+    *value = (*list)->GetAt(*hive, index);
+    if (*value == nullptr) return Result::Corrupt;
+    return Result::Ok;
+}
+
 RegAPI::LONG Deliver(Val* value, Hive* hive, RegAPI::DWORD* type, RegAPI::BYTE* data, RegAPI::DWORD* dataSize) {
     using namespace RegAPI;
     if (type != nullptr) *type = value->ValueType();
@@ -28,10 +48,8 @@ using namespace Tamvik;
 LONG RegQueryValueExW(HKEY key, const WCHAR* name, DWORD*, DWORD* type, BYTE* data, DWORD* dataSize) {
     Key* node = KeyOf(key);
     if (node == nullptr || name == nullptr || node->ValueCount() == 0) return Result::Invalid;
-    Hive* hive = HiveAbove(node);
-    if (hive == nullptr) return Result::Invalid;
-    const WString upper = UpperCaseName(name);
-    Val* value = node->FindValue(hive, upper.c_str());
+    Hive* hive = nullptr;
+    Val* value = FindValueNamed(node, WString(name), &hive);
     if (value == nullptr) return Result::Invalid;
     return Deliver(value, hive, type, data, dataSize);
 }
@@ -40,13 +58,10 @@ LONG RegEnumValueW(HKEY key, DWORD index, WCHAR* name, DWORD* nameLength, DWORD*
                    DWORD* dataSize) {
     Key* node = KeyOf(key);
     if (node == nullptr || name == nullptr || nameLength == nullptr) return Result::Invalid;
-    if (node->ValueCount() == 0 || index >= node->ValueCount()) return Result::Invalid;
-    Hive* hive = HiveAbove(node);
-    if (hive == nullptr) return Result::Invalid;
-    std::unique_ptr<SubValList> list = node->GetValueList(hive);
-    if (list == nullptr) return Result::Corrupt;
-    std::unique_ptr<Val> value = list->GetAt(hive, index);
-    if (value == nullptr) return Result::Corrupt;
+    Hive* hive = nullptr;
+    std::unique_ptr<SubValList> list;
+    std::unique_ptr<Val> value;
+    if (LONG result = ValueAt(node, index, &hive, &list, &value); result != Result::Ok) return result;
     const WString found = value->GetName();
     // *nameLength is the room in name, terminator included: nothing is written past it.
     if (*nameLength < found.size() + 1) return Result::Invalid;

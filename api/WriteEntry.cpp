@@ -2,6 +2,7 @@
 // callers (and RegCreateKeyExA, which the wide create goes through).
 #include "api/Convert.h"
 #include "api/EntryFrame.h"
+#include "api/ValueRead.h"
 #include "api/WriteChecks.h"
 #include "edit/Edit.h"
 #include "nodes/SubKeyList.h"
@@ -13,10 +14,8 @@ bool HasFixedSize(RegAPI::DWORD type) { return type == 4 || type == 5 || type ==
 RegAPI::LONG ReplaceValue(Key* key, const WString& name, RegAPI::DWORD type, RegAPI::DWORD size,
                           const RegAPI::BYTE* storedData, RegAPI::DWORD storedSize) {
     using namespace RegAPI;
-    Hive* hive = HiveAbove(key);
-    if (hive == nullptr) return Result::Invalid;
-    const WString upper = UpperCaseName(name);
-    Val* value = key->FindValue(hive, upper.c_str());
+    Hive* hive = nullptr;
+    Val* value = FindValueNamed(key, name, &hive);
     if (value == nullptr) return Result::Invalid;
     if (type != value->ValueType()) return Result::Invalid;
     if (HasFixedSize(type) && size != value->StoredLength()) return Result::Invalid;
@@ -24,10 +23,8 @@ RegAPI::LONG ReplaceValue(Key* key, const WString& name, RegAPI::DWORD type, Reg
 }
 
 bool ValueExists(Key* key, const WString& name) {
-    Hive* hive = HiveAbove(key);
-    if (hive == nullptr || key->ValueCount() == 0) return false;
-    const WString upper = UpperCaseName(name);
-    return key->FindValue(hive, upper.c_str()) != nullptr;
+    Hive* hive = nullptr;
+    return key->ValueCount() != 0 && FindValueNamed(key, name, &hive) != nullptr;
 }
 
 RegAPI::LONG CreateValue(Key* key, const std::string& narrowName, RegAPI::DWORD type, const RegAPI::BYTE* data,
@@ -49,10 +46,8 @@ RegAPI::LONG DeleteKeyAt(Key* key, const char16_t* path) {
 
 RegAPI::LONG DeleteValueNamed(Key* key, const char16_t* name) {
     using namespace RegAPI;
-    Hive* hive = HiveAbove(key);
-    if (hive == nullptr) return Result::Invalid;
-    const WString upper = UpperCaseName(name);
-    Val* value = key->FindValue(hive, upper.c_str());
+    Hive* hive = nullptr;
+    Val* value = FindValueNamed(key, WString(name), &hive);
     if (value == nullptr) return Result::Invalid;
     DeleteValue(value, hive);
     return Result::Ok;

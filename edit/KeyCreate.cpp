@@ -119,24 +119,11 @@ std::uint32_t WriteSubKeyList(Key* owner, Hive* hive, const std::string& name, s
     std::vector<std::uint8_t> leaf(4 + static_cast<std::size_t>(count + 1) * kFastEntry);
     if (!InsertSubKeyEntry(owner, hive, list->record, leaf.data(), name, keyCell)) return 0;
 
+    // The list stays in a cell with room for the new entry and 8 bytes more.
     CellPlan plan;
     const std::uint32_t capacity = list->GetBufferSize();
-    if (static_cast<std::int32_t>(capacity) >= static_cast<std::int32_t>(asked + 8)) {
-        plan.offset = owner->Field(NkField::SubKeyListCell);
-        plan.cellSize = capacity;
-        plan.imageLength = capacity;
-    } else {
-        CellRef old = hive->GetCell(list->GetOffset());
-        if (!old.IsUsable()) return 0;
-        const std::uint32_t oldOffset = old.offset;
-        const std::uint32_t oldSize = old.Magnitude();
-        // Freed first, so that the search can take the space it gives back.
-        FreeCell(old, hive);
-        if (!PlanCell(hive, asked, plan)) {
-            ReclaimCell(hive, oldOffset, oldSize);
-            return 0;
-        }
-    }
+    const bool stays = static_cast<std::int32_t>(capacity) >= static_cast<std::int32_t>(asked + 8);
+    if (!PlanListRewrite(hive, list->GetOffset(), capacity, stays, asked, plan)) return 0;
     owner->subKeyList.reset();
     list.reset();
     std::vector<std::uint8_t> image(plan.imageLength);

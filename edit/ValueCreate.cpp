@@ -58,24 +58,11 @@ std::uint32_t WriteValueList(Key* owner, Hive* hive, std::uint32_t valueCell) {
     }
     std::unique_ptr<SubValList> list = owner->GetValueList(hive);
     if (list == nullptr || list->EntriesHeld() < count) return 0;
+    // Unlike a subkey list, a value list stays only in a cell larger than it needs.
     CellPlan plan;
     const std::uint32_t capacity = list->GetBufferSize();
-    if (static_cast<std::int32_t>(capacity) > static_cast<std::int32_t>(count * 4 + 8)) {
-        plan.offset = owner->Field(NkField::ValueListCell);
-        plan.cellSize = capacity;
-        plan.imageLength = capacity;
-    } else {
-        CellRef old = hive->GetCell(list->GetOffset());
-        if (!old.IsUsable()) return 0;
-        const std::uint32_t oldOffset = old.offset;
-        const std::uint32_t oldSize = old.Magnitude();
-        // Freed first, so that the search can take the space it gives back.
-        FreeCell(old, hive);
-        if (!PlanCell(hive, asked, plan)) {
-            ReclaimCell(hive, oldOffset, oldSize);
-            return 0;
-        }
-    }
+    const bool stays = static_cast<std::int32_t>(capacity) > static_cast<std::int32_t>(count * 4 + 8);
+    if (!PlanListRewrite(hive, list->GetOffset(), capacity, stays, asked, plan)) return 0;
     std::vector<std::uint8_t> image(plan.imageLength);
     std::memcpy(image.data() + 4, list->record.Data(), static_cast<std::size_t>(count) * 4);
     StoreU32(image.data() + 4 + count * 4, valueCell);

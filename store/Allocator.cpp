@@ -232,6 +232,25 @@ std::uint32_t WriteDataCell(Hive* hive, const std::uint8_t* data, std::uint32_t 
     });
 }
 
+bool PlanListRewrite(Hive* hive, std::uint32_t listCell, std::uint32_t capacity, bool stays, std::uint32_t askedSize,
+                     CellPlan& plan) {
+    if (stays) {
+        plan.offset = listCell;
+        plan.cellSize = capacity;
+        plan.imageLength = capacity;
+        plan.remainder = 0;
+        return true;
+    }
+    CellRef old = hive->GetCell(listCell);
+    if (!old.IsUsable()) return false;
+    const std::uint32_t oldOffset = old.offset;
+    const std::uint32_t oldSize = old.Magnitude();
+    FreeCell(old, hive);
+    if (PlanCell(hive, askedSize, plan)) return true;
+    ReclaimCell(hive, oldOffset, oldSize);
+    return false;
+}
+
 bool ReclaimCell(Hive* hive, std::uint32_t cellOffset, std::uint32_t cellSize) {
     CellRef probe;
     probe.offset = cellOffset;

@@ -42,6 +42,14 @@ void WritePlannedCell(Hive* hive, const CellPlan& plan, std::uint8_t* image);
 using RecordFiller = std::function<void(std::uint8_t* record, std::uint32_t capacity)>;
 std::uint32_t CreateCell(Hive* hive, std::uint32_t askedSize, const RecordFiller& fill);
 
+// Where a list goes when it is rewritten with one entry more: in place, in a
+// cell of capacity bytes at listCell, when stays is true; else in a new cell of
+// the asked size, the old one released first so that the search can take the
+// space it gives back. If no new cell can be had, the old one is taken back
+// and false given: the owner's list stays as it was.
+bool PlanListRewrite(Hive* hive, std::uint32_t listCell, std::uint32_t capacity, bool stays, std::uint32_t askedSize,
+                     CellPlan& plan);
+
 // Takes back a cell that FreeCell released (when what was to replace it could
 // not be made), provided it still lies whole inside one free cell of its bin.
 bool ReclaimCell(Hive* hive, std::uint32_t cellOffset, std::uint32_t cellSize);

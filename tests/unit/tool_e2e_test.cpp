@@ -788,6 +788,23 @@ TEST_F(ToolTest, CheckFindsDamageWithOffsets) {
     EXPECT_NE(run.out.find("names a free cell"), std::string::npos) << run.out;
 }
 
+// --- the clean real hives ---------------------------------------------------
+
+// The clean real hives by path; empty (so no case runs) when the shared folder is absent.
+std::vector<std::string> CleanHives() {
+    std::vector<std::string> hives;
+    const std::string dir = TamvikTest::SharedHivesDir();
+    if (dir.empty()) return hives;
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(dir + "/clean", ignored))
+        if (entry.is_regular_file()) hives.push_back(entry.path().string());
+    std::sort(hives.begin(), hives.end());
+    return hives;
+}
+
+// One clean real hive per case, with the tool's scratch folder.
+class CleanHiveTest : public ToolTest, public ::testing::WithParamInterface<std::string> {};
+
 TEST_P(CleanHiveTest, CheckAndInfoAcceptIt) {
     Outcome check = Tool({"check", GetParam()});
     EXPECT_EQ(check.status, 0) << check.out;
