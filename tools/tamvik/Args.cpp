@@ -31,19 +31,19 @@ Args ParseArgs(const std::vector<std::string>& argv, const std::vector<OptionSpe
             name = arg.substr(0, eq);
             inlineValue = arg.substr(eq + 1);
         }
-        const OptionSpec* spec = nullptr;
+        const OptionSpec* chosen = nullptr;
         for (const auto& option : options)
-            if (option.name == name || (!option.alias.empty() && option.alias == name)) spec = &option;
-        if (spec == nullptr) UsageError(command + ": unknown option " + name + " (see tamvik " + command + " --help)");
-        if (spec->takesValue) {
+            if (option.name == name || (!option.alias.empty() && option.alias == name)) chosen = &option;
+        if (chosen == nullptr) UsageError(command + ": unknown option " + name + " (see tamvik " + command + " --help)");
+        if (chosen->takesValue) {
             if (!inlineValue) {
                 if (i + 1 >= argv.size()) UsageError(command + ": option " + name + " needs a value");
                 inlineValue = argv[++i];
             }
-            args.values[spec->name] = *inlineValue;
+            args.values[chosen->name] = *inlineValue;
         } else {
             if (inlineValue) UsageError(command + ": option " + name + " takes no value");
-            args.flags.insert(spec->name);
+            args.flags.insert(chosen->name);
         }
     }
     const int count = static_cast<int>(args.positional.size());
