@@ -144,6 +144,14 @@ CellRef PrevCell(const BinRef& bin, Hive* hive, const CellRef& cell) {
 
 void FreeCell(CellRef& cell, Hive* hive) {
     if (!cell.IsValid()) return;
+    // The two words behind the size go back to the file with the header: take
+    // them as the file holds them now. A ref read before other cells were
+    // written can hold stale ones, and in an 8-byte cell the second word is the
+    // next cell's size field, which a new cell behind may have changed since.
+    if (CellRef fresh = hive->GetCell(cell.offset); fresh.IsValid()) {
+        cell.word1 = fresh.word1;
+        cell.word2 = fresh.word2;
+    }
     std::uint32_t size = cell.Magnitude();
     BinRef bin = hive->FindBin(cell);
     if (bin.IsValid()) {
