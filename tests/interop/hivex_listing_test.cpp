@@ -16,65 +16,15 @@
 #include <vector>
 
 #include "support/ApiListing.h"
+#include "support/Shell.h"
 #include "support/TempFile.h"
 
 namespace {
 
+using TamvikTest::Capture;
+using TamvikTest::Quoted;
+
 constexpr const char* kPython = "/usr/bin/python3";
-
-bool IsDirectory(const std::string& path) {
-    struct stat info {};
-    return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
-// The shared hives: TAMVIK_HIVES when set, else the place the build names.
-// The support library is compiled without that place, so it is tried here.
-std::string HivesDir() {
-    std::string dir = TamvikTest::SharedHivesDir();
-    if (dir.empty() && std::getenv("TAMVIK_HIVES") == nullptr &&
-        IsDirectory(std::string(TAMVIK_SHARED_HIVES) + "/clean")) {
-        dir = TAMVIK_SHARED_HIVES;
-    }
-    return dir;
-}
-
-// File names in the clean folder, sorted. When the folder is missing, one
-// empty name stands in so that the suite is instantiated and can skip.
-std::vector<std::string> CleanHiveNames() {
-    std::vector<std::string> names;
-    const std::string dir = HivesDir();
-    if (!dir.empty()) {
-        if (DIR* folder = opendir((dir + "/clean").c_str())) {
-            while (const dirent* entry = readdir(folder)) {
-                const std::string name = entry->d_name;
-                struct stat info {};
-                if (stat((dir + "/clean/" + name).c_str(), &info) == 0 && S_ISREG(info.st_mode)) names.push_back(name);
-            }
-            closedir(folder);
-        }
-    }
-    std::sort(names.begin(), names.end());
-    if (names.empty()) names.emplace_back();
-    return names;
-}
-
-std::string Quoted(const std::string& text) {
-    std::string out = "'";
-    for (char c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
-
-// Whole stdout of a shell command, and its exit status (-1 if it didn't run).
-std::pair<int, std::string> Capture(const std::string& command) {
-    std::string output;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return {-1, output};
-    char chunk[65536];
-    std::size_t got = 0;
-    while ((got = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) output.append(chunk, got);
-    const int status = pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
 
 bool PythonHasHivex() {
     static const bool has =
@@ -133,7 +83,7 @@ TEST_P(HivexListing, ApiWalkEqualsHivex) {
     const std::string& name = GetParam();
     if (name.empty()) GTEST_SKIP() << "shared hives folder absent (set TAMVIK_HIVES to the hives folder)";
     if (!PythonHasHivex()) GTEST_SKIP() << kPython << " lacks the hivex module (Debian package python3-hivex)";
-    const std::string path = HivesDir() + "/clean/" + name;
+    const std::string path = TamvikTest::SharedHivesDir() + "/clean/" + name;
 
     const TamvikTest::ApiListing ours = TamvikTest::ListHiveFile(path);
     ASSERT_TRUE(ours.opened) << (ours.problems.empty() ? "" : ours.problems.front());
@@ -150,7 +100,7 @@ TEST_P(HivexListing, ApiWalkEqualsHivex) {
     EXPECT_TRUE(ours.lines == theirs.lines) << DescribeDifference(ours.lines, theirs.lines);
 }
 
-INSTANTIATE_TEST_SUITE_P(CleanHives, HivexListing, ::testing::ValuesIn(CleanHiveNames()),
+INSTANTIATE_TEST_SUITE_P(CleanHives, HivexListing, ::testing::ValuesIn(TamvikTest::CleanHiveNames()),
                          [](const ::testing::TestParamInfo<std::string>& info) {
                              std::string id = info.param.empty() ? "NoSharedHives" : info.param;
                              for (char& c : id) {

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "support/ApiListing.h"
+#include "support/Shell.h"
 
 namespace TamvikTest {
 
@@ -17,24 +18,6 @@ constexpr const char* kPython = "/usr/bin/python3";
 
 // Room for the longest name a record can hold, plus the terminator.
 constexpr DWORD kNameRoom = 65536 + 1;
-
-std::string Quoted(const std::string& text) {
-    std::string out = "'";
-    for (char c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
-
-// Whole stdout of a shell command, and its exit status (-1 if it didn't run).
-std::pair<int, std::string> Capture(const std::string& command) {
-    std::string output;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return {-1, output};
-    char chunk[65536];
-    std::size_t got = 0;
-    while ((got = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) output.append(chunk, got);
-    const int status = pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
 
 std::u16string WidenAscii(const std::string& text) { return std::u16string(text.begin(), text.end()); }
 

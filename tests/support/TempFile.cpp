@@ -2,6 +2,9 @@
 
 #include <unistd.h>
 
+#include <dirent.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -58,6 +61,22 @@ std::string SharedHivesDir() {
     struct stat info {};
     if (dir.empty() || stat((dir + "/clean").c_str(), &info) != 0) return "";
     return dir;
+}
+
+std::vector<std::string> CleanHiveNames() {
+    std::vector<std::string> names;
+    const std::string dir = SharedHivesDir();
+    if (DIR* folder = dir.empty() ? nullptr : opendir((dir + "/clean").c_str())) {
+        while (const dirent* entry = readdir(folder)) {
+            const std::string name = entry->d_name;
+            struct stat info {};
+            if (stat((dir + "/clean/" + name).c_str(), &info) == 0 && S_ISREG(info.st_mode)) names.push_back(name);
+        }
+        closedir(folder);
+    }
+    std::sort(names.begin(), names.end());
+    if (names.empty()) names.emplace_back();
+    return names;
 }
 
 }  // namespace TamvikTest

@@ -30,5 +30,8 @@ private:
 std::vector<std::uint8_t> ReadFileBytes(const std::string& path);
 // The folder of shared real hives, or empty when it isn't there.
 std::string SharedHivesDir();
+// File names in the shared clean folder, sorted. When the folder is missing,
+// one empty name stands in, so that a suite over them is made and can skip.
+std::vector<std::string> CleanHiveNames();
 
 }  // namespace TamvikTest

@@ -83,22 +83,6 @@ std::uint64_t RunSeed(const std::string& label) {
 
 std::string ScriptPath() { return std::string(TAMVIK_SOURCE_DIR) + "/tests/model/peer_listing.py"; }
 
-bool IsDirectory(const std::string& path) {
-    struct stat info {};
-    return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
-// The shared hives: TAMVIK_HIVES when set, else the place the build names
-// (the support library is compiled without that place).
-std::string HivesDir() {
-    std::string dir = TamvikTest::SharedHivesDir();
-    if (dir.empty() && std::getenv("TAMVIK_HIVES") == nullptr &&
-        IsDirectory(std::string(TAMVIK_SHARED_HIVES) + "/clean")) {
-        dir = TAMVIK_SHARED_HIVES;
-    }
-    return dir;
-}
-
 // Random choices of names, types and data, concentrated where the library
 // changes form: inline up to 4 bytes, cell sizes around 12/13, the db line at
 // 16344/16345, and several segments.
@@ -771,25 +755,6 @@ TEST(EditModelFound, GrowingEightByteDataCellIntoDb) { GrowOutOfAnEightByteCell(
 // Growing within the cell's room and growing from a cell of 16 bytes are sound.
 TEST(EditModelFound, GrowingWithinEightByteDataCell) { GrowOutOfAnEightByteCell(3, 4); }
 
-std::vector<std::string> CleanHiveNames() {
-    std::vector<std::string> names;
-    const std::string dir = HivesDir();
-    if (!dir.empty()) {
-        if (DIR* folder = opendir((dir + "/clean").c_str())) {
-            while (const dirent* entry = readdir(folder)) {
-                const std::string name = entry->d_name;
-                struct stat info {};
-                if (stat((dir + "/clean/" + name).c_str(), &info) == 0 && S_ISREG(info.st_mode)) names.push_back(name);
-            }
-            closedir(folder);
-        }
-    }
-    std::sort(names.begin(), names.end());
-    // One empty name stands in when the folder is missing, so that the suite can skip.
-    if (names.empty()) names.emplace_back();
-    return names;
-}
-
 // Runs on a copy of a real hive; the model is a new key below the root.
 class EditModelClean : public ::testing::TestWithParam<std::string> {};
 
@@ -797,7 +762,7 @@ TEST_P(EditModelClean, RandomOperationsBelowANewKey) {
     if (GetParam().empty()) GTEST_SKIP() << "shared hives folder absent (set TAMVIK_HIVES to the hives folder)";
     const std::string missing = TamvikTest::PeersMissing();
     if (!missing.empty()) GTEST_SKIP() << missing;
-    TamvikTest::TempFile file = TamvikTest::TempFile::CopyOf(HivesDir() + "/clean/" + GetParam());
+    TamvikTest::TempFile file = TamvikTest::TempFile::CopyOf(TamvikTest::SharedHivesDir() + "/clean/" + GetParam());
     const Bytes bytes = file.Read();
     ASSERT_GE(bytes.size(), 4096u);
     const std::uint32_t minorVersion = bytes[0x18] | (bytes[0x19] << 8) | (bytes[0x1A] << 16) |
@@ -838,7 +803,7 @@ TEST_P(EditModelClean, RandomOperationsBelowANewKey) {
     run.ReportTolerated();
 }
 
-INSTANTIATE_TEST_SUITE_P(EditModel, EditModelClean, ::testing::ValuesIn(CleanHiveNames()),
+INSTANTIATE_TEST_SUITE_P(EditModel, EditModelClean, ::testing::ValuesIn(TamvikTest::CleanHiveNames()),
                          [](const ::testing::TestParamInfo<std::string>& info) {
                              std::string id = info.param.empty() ? "NoSharedHives" : info.param;
                              for (char& c : id) {
