@@ -5,58 +5,29 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "store/ByteOrder.h"
+#include "store/Format.h"
+
 namespace TamvikTest {
 
+using namespace Tamvik;
+
 namespace {
-
-constexpr std::uint32_t kBase = 4096;
-constexpr std::uint32_t kBinHeader = 32;
-constexpr std::uint32_t kNone = 0xFFFFFFFF;
-constexpr std::uint32_t kSegment = 16344;
-
-void Put16(std::uint8_t* p, std::uint16_t v) {
-    p[0] = static_cast<std::uint8_t>(v);
-    p[1] = static_cast<std::uint8_t>(v >> 8);
-}
-void Put32(std::uint8_t* p, std::uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<std::uint8_t>(v >> (8 * i));
-}
-std::uint32_t Get32(const std::uint8_t* p) {
-    return static_cast<std::uint32_t>(p[0]) | (static_cast<std::uint32_t>(p[1]) << 8) |
-           (static_cast<std::uint32_t>(p[2]) << 16) | (static_cast<std::uint32_t>(p[3]) << 24);
-}
-
-void Append16(Bytes& b, std::uint16_t v) {
-    b.push_back(static_cast<std::uint8_t>(v));
-    b.push_back(static_cast<std::uint8_t>(v >> 8));
-}
-void Append32(Bytes& b, std::uint32_t v) {
-    for (int i = 0; i < 4; ++i) b.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
-}
-void AppendSig(Bytes& b, const char* sig) {
-    b.push_back(static_cast<std::uint8_t>(sig[0]));
-    b.push_back(static_cast<std::uint8_t>(sig[1]));
-}
 
 std::uint32_t RoundUp(std::uint64_t value, std::uint32_t unit) {
     return static_cast<std::uint32_t>((value + unit - 1) / unit * unit);
 }
 
-// Name bytes as stored: narrow names as they are, wide ones widened byte by byte to UTF-16LE.
-Bytes StoredName(const std::string& name, bool wide) {
-    Bytes out;
-    for (char c : name) {
-        out.push_back(static_cast<std::uint8_t>(c));
-        if (wide) out.push_back(0);
-    }
-    return out;
+void Append(Bytes& out, std::uint32_t value, int width) {
+    for (int i = 0; i < width; ++i) out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
 }
 
-// Writes a cell's header (size, and PrevLink in the second layout) into area.
-void WriteCellHeader(Bytes& area, std::uint32_t offset, std::int32_t size, bool withPrevLink,
-                     std::uint32_t prevLink, std::uint32_t magnitude) {
-    Put32(&area[offset], static_cast<std::uint32_t>(size));
-    if (withPrevLink && magnitude >= 8) Put32(&area[offset + 4], prevLink);
+// Narrow names are stored as given, wide ones widened byte by byte to UTF-16LE.
+std::string StoredName(const std::string& name, bool wide) {
+    if (!wide) return name;
+    std::string out;
+    for (char c : name) out += {c, '\0'};
+    return out;
 }
 
 std::uint32_t CountKeys(const TreeKey& key) {
@@ -67,382 +38,255 @@ std::uint32_t CountKeys(const TreeKey& key) {
 
 }  // namespace
 
-HiveBuilder::HiveBuilder(std::uint32_t minorVersion) : minorVersion_(minorVersion) {}
-
-// --- Bins and raw cells -----------------------------------------------------
-
 std::uint32_t HiveBuilder::AddBin(std::uint32_t size) {
     CloseBin();
-    const std::uint32_t offset = static_cast<std::uint32_t>(area_.size());
+    const auto offset = static_cast<std::uint32_t>(area_.size());
     area_.resize(static_cast<std::size_t>(offset) + size, 0);
-    std::memcpy(&area_[offset], "hbin", 4);
-    Put32(&area_[offset + 4], offset);
-    Put32(&area_[offset + 8], size);
+    StoreU32(&area_[offset + BinField::Signature], kHbinSignature);
+    StoreU32(&area_[offset + BinField::BinOffset], offset);
+    StoreU32(&area_[offset + BinField::BinSize], size);
     binStart_ = offset;
     binEnd_ = offset + size;
-    position_ = offset + kBinHeader;
-    lastCell_ = kNone;
+    position_ = offset + kBinHeaderSize;
+    lastCell_ = kNoCell;
     return offset;
 }
 
-void HiveBuilder::CloseBin() {
-    if (position_ >= binEnd_) return;
-    const std::uint32_t rest = binEnd_ - position_;
-    // The rest of a bin is one free cell, linked like any other cell of the bin.
-    WriteCellHeader(area_, position_, static_cast<std::int32_t>(rest), minorVersion_ == 1,
-                    lastCell_ == kNone ? kNone : lastCell_ - binStart_, rest);
-    lastCell_ = position_;
-    position_ = binEnd_;
+void HiveBuilder::CloseBin(bool allocated) {
+    if (position_ < binEnd_) AddCell({}, allocated, binEnd_ - position_);
 }
 
-std::uint32_t HiveBuilder::PlaceCell(const Bytes& payload, bool allocated, std::uint32_t cellSize) {
-    const std::uint32_t header = PayloadOffset();
-    const std::uint32_t size = cellSize != 0 ? cellSize : RoundUp(payload.size() + header, 8);
-    if (area_.empty() || static_cast<std::uint64_t>(position_) + size > binEnd_) {
-        AddBin(RoundUp(static_cast<std::uint64_t>(size) + kBinHeader, 4096));
-    }
+std::uint32_t HiveBuilder::AddCell(const Bytes& payload, bool allocated, std::uint32_t cellSize) {
+    const std::uint32_t size = cellSize != 0 ? cellSize : RoundUp(payload.size() + Payload(), 8);
+    if (area_.empty() || static_cast<std::uint64_t>(position_) + size > binEnd_)
+        AddBin(RoundUp(static_cast<std::uint64_t>(size) + kBinHeaderSize, kBinAlignment));
     const std::uint32_t offset = position_;
-    const std::int32_t stored = allocated ? -static_cast<std::int32_t>(size) : static_cast<std::int32_t>(size);
-    WriteCellHeader(area_, offset, stored, minorVersion_ == 1,
-                    lastCell_ == kNone ? kNone : lastCell_ - binStart_, size);
-    // A payload longer than the chosen cell is cut: the cell's size is what a test asked for.
-    if (size > header && !payload.empty()) {
-        const std::size_t room = size - header;
-        std::memcpy(&area_[offset + header], payload.data(), std::min(room, payload.size()));
-    }
+    StoreI32(&area_[offset], allocated ? -static_cast<std::int32_t>(size) : static_cast<std::int32_t>(size));
+    if (minor_ == 1 && size >= 8) StoreU32(&area_[offset + 4], lastCell_ == kNoCell ? kNoCell : lastCell_ - binStart_);
+    if (size > Payload())
+        std::memcpy(&area_[offset + Payload()], payload.data(), std::min<std::size_t>(size - Payload(), payload.size()));
     lastCell_ = offset;
     position_ = offset + size;
     return offset;
 }
 
-std::uint32_t HiveBuilder::AddCell(const Bytes& payload, bool allocated, std::uint32_t cellSize) {
-    return PlaceCell(payload, allocated, cellSize);
+void HiveBuilder::AddCells(std::initializer_list<std::int32_t> sizes) {
+    for (std::int32_t size : sizes) AddCell({}, size < 0, static_cast<std::uint32_t>(size < 0 ? -size : size));
 }
 
-std::uint32_t HiveBuilder::AddFreeCell(std::uint32_t cellSize) { return PlaceCell({}, false, cellSize); }
-
-// --- Records ----------------------------------------------------------------
-
 std::uint32_t HiveBuilder::AddNk(const NkFields& f, std::uint32_t cellSize) {
-    Bytes p(0x4C, 0);
-    p[0] = 'n';
-    p[1] = 'k';
-    const std::uint16_t flags = f.wideName ? static_cast<std::uint16_t>(f.flags & ~0x20) : f.flags;
-    Put16(&p[0x02], flags);
-    Put32(&p[0x10], f.parent);
-    Put32(&p[0x14], f.subKeyCount);
-    Put32(&p[0x1C], f.subKeyList);
-    Put32(&p[0x24], f.valueCount);
-    Put32(&p[0x28], f.valueList);
-    Put32(&p[0x2C], f.security);
-    Put32(&p[0x30], f.classCell);
-    Put32(&p[0x34], f.maxSubKeyName);
-    Put32(&p[0x3C], f.maxValueName);
-    Put32(&p[0x40], f.maxValueData);
-    const std::uint16_t nameLength = f.nameLengthOverride >= 0 ? static_cast<std::uint16_t>(f.nameLengthOverride)
-                                                               : static_cast<std::uint16_t>(f.name.size());
-    Put16(&p[0x48], nameLength);
-    Put16(&p[0x4A], f.classLength);
+    Bytes p(NkField::Name, 0);
+    StoreU16(&p[NkField::Signature], kNkSignature);
+    StoreU16(&p[NkField::Flags], f.flags);
+    StoreU32(&p[NkField::SubKeyCount], f.subKeyCount);
+    StoreU32(&p[NkField::SubKeyListCell], f.subKeyList);
+    StoreU32(&p[NkField::ValueCount], f.valueCount);
+    StoreU32(&p[NkField::ValueListCell], f.valueList);
+    StoreU32(&p[NkField::SecurityCell], f.security);
+    StoreU32(&p[NkField::ClassCell], f.classCell);
+    StoreU16(&p[NkField::NameLength], static_cast<std::uint16_t>(f.nameLength >= 0 ? f.nameLength : f.name.size()));
+    StoreU16(&p[NkField::ClassLength], f.classLength);
     p.insert(p.end(), f.name.begin(), f.name.end());
-    return PlaceCell(p, true, cellSize);
+    return AddCell(p, true, cellSize);
 }
 
 std::uint32_t HiveBuilder::AddVk(const VkFields& f, std::uint32_t cellSize) {
-    Bytes p(0x14, 0);
-    p[0] = 'v';
-    p[1] = 'k';
-    const std::uint16_t nameLength = f.nameLengthOverride >= 0 ? static_cast<std::uint16_t>(f.nameLengthOverride)
-                                                               : static_cast<std::uint16_t>(f.name.size());
-    Put16(&p[0x02], nameLength);
-    Put32(&p[0x04], f.dataLength);
-    Put32(&p[0x08], f.dataCell);
-    Put32(&p[0x0C], f.type);
-    Put16(&p[0x10], f.wideName ? 0 : 1);
+    Bytes p(VkField::Name, 0);
+    StoreU16(&p[VkField::Signature], kVkSignature);
+    StoreU16(&p[VkField::NameLength], static_cast<std::uint16_t>(f.nameLength >= 0 ? f.nameLength : f.name.size()));
+    StoreU32(&p[VkField::DataLength], f.dataLength);
+    StoreU32(&p[VkField::DataCell], f.dataCell);
+    StoreU32(&p[VkField::Type], f.type);
+    StoreU16(&p[VkField::Flags], f.flags);
     p.insert(p.end(), f.name.begin(), f.name.end());
-    return PlaceCell(p, true, cellSize);
+    return AddCell(p, true, cellSize);
 }
 
 std::uint32_t HiveBuilder::AddSk(std::uint32_t next, std::uint32_t prev, std::uint32_t refCount,
                                  std::uint32_t cellSize) {
-    // A self-relative descriptor with an owner and a group (BUILTIN\Administrators
-    // and SYSTEM) and no ACLs: enough for tools that look inside, and it makes
-    // the cell large enough (80 bytes) for an sk to be recognised.
-    static const std::uint8_t kAdmins[] = {1, 2, 0, 0, 0, 0, 0, 5, 32, 0, 0, 0, 0x20, 2, 0, 0};
-    static const std::uint8_t kSystem[] = {1, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0};
-    Bytes descriptor = {1, 0, 0x00, 0x80};  // revision 1, control SE_SELF_RELATIVE
-    Append32(descriptor, 20);               // owner
-    Append32(descriptor, 20 + sizeof kAdmins);  // group
-    Append32(descriptor, 0);                // sacl
-    Append32(descriptor, 0);                // dacl
-    descriptor.insert(descriptor.end(), std::begin(kAdmins), std::end(kAdmins));
-    descriptor.insert(descriptor.end(), std::begin(kSystem), std::end(kSystem));
-
+    // A self-relative descriptor with owner Administrators and group SYSTEM and
+    // no ACLs: enough for readers that look inside, and the cell is large
+    // enough (72 bytes) for an sk to be recognised.
+    static const Bytes kDescriptor = {1, 0, 0, 0x80, 20, 0, 0, 0, 36, 0, 0, 0, 0, 0, 0,    0, 0, 0, 0, 0,
+                                      1, 2, 0, 0,    0, 0, 0, 5, 32, 0, 0, 0, 0x20, 2, 0, 0, 1, 1, 0, 0,
+                                      0, 0, 0, 5,    18, 0, 0, 0};
     Bytes p;
-    AppendSig(p, "sk");
-    Append16(p, 0);
-    Append32(p, next);
-    Append32(p, prev);
-    Append32(p, refCount);
-    Append32(p, static_cast<std::uint32_t>(descriptor.size()));
-    p.insert(p.end(), descriptor.begin(), descriptor.end());
-    return PlaceCell(p, true, cellSize);
+    Append(p, kSkSignature, 4);
+    Append(p, next, 4);
+    Append(p, prev, 4);
+    Append(p, refCount, 4);
+    Append(p, static_cast<std::uint32_t>(kDescriptor.size()), 4);
+    p.insert(p.end(), kDescriptor.begin(), kDescriptor.end());
+    return AddCell(p, true, cellSize);
 }
 
-std::uint32_t HiveBuilder::AddLf(const std::vector<std::uint32_t>& keys, const std::vector<std::string>& names,
-                                 std::uint32_t cellSize) {
-    Bytes entries;
-    for (std::size_t i = 0; i < keys.size(); ++i) {
-        Append32(entries, keys[i]);
-        std::uint8_t hint[4] = {0, 0, 0, 0};
-        if (i < names.size() && !names[i].empty())
-            std::memcpy(hint, names[i].data(), std::min<std::size_t>(4, names[i].size()));
-        entries.insert(entries.end(), hint, hint + 4);
+std::uint32_t HiveBuilder::AddList(const char* signature, const std::vector<std::uint32_t>& entries,
+                                   const std::vector<std::string>& names, std::uint32_t cellSize, int count) {
+    const std::string sig = signature;
+    Bytes p = {static_cast<std::uint8_t>(sig[0]), static_cast<std::uint8_t>(sig[1])};
+    Append(p, static_cast<std::uint32_t>(count >= 0 ? count : static_cast<int>(entries.size())), 2);
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        Append(p, entries[i], 4);
+        const std::string name = i < names.size() ? names[i] : "";
+        if (sig == "lh") Append(p, LhHash(name), 4);
+        if (sig == "lf") {
+            for (std::size_t b = 0; b < 4; ++b) p.push_back(b < name.size() ? static_cast<std::uint8_t>(name[b]) : 0);
+        }
     }
-    return AddListRaw("lf", static_cast<std::uint16_t>(keys.size()), entries, cellSize);
+    return AddCell(p, true, cellSize);
 }
 
-std::uint32_t HiveBuilder::AddLh(const std::vector<std::uint32_t>& keys, const std::vector<std::string>& names,
-                                 std::uint32_t cellSize) {
-    Bytes entries;
-    for (std::size_t i = 0; i < keys.size(); ++i) {
-        Append32(entries, keys[i]);
-        Append32(entries, i < names.size() ? LhHash(names[i]) : 0);
-    }
-    return AddListRaw("lh", static_cast<std::uint16_t>(keys.size()), entries, cellSize);
-}
-
-std::uint32_t HiveBuilder::AddLi(const std::vector<std::uint32_t>& keys, std::uint32_t cellSize) {
-    Bytes entries;
-    for (std::uint32_t k : keys) Append32(entries, k);
-    return AddListRaw("li", static_cast<std::uint16_t>(keys.size()), entries, cellSize);
-}
-
-std::uint32_t HiveBuilder::AddRi(const std::vector<std::uint32_t>& leaves, std::uint32_t cellSize) {
-    Bytes entries;
-    for (std::uint32_t l : leaves) Append32(entries, l);
-    return AddListRaw("ri", static_cast<std::uint16_t>(leaves.size()), entries, cellSize);
-}
-
-std::uint32_t HiveBuilder::AddListRaw(const std::string& signature, std::uint16_t count, const Bytes& entries,
-                                      std::uint32_t cellSize) {
+std::uint32_t HiveBuilder::AddOffsets(const std::vector<std::uint32_t>& offsets, std::uint32_t cellSize) {
     Bytes p;
-    for (std::size_t i = 0; i < 2; ++i) p.push_back(i < signature.size() ? static_cast<std::uint8_t>(signature[i]) : 0);
-    Append16(p, count);
-    p.insert(p.end(), entries.begin(), entries.end());
-    return PlaceCell(p, true, cellSize);
-}
-
-std::uint32_t HiveBuilder::AddValueList(const std::vector<std::uint32_t>& values, std::uint32_t cellSize) {
-    Bytes p;
-    for (std::uint32_t v : values) Append32(p, v);
-    return PlaceCell(p, true, cellSize);
-}
-
-std::uint32_t HiveBuilder::AddData(const Bytes& data, std::uint32_t cellSize) { return PlaceCell(data, true, cellSize); }
-
-std::uint32_t HiveBuilder::AddSegmentList(const std::vector<std::uint32_t>& segments, std::uint32_t cellSize) {
-    return AddValueList(segments, cellSize);
+    for (std::uint32_t offset : offsets) Append(p, offset, 4);
+    return AddCell(p, true, cellSize);
 }
 
 std::uint32_t HiveBuilder::AddDb(std::uint16_t segmentCount, std::uint32_t segmentList, std::uint32_t cellSize) {
     Bytes p;
-    AppendSig(p, "db");
-    Append16(p, segmentCount);
-    Append32(p, segmentList);
-    return PlaceCell(p, true, cellSize);
+    Append(p, kDbSignature, 2);
+    Append(p, segmentCount, 2);
+    Append(p, segmentList, 4);
+    return AddCell(p, true, cellSize);
 }
 
 std::uint32_t HiveBuilder::AddBigData(const Bytes& data) {
     std::vector<std::uint32_t> segments;
-    for (std::size_t at = 0; at < data.size(); at += kSegment) {
-        const std::size_t length = std::min<std::size_t>(kSegment, data.size() - at);
-        segments.push_back(AddData(Bytes(data.begin() + static_cast<std::ptrdiff_t>(at),
-                                         data.begin() + static_cast<std::ptrdiff_t>(at + length))));
+    for (std::size_t at = 0; at < data.size(); at += kSegmentSize) {
+        const auto end = data.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(data.size(), at + kSegmentSize));
+        segments.push_back(AddCell(Bytes(data.begin() + static_cast<std::ptrdiff_t>(at), end)));
     }
-    const std::uint32_t list = AddSegmentList(segments);
-    return AddDb(static_cast<std::uint16_t>(segments.size()), list);
+    return AddDb(static_cast<std::uint16_t>(segments.size()), AddOffsets(segments));
 }
 
-// --- A tree in one call -------------------------------------------------------
-
 std::uint32_t HiveBuilder::AddTree(const TreeKey& root) {
-    // The sk names itself as next and previous: a ring of one.
     treeSecurity_ = AddSk(0, 0, CountKeys(root));
-    PatchU32(treeSecurity_, 0x04, treeSecurity_);
-    PatchU32(treeSecurity_, 0x08, treeSecurity_);
-    const std::uint32_t offset = LayOutKey(root, 0, "");
-    // The root carries the flags of a hive's entry key (0x04 entry, 0x08 not deletable).
-    PatchU16(offset, 0x02, static_cast<std::uint16_t>(root.wideName ? 0x0C : 0x2C));
-    root_ = offset;
-    return offset;
+    // A ring of one: the sk names itself both ways.
+    Patch32(treeSecurity_, SkField::NextSecurity, treeSecurity_);
+    Patch32(treeSecurity_, SkField::PrevSecurity, treeSecurity_);
+    root_ = LayOutKey(root, 0, "");
+    // The flags of a hive's entry key: 0x04 entry, 0x08 not deletable.
+    Patch16(root_, NkField::Flags, static_cast<std::uint16_t>(root.wideName ? 0x0C : 0x2C));
+    return root_;
 }
 
 std::uint32_t HiveBuilder::LayOutKey(const TreeKey& key, std::uint32_t parent, const std::string& path) {
     NkFields fields;
-    Bytes name = StoredName(key.name, key.wideName);
-    fields.name.assign(name.begin(), name.end());
-    fields.wideName = key.wideName;
-    fields.parent = parent;
+    fields.name = StoredName(key.name, key.wideName);
+    fields.flags = key.wideName ? 0 : NkField::NarrowNameFlag;
     fields.security = treeSecurity_;
-    // The nk goes first, so that children can name it; its links are patched in below.
+    // The nk goes first so that children can name it; its links are patched in below.
     const std::uint32_t offset = AddNk(fields);
+    Patch32(offset, NkField::ParentCell, parent);
     keyOffsets_.emplace_back(path, offset);
 
     std::vector<std::uint32_t> children;
-    std::vector<std::string> childNames;
-    std::uint32_t maxSubKeyName = 0;
+    std::vector<std::string> names;
+    std::uint32_t maxName = 0, maxValueName = 0, maxData = 0;
     for (const TreeKey& child : key.subkeys) {
-        const std::string childPath = path.empty() ? child.name : path + "\\" + child.name;
-        children.push_back(LayOutKey(child, offset, childPath));
-        const Bytes stored = StoredName(child.name, child.wideName);
-        childNames.emplace_back(stored.begin(), stored.end());
-        maxSubKeyName = std::max<std::uint32_t>(maxSubKeyName, 2 * static_cast<std::uint32_t>(child.name.size()));
+        children.push_back(LayOutKey(child, offset, path.empty() ? child.name : path + "\\" + child.name));
+        names.push_back(StoredName(child.name, child.wideName));
+        maxName = std::max<std::uint32_t>(maxName, 2 * static_cast<std::uint32_t>(child.name.size()));
     }
-
     std::vector<std::uint32_t> values;
-    std::uint32_t maxValueName = 0;
-    std::uint32_t maxValueData = 0;
     for (const TreeValue& value : key.values) {
         values.push_back(LayOutValue(value));
         maxValueName = std::max<std::uint32_t>(maxValueName, 2 * static_cast<std::uint32_t>(value.name.size()));
-        maxValueData = std::max<std::uint32_t>(maxValueData, static_cast<std::uint32_t>(value.data.size()));
+        maxData = std::max<std::uint32_t>(maxData, static_cast<std::uint32_t>(value.data.size()));
     }
-
-    std::uint32_t subKeyList = kNone;
-    if (!children.empty()) {
-        switch (key.list) {
-        case ListKind::Lf: subKeyList = AddLf(children, childNames); break;
-        case ListKind::Lh: subKeyList = AddLh(children, childNames); break;
-        case ListKind::Li: subKeyList = AddLi(children); break;
-        case ListKind::Ri: {
-            const std::size_t per = std::max<std::uint32_t>(1, key.riLeafSize);
-            std::vector<std::uint32_t> leaves;
-            for (std::size_t at = 0; at < children.size(); at += per) {
-                const std::size_t end = std::min(children.size(), at + per);
-                leaves.push_back(AddLf(std::vector<std::uint32_t>(children.begin() + static_cast<std::ptrdiff_t>(at),
-                                                                  children.begin() + static_cast<std::ptrdiff_t>(end)),
-                                       std::vector<std::string>(childNames.begin() + static_cast<std::ptrdiff_t>(at),
-                                                                childNames.begin() + static_cast<std::ptrdiff_t>(end))));
-            }
-            subKeyList = AddRi(leaves);
-            break;
+    std::uint32_t list = kNoCell;
+    if (!children.empty() && key.list == ListKind::Ri) {
+        std::vector<std::uint32_t> leaves;
+        const std::size_t per = std::max<std::uint32_t>(1, key.riLeafSize);
+        for (std::size_t at = 0; at < children.size(); at += per) {
+            const std::size_t end = std::min(children.size(), at + per);
+            leaves.push_back(AddList("lf", {children.begin() + at, children.begin() + end},
+                                     {names.begin() + at, names.begin() + end}));
         }
-        }
+        list = AddList("ri", leaves);
+    } else if (!children.empty()) {
+        static const char* const kSignatures[] = {"lf", "lh", "li"};
+        list = AddList(kSignatures[static_cast<int>(key.list)], children, names);
     }
-    const std::uint32_t valueList = values.empty() ? kNone : AddValueList(values);
-
-    PatchU32(offset, 0x14, static_cast<std::uint32_t>(children.size()));
-    PatchU32(offset, 0x1C, subKeyList);
-    PatchU32(offset, 0x24, static_cast<std::uint32_t>(values.size()));
-    PatchU32(offset, 0x28, valueList);
-    PatchU32(offset, 0x34, maxSubKeyName);
-    PatchU32(offset, 0x3C, maxValueName);
-    PatchU32(offset, 0x40, maxValueData);
+    Patch32(offset, NkField::SubKeyCount, static_cast<std::uint32_t>(children.size()));
+    Patch32(offset, NkField::SubKeyListCell, list);
+    Patch32(offset, NkField::ValueCount, static_cast<std::uint32_t>(values.size()));
+    Patch32(offset, NkField::ValueListCell, values.empty() ? kNoCell : AddOffsets(values));
+    Patch32(offset, NkField::MaxSubKeyName, maxName);
+    Patch32(offset, NkField::MaxValueName, maxValueName);
+    Patch32(offset, NkField::MaxValueData, maxData);
     return offset;
 }
 
 std::uint32_t HiveBuilder::LayOutValue(const TreeValue& value) {
-    const std::uint32_t length = static_cast<std::uint32_t>(value.data.size());
+    const auto length = static_cast<std::uint32_t>(value.data.size());
     DataForm form = value.form;
-    if (form == DataForm::Auto) {
-        if (length <= 4) form = DataForm::Inline;
-        else if (minorVersion_ >= 4 && length >= kSegment + 1) form = DataForm::Db;
-        else form = DataForm::Cell;
-    }
+    if (form == DataForm::Auto)
+        form = length <= 4 ? DataForm::Inline : minor_ >= 4 && length > kSegmentSize ? DataForm::Db : DataForm::Cell;
     VkFields fields;
-    const Bytes name = StoredName(value.name, value.wideName);
-    fields.name.assign(name.begin(), name.end());
-    fields.wideName = value.wideName;
+    fields.name = StoredName(value.name, value.wideName);
+    fields.flags = value.wideName ? 0 : VkField::NarrowNameFlag;
     fields.type = value.type;
-    switch (form) {
-    case DataForm::Inline: {
+    fields.dataLength = length;
+    if (form == DataForm::Inline) {
         if (length > 4) throw std::invalid_argument("inline data holds at most 4 bytes");
-        std::uint8_t word[4] = {0, 0, 0, 0};
-        if (length != 0) std::memcpy(word, value.data.data(), length);
-        fields.dataLength = 0x80000000u | length;
-        fields.dataCell = Get32(word);
-        break;
-    }
-    case DataForm::Cell:
-        fields.dataLength = length;
-        fields.dataCell = AddData(value.data);
-        break;
-    case DataForm::Db:
-    case DataForm::Auto:
-        fields.dataLength = length;
-        fields.dataCell = AddBigData(value.data);
-        break;
+        std::uint8_t word[4] = {};
+        std::copy(value.data.begin(), value.data.end(), word);
+        fields.dataLength |= kInlineData;
+        fields.dataCell = LoadU32(word);
+    } else {
+        fields.dataCell = form == DataForm::Cell ? AddCell(value.data) : AddBigData(value.data);
     }
     return AddVk(fields);
 }
 
 std::uint32_t HiveBuilder::KeyOffset(const std::string& path) const {
-    for (const auto& [keyPath, offset] : keyOffsets_) {
+    for (const auto& [keyPath, offset] : keyOffsets_)
         if (keyPath == path) return offset;
-    }
-    throw std::out_of_range("no key laid out at path " + path);
+    throw std::out_of_range("no key laid out at " + path);
 }
 
-// --- Changes after the fact ---------------------------------------------------
-
 void HiveBuilder::PatchArea(std::uint32_t areaOffset, const Bytes& bytes) {
-    if (static_cast<std::uint64_t>(areaOffset) + bytes.size() > area_.size()) {
-        throw std::out_of_range("patch beyond the bins");
-    }
+    if (static_cast<std::uint64_t>(areaOffset) + bytes.size() > area_.size()) throw std::out_of_range("patch");
     std::copy(bytes.begin(), bytes.end(), area_.begin() + areaOffset);
 }
 
-void HiveBuilder::PatchPayload(std::uint32_t cellOffset, std::uint32_t at, const Bytes& bytes) {
-    PatchArea(cellOffset + PayloadOffset() + at, bytes);
+void HiveBuilder::Patch16(std::uint32_t cell, std::uint32_t field, std::uint16_t value) {
+    PatchArea(cell + Payload() + field, {static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8)});
 }
 
-void HiveBuilder::PatchU16(std::uint32_t cellOffset, std::uint32_t at, std::uint16_t value) {
-    Bytes b;
-    Append16(b, value);
-    PatchPayload(cellOffset, at, b);
+void HiveBuilder::Patch32(std::uint32_t cell, std::uint32_t field, std::uint32_t value) {
+    Bytes bytes;
+    Append(bytes, value, 4);
+    PatchArea(cell + Payload() + field, bytes);
 }
 
-void HiveBuilder::PatchU32(std::uint32_t cellOffset, std::uint32_t at, std::uint32_t value) {
-    Bytes b;
-    Append32(b, value);
-    PatchPayload(cellOffset, at, b);
+void HiveBuilder::SetCellSize(std::uint32_t cell, std::int32_t size) {
+    Bytes bytes;
+    Append(bytes, static_cast<std::uint32_t>(size), 4);
+    PatchArea(cell, bytes);
 }
 
-void HiveBuilder::SetCellSize(std::uint32_t cellOffset, std::int32_t size) {
-    Bytes b;
-    Append32(b, static_cast<std::uint32_t>(size));
-    PatchArea(cellOffset, b);
+void HiveBuilder::SetBinSize(std::uint32_t bin, std::uint32_t size) {
+    Bytes bytes;
+    Append(bytes, size, 4);
+    PatchArea(bin + BinField::BinSize, bytes);
 }
-
-void HiveBuilder::SetBinSize(std::uint32_t binOffset, std::uint32_t size) {
-    Bytes b;
-    Append32(b, size);
-    PatchArea(binOffset + 8, b);
-}
-
-void HiveBuilder::BreakBinSignature(std::uint32_t binOffset) { PatchArea(binOffset, {'x'}); }
-
-// --- The file -------------------------------------------------------------------
 
 Bytes HiveBuilder::Build() const {
-    // Close the open bin on a copy, so that building twice or adding more later still works.
     HiveBuilder closed(*this);
     closed.CloseBin();
-
-    Bytes file(kBase, 0);
-    for (std::size_t i = 0; i < 4; ++i) file[i] = i < signature_.size() ? static_cast<std::uint8_t>(signature_[i]) : 0;
-    Put32(&file[0x04], 1);              // primary sequence number
-    Put32(&file[0x08], 1);              // secondary sequence number
-    Put32(&file[0x14], 1);              // major version
-    Put32(&file[0x18], minorVersion_);
-    Put32(&file[0x1C], 0);              // type: primary file
-    Put32(&file[0x20], 1);              // format: direct memory load
-    Put32(&file[0x24], root_);
-    Put32(&file[0x28], binsSizeOverride_ >= 0 ? static_cast<std::uint32_t>(binsSizeOverride_) : closed.BinsSize());
-    Put32(&file[0x2C], 1);              // clustering factor
-    std::uint32_t sum = ChecksumOf(file);
-    if (!checksumValid_) sum ^= 1;      // off by one bit
-    Put32(&file[0x1FC], sum);
+    Bytes file(kBaseBlockSize, 0);
+    for (std::size_t i = 0; i < 4 && i < signature_.size(); ++i) file[i] = static_cast<std::uint8_t>(signature_[i]);
+    StoreU32(&file[0x04], 1);  // sequence numbers, equal: a clean hive
+    StoreU32(&file[0x08], 1);
+    StoreU32(&file[0x14], 1);  // major version
+    StoreU32(&file[BaseBlockField::MinorVersion], minor_);
+    StoreU32(&file[0x20], 1);  // format: direct memory load
+    StoreU32(&file[BaseBlockField::RootCell], root_);
+    StoreU32(&file[BaseBlockField::BinsSize], binsSize_ >= 0 ? static_cast<std::uint32_t>(binsSize_) : closed.BinsSize());
+    StoreU32(&file[0x2C], 1);  // clustering factor
+    StoreU32(&file[BaseBlockField::Checksum], ChecksumOf(file.data()) ^ (checksumValid_ ? 0 : 1));
     file.insert(file.end(), closed.area_.begin(), closed.area_.end());
     return file;
 }
@@ -451,19 +295,18 @@ std::uint32_t LhHash(const std::string& name) {
     std::uint32_t hash = 0;
     for (char c : name) {
         const auto byte = static_cast<std::uint8_t>(c);
-        // High bytes count as negative numbers that toupper leaves alone.
-        const std::int32_t term = byte < 0x80 ? std::toupper(byte) : static_cast<std::int32_t>(static_cast<std::int8_t>(byte));
-        hash = hash * 37 + static_cast<std::uint32_t>(term);
+        // Bytes from 0x80 count as negative numbers, which toupper leaves alone.
+        hash = hash * 37 + static_cast<std::uint32_t>(byte < 0x80 ? std::toupper(byte) : static_cast<std::int8_t>(byte));
     }
     return hash;
 }
 
-std::uint32_t ChecksumOf(const Bytes& baseBlock) {
+std::uint32_t ChecksumOf(const std::uint8_t* baseBlock) {
     std::uint32_t sum = 0;
-    for (std::uint32_t i = 0; i < 127 && 4 * i + 4 <= baseBlock.size(); ++i) sum ^= Get32(&baseBlock[4 * i]);
-    if (sum == 0xFFFFFFFF) return 0xFFFFFFFE;
-    if (sum == 0) return 1;
-    return sum;
+    for (int i = 0; i < 127; ++i)
+        sum ^= static_cast<std::uint32_t>(baseBlock[4 * i] | baseBlock[4 * i + 1] << 8 | baseBlock[4 * i + 2] << 16 |
+                                          static_cast<std::uint32_t>(baseBlock[4 * i + 3]) << 24);
+    return sum == 0xFFFFFFFF ? 0xFFFFFFFE : sum == 0 ? 1 : sum;
 }
 
 }  // namespace TamvikTest

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "support/ApiListing.h"
+#include "support/Listing.h"
 
 namespace TamvikTest {
 
@@ -16,8 +16,6 @@ char Fold(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 
 bool FixedSizeType(std::uint32_t type) { return type == 4 || type == 5 || type == 11; }
 
 }  // namespace
-
-std::u16string Widen(const std::string& text) { return std::u16string(text.begin(), text.end()); }
 
 ModelTree::ModelTree(std::uint32_t minorVersion, std::string rootPath)
     : minorVersion_(minorVersion), rootPath_(std::move(rootPath)) {}
@@ -116,13 +114,12 @@ std::vector<ModelKey*> ModelTree::Keys() {
 std::string ModelTree::ListingPath(const ModelKey& key) const {
     if (key.parent == nullptr) return rootPath_;
     const std::string parent = ListingPath(*key.parent);
-    return (parent == "\\" ? parent : parent + "\\") + EscapeName(Widen(key.name));
+    return (parent == "\\" ? parent : parent + "\\") + EscapeName(Utf16(key.name));
 }
 
-std::string ModelTree::HivePath(const ModelKey& key) const {
+std::u16string ModelTree::HivePath(const ModelKey& key) const {
     const std::string path = ListingPath(key);
-    // "ROOT" alone is the root key; "ROOT\A" is A below it.
-    return path == "\\" ? "ROOT" : "ROOT" + path;
+    return Utf16(path == "\\" ? "" : path.substr(1));
 }
 
 std::vector<std::string> ModelTree::Listing() const {
@@ -134,11 +131,11 @@ std::vector<std::string> ModelTree::Listing() const {
 void ModelTree::ListKey(const ModelKey& key, const std::string& path, std::vector<std::string>& lines) const {
     lines.push_back("K\t" + path);
     for (const ModelValue& value : key.values) {
-        lines.push_back("V\t" + path + "\t" + EscapeName(Widen(value.name)) + "\t" + std::to_string(value.type) +
+        lines.push_back("V\t" + path + "\t" + EscapeName(Utf16(value.name)) + "\t" + std::to_string(value.type) +
                         "\t" + HexBytes(value.data));
     }
     for (const auto& child : key.subkeys) {
-        ListKey(*child, (path == "\\" ? path : path + "\\") + EscapeName(Widen(child->name)), lines);
+        ListKey(*child, (path == "\\" ? path : path + "\\") + EscapeName(Utf16(child->name)), lines);
     }
 }
 

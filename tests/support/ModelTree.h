@@ -1,7 +1,7 @@
 // An in-memory model of a tree of keys and values, with the rules by which
 // the write functions of RegAPI answer and change a hive. The model test
 // applies each random operation both to a hive and to this model, and then
-// compares the hive's listing with the model's (tests/unit/edit_model_test.cpp).
+// compares the hive's listing with the model's.
 //
 // Names in the model are plain ASCII, so a name is stored, read back and
 // compared the same way by every reader; names that differ only in case are
@@ -70,12 +70,11 @@ public:
     // --- Views ------------------------------------------------------------
     // Every key of the model, the top key first, depth first.
     std::vector<ModelKey*> Keys();
-    // Listing path of a key ("\\A\\B"), as tests/support/ApiListing.h writes it.
+    // Listing path of a key ("\\A\\B"), as support/Listing.h writes it.
     std::string ListingPath(const ModelKey& key) const;
-    // Path for RegOpenKeyExW from a hive handle: a first component that the
-    // hive consumes, then the names below the root.
-    std::string HivePath(const ModelKey& key) const;
-    // The listing of the model, in the format of ApiListing.
+    // Path below the root for RegOpenKeyExW ("" for the root).
+    std::u16string HivePath(const ModelKey& key) const;
+    // The listing of the model, in the format of support/Listing.h.
     std::vector<std::string> Listing() const;
 
     static constexpr std::size_t kBigDataMin = 16345;
@@ -89,8 +88,5 @@ private:
     std::string rootPath_;
     ModelKey root_;
 };
-
-// An ASCII name in UTF-16, the form in which the test passes names.
-std::u16string Widen(const std::string& text);
 
 }  // namespace TamvikTest

@@ -1,0 +1,284 @@
+// Guards the tamvik command-line tool end to end: the built binary is run
+// through the shell, and its output, exit status and the files it leaves are
+// looked at; the peers (hivexregedit, regfinfo) serve as oracles.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "store/Format.h"
+#include "support/Fixture.h"
+#include "support/Listing.h"
+#include "support/Peers.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace TamvikTest;
+
+struct ToolRun {
+    int status;
+    std::string out, err;
+};
+
+void WriteText(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
+std::string ReadText(const std::string& path) {
+    const Bytes bytes = ReadFileBytes(path);
+    return std::string(bytes.begin(), bytes.end());
+}
+
+// A scratch folder per test, and the tool run inside it.
+class Tool : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir_ = fs::temp_directory_path() / ("tamvik-tool-" + std::to_string(getpid()) + "-" +
+                                            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::create_directories(dir_);
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+    std::string At(const std::string& name) const { return (dir_ / name).string(); }
+
+    ToolRun Cli(const std::vector<std::string>& args, const std::string& input = "") const {
+        std::string command = Quoted(TAMVIK_TOOL);
+        for (const std::string& arg : args) command += " " + Quoted(arg);
+        WriteText(At(".in"), input);
+        const auto [status, out] = Capture(command + " <" + Quoted(At(".in")) + " 2>" + Quoted(At(".err")));
+        return {status, out, ReadText(At(".err"))};
+    }
+    std::string NewHive(const std::string& name = "h.hiv") const {
+        EXPECT_EQ(Cli({"new", At(name)}).status, 0);
+        return At(name);
+    }
+
+    fs::path dir_;
+};
+
+TEST_F(Tool, NewWritesASoundEmptyHiveThePeersRead) {
+    const std::string hive = NewHive();
+    const Image image(ReadFileBytes(hive));
+    ASSERT_EQ(image.file.size(), 8192u);
+    const std::vector<std::uint32_t> base = {image.Word(0), image.Word(4), image.Word(8), image.Word(0x14),
+                                             image.Minor(), image.Word(0x1C), image.Word(0x20), image.BinsSize(),
+                                             image.Word(0x2C)};
+    EXPECT_EQ(base, (std::vector<std::uint32_t>{Tamvik::kRegfSignature, 1, 1, 1, 5, 0, 1, 4096, 1}));
+    EXPECT_EQ(image.Word(0x1FC), ChecksumOf(image.file.data()));
+    const std::uint32_t root = image.Root(), sk = image.U32(root, Tamvik::NkField::SecurityCell);
+    EXPECT_EQ(image.Name(root), "ROOT");
+    EXPECT_EQ(image.U16(root, Tamvik::NkField::Flags), 0x2Cu);
+    EXPECT_EQ(image.Sig(sk), "sk");
+    EXPECT_EQ(std::vector<std::uint32_t>({image.U32(sk, 4), image.U32(sk, 8), image.U32(sk, 12)}),
+              std::vector<std::uint32_t>({sk, sk, 1})) << "a ring of one, one reference";
+    EXPECT_EQ(Cli({"check", hive}).status, 0);
+    EXPECT_EQ(Capture("hivexregedit --export " + Quoted(hive) + " '\\\\' 2>&1").first, 0);
+    const auto [regf, info] = Capture("regfinfo " + Quoted(hive) + " 2>&1");
+    EXPECT_NE(info.find("Version:\t1.5"), std::string::npos) << info;
+
+    EXPECT_EQ(Cli({"new", At("a.hiv"), "--minor", "3", "--root-name", "CMI-CreateHive{X}"}).status, 0);
+    EXPECT_EQ(Image(ReadFileBytes(At("a.hiv"))).Minor(), 3u);
+    WriteText(At("keep"), "precious");
+    EXPECT_NE(Cli({"new", At("keep")}).status, 0);
+    EXPECT_EQ(ReadText(At("keep")), "precious") << "an existing file stays without --force";
+    EXPECT_EQ(Cli({"new", At("keep"), "--force"}).status, 0);
+    EXPECT_EQ(Cli({"new", At("b.hiv"), "--minor", "1"}).status + Cli({"new", At("b.hiv"), "--minor", "7"}).status, 4);
+    EXPECT_FALSE(fs::exists(At("b.hiv")));
+}
+
+TEST_F(Tool, TheSampleImportsListsAndExportsWithEveryType) {
+    const std::string hive = NewHive();
+    ASSERT_EQ(Cli({"import", hive, std::string(TAMVIK_SOURCE_DIR) + "/tools/sample/demo.reg"}).status, 0);
+    const ToolRun ls = Cli({"ls", hive, "-r"});
+    EXPECT_EQ(ls.out,
+              "\\\n\\Demo\n"
+              "  \"Greeting\" = REG_SZ \"Hello, world\"\n"
+              "  \"Chinese\" = REG_SZ \"你好，世界\"\n"
+              "  \"Quoted\" = REG_SZ \"a \"quoted\" C:\\path\\\"\n"
+              "  \"Counter\" = REG_DWORD 0x0000002a (42)\n"
+              "  \"Blob\" = REG_BINARY hex:de,ad,be,ef,00,01,02,03\n"
+              "  \"Path\" = REG_EXPAND_SZ \"%SystemRoot%\\system32\"\n"
+              "  \"List\" = REG_MULTI_SZ [\"first\", \"second\", \"第三\"]\n"
+              "  \"Big\" = REG_QWORD 0x0000010000000000 (1099511627776)\n"
+              "  \"BigEndian\" = REG_DWORD_BIG_ENDIAN 0x00000100 (256)\n"
+              "  \"Nothing\" = REG_NONE hex:01\n"
+              "  \"Link\" = REG_LINK hex:5c,00,52,00,65,00,67,00,69,00,73,00,74,00,72,00,79,00,5c,00,4d,00,61,00,63,"
+              "00,68,00,69,00,6e,00,65,00,5c,00,53,00,6f,00,66,00,74,00,77,00,61,00,72,00,65,00\n"
+              "  \"Resources\" = REG_RESOURCE_LIST hex:01,00,00,00\n"
+              "  \"Custom\" = REG_0x1234 hex:ca,fe\n"
+              "\\Demo\\Sub Key\n  \"Name\" = REG_SZ \"inner\"\n"
+              "\\Demo\\Sub Key\\Deeper\n  \"Level\" = REG_DWORD 0x00000003 (3)\n"
+              "\\Other\n");
+    EXPECT_EQ(Cli({"ls", hive}).out, "Demo\\\nOther\\\n");
+    const std::pair<std::vector<std::string>, std::string> gets[] = {
+        {{"Demo", "Chinese"}, "你好，世界\n"},  {{"\\demo", "counter"}, "42\n"},  {{"Demo", "List"}, "first\nsecond\n第三\n"},
+        {{"Demo", "Big"}, "1099511627776\n"}, {{"Demo", "BigEndian", "--type"}, "REG_DWORD_BIG_ENDIAN\n256\n"},
+        {{"Demo", "Blob"}, "deadbeef00010203\n"},
+        {{"Demo", "Greeting", "--raw"}, std::string("H\0e\0l\0l\0o\0,\0 \0w\0o\0r\0l\0d\0\0\0", 26)},
+    };
+    for (const auto& [args, expected] : gets) {
+        std::vector<std::string> call = {"get", hive};
+        call.insert(call.end(), args.begin(), args.end());
+        EXPECT_EQ(Cli(call).out, expected) << args[1];
+    }
+    // Both encodings of an export read back to the same hive, and a subtree under a prefix moves.
+    const ToolRun wide = Cli({"export", hive}), narrow = Cli({"export", hive, "--utf8"});
+    EXPECT_EQ(wide.out.substr(0, 4), std::string("\xFF\xFEW\0", 4));
+    EXPECT_EQ(narrow.out.rfind("Windows Registry Editor Version 5.00\n\n[\\]\n", 0), 0u);
+    for (const char* text : {"\"Quoted\"=\"a \\\"quoted\\\" C:\\\\path\\\\\"\n", "\"Counter\"=dword:0000002a\n",
+                                    "\"Big\"=hex(b):00,00,00,00,00,01,00,00\n", "\"Custom\"=hex(1234):ca,fe\n", ",\\\n  00,"})
+        EXPECT_NE(narrow.out.find(text), std::string::npos) << text;
+    for (const auto& [name, text] : {std::pair{"w.reg", wide.out}, {"n.reg", narrow.out}}) {
+        WriteText(At(name), text);
+        const std::string copy = NewHive(std::string(name) + ".hiv");
+        EXPECT_EQ(Cli({"import", copy, At(name)}).status, 0);
+        EXPECT_EQ(ListFile(copy).lines, ListFile(hive).lines) << name;
+    }
+    ASSERT_EQ(Cli({"export", hive, "Demo\\Sub Key", "--prefix", "HKEY_LOCAL_MACHINE\\SOFTWARE", "-o", At("sub.reg")}).status, 0);
+    const std::string other = NewHive("other.hiv");
+    EXPECT_EQ(Cli({"import", other, At("sub.reg")}).status, 2) << "outside the default prefix";
+    EXPECT_EQ(Cli({"import", other, At("sub.reg"), "--prefix", "hkey_local_machine\\software"}).status, 0);
+    EXPECT_EQ(Cli({"get", other, "Demo\\Sub Key\\Deeper", "Level"}).out, "3\n");
+}
+
+TEST_F(Tool, OneOffEditsAndTheirFailures) {
+    const std::string hive = NewHive();
+    const std::vector<std::vector<std::string>> edits = {
+        {"mkkey", hive, "A\\B\\C"},          {"set", hive, "A", "s", "sz", "text ü"},
+        {"set", hive, "A", "n", "dword", "0x10"}, {"set", hive, "A", "q", "REG_QWORD", "18446744073709551615"},
+        {"set", hive, "A", "m", "multi_sz", "one", "two"}, {"set", hive, "A", "b", "binary", "00,ff,10"},
+        {"set", hive, "A", "x", "0x20000", "abcd"}, {"set", hive, "A", "n", "sz", "now text"},
+        {"set", hive, "A", "s", "sz", std::string(20000, 'x')}, {"rm", hive, "A", "b"},
+        {"mkkey", hive, "A\\B\\C\\D"},      {"rmkey", hive, "A\\B\\C\\D"},
+    };
+    for (const auto& edit : edits) EXPECT_EQ(Cli(edit).status, 0) << edit[0] << " " << edit[2];
+    const std::pair<std::string, std::string> gets[] = {
+        {"q", "18446744073709551615\n"}, {"m", "one\ntwo\n"}, {"n", "now text\n"}, {"s", std::string(20000, 'x') + "\n"}};
+    for (const auto& [name, expected] : gets) EXPECT_EQ(Cli({"get", hive, "A", name}).out, expected) << name;
+    EXPECT_EQ(Cli({"get", hive, "A", "x", "--type"}).out, "REG_0x20000\nabcd\n");
+    // Failures: one line naming the hive or key and the result's meaning, status 1.
+    const std::pair<std::vector<std::string>, std::string> failures[] = {
+        {{"mkkey", hive, "a\\b\\c"}, "72 (already exists)"}, {{"rm", hive, "A", "b"}, "87"},
+        {{"get", hive, "A", "b"}, "\\A"}, {{"rmkey", hive, "A\\B"}, "subkeys"},
+        {{"ls", hive, "Nope\\Deeper"}, "\\Nope\\Deeper"}, {{"set", hive, "Nope", "v", "sz", "x"}, "\\Nope"},
+        {{"ls", At("absent.hiv")}, "absent.hiv"},
+    };
+    for (const auto& [args, text] : failures) {
+        const ToolRun run = Cli(args);
+        EXPECT_EQ(run.status, 1) << args[0] << " " << args.back();
+        EXPECT_NE(run.err.find(text), std::string::npos) << run.err;
+        EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+    }
+    EXPECT_EQ(Cli({"rmkey", hive, "A", "-r"}).status, 0);
+    EXPECT_EQ(Cli({"ls", hive}).out, "");
+    EXPECT_EQ(Cli({"check", hive}).status, 0);
+}
+
+// A command that fails its argument checks writes nothing and says why, with status 2.
+TEST_F(Tool, BadArgumentsLeaveTheHiveUntouched) {
+    const std::string hive = NewHive();
+    ASSERT_EQ(Cli({"mkkey", hive, "K"}).status, 0);
+    const Bytes before = ReadFileBytes(hive);
+    WriteText(At("bad.reg"), "Windows Registry Editor Version 5.00\n\n[\\K]\n\"a\"=dword:1\n\"b\"=hex:zz\n");
+    WriteText(At("notreg.reg"), "hello\n");
+    WriteText(At("outside.reg"), "Windows Registry Editor Version 5.00\n\n[HKEY_CURRENT_USER\\K]\n\"a\"=dword:1\n");
+    const std::vector<std::vector<std::string>> calls = {
+        {"set", hive, "K", "v", "nosuchtype", "1"}, {"set", hive, "K", "v", "dword", "0x100000000"},
+        {"set", hive, "K", "v", "dword", "12x"},    {"set", hive, "K", "v", "binary", "0g"},
+        {"set", hive, "K", "v", "dword"},           {"set", hive, "K", "v", "dword", "1", "2"},
+        {"set", hive, "K", "v", "multi_sz", "a", ""}, {"mkkey", hive, "\\"}, {"rmkey", hive, ""},
+        {"import", hive, At("bad.reg")},            {"import", hive, At("notreg.reg")},
+        {"import", hive, At("outside.reg")},        {"import", hive, At("absent.reg")},
+        {"ls", hive, "--bogus"},                    {"export", hive, "--prefix"}, {"get", hive, "K"},
+    };
+    for (const auto& call : calls) {
+        const ToolRun run = Cli(call);
+        EXPECT_EQ(run.status, 2) << call[0] << " " << call.back() << ": " << run.err;
+        EXPECT_FALSE(run.err.empty());
+        EXPECT_EQ(ReadFileBytes(hive), before) << call[0] << " " << call.back();
+    }
+    EXPECT_NE(Cli({"import", hive, At("bad.reg")}).err.find("line 5"), std::string::npos);
+    EXPECT_EQ(Cli({"frobnicate"}).status + Cli({}).status, 4);
+    for (const char* command : {"info", "ls", "get", "export", "import", "set", "mkkey", "rm", "rmkey", "check", "new"})
+        EXPECT_EQ(Cli({command, "--help"}).out.rfind(std::string("usage: tamvik ") + command, 0), 0u) << command;
+}
+
+TEST_F(Tool, InfoAndCheckLookAtTheFileItself) {
+    const std::string hive = NewHive();
+    ASSERT_EQ(Cli({"mkkey", hive, "A\\B"}).status, 0);
+    ASSERT_EQ(Cli({"set", hive, "A", "v", "binary", "0102030405060708"}).status, 0);
+    const ToolRun info = Cli({"info", hive});
+    for (const char* line : {"signature       regf\n", "keys            3\n", "values          1\n", "bins            1\n",
+                             "security cells  1\n", "(ok)"})
+        EXPECT_NE(info.out.find(line), std::string::npos) << line << info.out;
+    const Bytes good = ReadFileBytes(hive);
+    std::uint32_t lastFree = 0;
+    for (const auto& [offset, size] : Image(good).Cells())
+        if (size > 0) lastFree = offset;
+    // Damage of each kind, and the line check gives for it.
+    const std::pair<std::function<void(Bytes&)>, std::string> damage[] = {
+        {[](Bytes& b) { b[0x1FC] ^= 1; }, "offset 0x1fc"},
+        {[](Bytes& b) { b[4096 + 0x20] ^= 0x04; }, "offset 0x1020: cell 0x20"},
+        {[&](Bytes& b) {
+             const std::size_t list = 4096 + Image(b).Root() + 4 + Tamvik::NkField::SubKeyListCell;
+             b[list] = static_cast<std::uint8_t>(lastFree), b[list + 1] = static_cast<std::uint8_t>(lastFree >> 8);
+         }, "names a free cell"},
+        {[](Bytes& b) { std::fill(b.begin(), b.begin() + 4, 'j'); }, "signature is not \"regf\""},
+    };
+    for (const auto& [harm, text] : damage) {
+        Bytes bytes = good;
+        harm(bytes);
+        WriteText(At("bad.hiv"), std::string(bytes.begin(), bytes.end()));
+        const ToolRun check = Cli({"check", At("bad.hiv")});
+        EXPECT_EQ(check.status, 1) << text;
+        EXPECT_NE(check.out.find(text), std::string::npos) << check.out;
+    }
+}
+
+// Every clean real hive passes check, and its export, imported into a new
+// hive, lists as the original for every entry the library can store.
+class ToolOnRealHives : public Tool, public ::testing::WithParamInterface<std::string> {};
+
+TEST_P(ToolOnRealHives, CheckAndExportImportRoundTrip) {
+    SKIP_WITHOUT_SHARED_HIVES();
+    const std::string original = SharedHives() + "/clean/" + GetParam();
+    EXPECT_EQ(Cli({"check", original}).status, 0);
+    EXPECT_NE(Cli({"info", original}).out.find("(ok)"), std::string::npos);
+    ASSERT_LE(Cli({"export", original, "-o", At("x.reg")}).status, 1);
+    const std::string copy = NewHive();
+    Cli({"import", copy, At("x.reg")});
+    EXPECT_EQ(Cli({"check", copy, "-q"}).status, 0);
+    // What the library can't create: empty names, empty data, names beyond ASCII.
+    auto storable = [](const std::vector<std::string>& lines) {
+        std::vector<std::string> kept;
+        for (const std::string& line : lines) {
+            const bool ascii = std::all_of(line.begin(), line.end(), [](char c) { return (c >= 0x20 && c < 0x7F) || c == '\t'; });
+            const std::size_t name = line.find('\t', line.find('\t') + 1);
+            if (!ascii || line.find("SKIP") != std::string::npos || line.find("%") != std::string::npos) continue;
+            if (line[0] == 'V' && (line[name + 1] == '\t' || line.back() == '\t')) continue;
+            kept.push_back(line);
+        }
+        std::sort(kept.begin(), kept.end());  // new leaves follow _stricmp, not the original's order
+        return kept;
+    };
+    EXPECT_EQ(CompareListings(storable(ListFile(original).lines), storable(ListFile(copy).lines), "reimported"), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Clean, ToolOnRealHives, ::testing::ValuesIn(SharedHiveNames("clean")),
+                         [](const ::testing::TestParamInfo<std::string>& info) {
+                             std::string id = info.param.empty() ? "NoSharedHives" : info.param;
+                             for (char& c : id) c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
+                             return id;
+                         });
+
+TEST_F(Tool, DamagedHivesEndWithAStatus) {
+    SKIP_WITHOUT_SHARED_HIVES();
+    for (const auto& entry : fs::recursive_directory_iterator(SharedHives() + "/damaged")) {
+        if (!entry.is_regular_file()) continue;
+        for (const char* command : {"check", "info", "export"})
+            EXPECT_LT(Cli({command, entry.path().string()}).status, 3) << command << " " << entry.path();
+    }
+    const ToolRun sum = Cli({"check", SharedHives() + "/damaged/EZ-Registry__SAN_OTHER"});
+    EXPECT_NE(sum.out.find("offset 0x1fc: base block: checksum"), std::string::npos) << sum.out;
+}
+
+}  // namespace
