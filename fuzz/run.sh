@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# One round of fuzzing: builds the harnesses with clang (libFuzzer, ASan,
-# UBSan), builds the seed corpus, fuzzes each harness for DURATION seconds,
-# then runs the whole seed corpus and the kept regression inputs through each
-# harness once. Exits non-zero on any finding; crash inputs land in
-# fuzz/corpus-work/artifacts/.
-# Usage: bash fuzz/run.sh DURATION
+# One round of fuzzing: builds the harnesses (clang, libFuzzer, ASan, UBSan)
+# unless the build folder already holds them, builds the seed corpus, fuzzes
+# every harness for DURATION seconds (side by side), then runs the seed corpus
+# and the kept regression inputs through each once. Exits non-zero on any
+# finding; crash inputs land in fuzz/corpus-work/artifacts/.
+# Usage: bash fuzz/run.sh DURATION      (TAMVIK_FUZZ_BUILD: the build folder)
 set -uo pipefail
 
 duration="${1:?usage: run.sh DURATION_SECONDS}"
@@ -13,31 +13,42 @@ source_dir="$(cd "$here/.." && pwd)"
 build="${TAMVIK_FUZZ_BUILD:-$source_dir/build-fuzz}"
 work="$here/corpus-work"
 artifacts="$work/artifacts"
+harnesses=(walk edit)
 
-CC=clang CXX=clang++ cmake -S "$source_dir" -B "$build" -G Ninja -DTAMVIK_FUZZ=ON -DTAMVIK_TESTS=OFF \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null || exit 1
-ninja -C "$build" fuzz_walk fuzz_edit make_seeds || exit 1
+if [ ! -f "$build/CMakeCache.txt" ]; then
+  CC=clang CXX=clang++ cmake -S "$source_dir" -B "$build" -G Ninja -DTAMVIK_SANITIZE=ON -DTAMVIK_FUZZ=ON \
+    -DTAMVIK_TESTS=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null || exit 1
+fi
+ninja -C "$build" fuzz_walk fuzz_edit make_seeds >/dev/null || exit 1
 bash "$here/seed.sh" "$build" || exit 1
-mkdir -p "$artifacts" "$here/regressions/walk" "$here/regressions/edit"
+mkdir -p "$artifacts"
 
 common=(-rss_limit_mb=2048 -timeout=10 -max_len=524288 -dict="$here/hive.dict" -print_final_stats=1)
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 status=0
-for harness in walk edit; do
-  exe="$build/fuzz/fuzz_$harness"
+pids=()
+for harness in "${harnesses[@]}"; do
   echo "== fuzz_$harness: fuzzing for ${duration}s"
-  if ! "$exe" "${common[@]}" -max_total_time="$duration" -artifact_prefix="$artifacts/$harness-" \
-      "$work/$harness"; then
-    echo "fuzz_$harness: FINDING (see $artifacts)" >&2
+  "$build/fuzz/fuzz_$harness" "${common[@]}" -max_total_time="$duration" -artifact_prefix="$artifacts/$harness-" \
+    "$work/$harness" >"$work/$harness.log" 2>&1 &
+  pids+=($!)
+done
+for i in "${!harnesses[@]}"; do
+  if ! wait "${pids[$i]}"; then
+    echo "fuzz_${harnesses[$i]}: FINDING (see $artifacts)" >&2
+    tail -30 "$work/${harnesses[$i]}.log" >&2
     status=1
   fi
+  grep -E "^stat::number_of_executed_units|^stat::average_exec_per_sec" "$work/${harnesses[$i]}.log" | sed "s/^/  ${harnesses[$i]}: /"
 done
 
-for harness in walk edit; do
-  exe="$build/fuzz/fuzz_$harness"
+for harness in "${harnesses[@]}"; do
+  mkdir -p "$here/regressions/$harness"
   echo "== fuzz_$harness: seed corpus and regression inputs once"
-  if ! "$exe" "${common[@]}" -runs=0 -artifact_prefix="$artifacts/$harness-replay-" \
-      "$work/$harness" "$here/regressions/$harness"; then
+  if ! "$build/fuzz/fuzz_$harness" "${common[@]}" -runs=0 -artifact_prefix="$artifacts/$harness-replay-" \
+      "$work/$harness" "$here/regressions/$harness" >"$work/$harness-replay.log" 2>&1; then
     echo "fuzz_$harness: FINDING while replaying (see $artifacts)" >&2
+    tail -30 "$work/$harness-replay.log" >&2
     status=1
   fi
 done
