@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "NewHive.h"
+#include "logs/BaseBlock.h"
 #include "Session.h"
 
 namespace TamvikTool {
@@ -60,7 +60,7 @@ void HiveFile::ReadBaseBlock() {
         base_.fileName += c;
     }
     base_.storedChecksum = LoadU32(b + 0x1FC);
-    base_.computedChecksum = BaseBlockChecksum(b);
+    base_.computedChecksum = TamvikLogs::BaseBlockChecksum(b);
 
     if (!base_.signatureOk) Add(0x0, "base block: signature is not \"regf\"");
     if (base_.storedChecksum != base_.computedChecksum)
