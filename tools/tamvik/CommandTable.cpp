@@ -78,6 +78,27 @@ const std::vector<Command>& AllCommands() {
          "  --root-name NAME   name of the root key (default ROOT), Latin-1\n"
          "  --force            replace an existing file\n",
          RunNew},
+        {"replay", "apply the transaction logs of a dirty hive",
+         "usage: tamvik replay HIVE [-o OUT] [--log FILE]... [--partial] [--force]\n"
+         "A hive is dirty when its two sequence numbers differ or its base block\n"
+         "checksum is wrong: its last write did not end, and its latest changes are\n"
+         "in the logs beside it (HIVE.LOG, HIVE.LOG1, HIVE.LOG2, in any letter case).\n"
+         "Applies them as Windows does when it loads the hive (old-format dirty\n"
+         "pages, or new-format entries in sequence order across the logs, each\n"
+         "checked by its hashes) and writes a clean hive to OUT; the hive itself is\n"
+         "not changed. A hive whose base block is damaged takes the log's copy.\n"
+         "Logs written at another time than the hive are not applied. Nothing is\n"
+         "written when no log applies or a log is damaged before its end.\n"
+         "  -o, --output OUT   where to write (default HIVE.replayed); OUT may be\n"
+         "                     HIVE itself only with --force\n"
+         "  --log FILE         a log to use instead of those beside the hive; repeat\n"
+         "                     for several\n"
+         "  --partial          when the logs break off early (a wrong hash, a gap in\n"
+         "                     the sequence numbers, a truncated file), write the\n"
+         "                     hive with the entries before the break, as Windows would\n"
+         "  --force            replace OUT when it exists\n"
+         "A clean hive needs nothing: replay says so and writes nothing.\n",
+         RunReplay},
     };
     return commands;
 }
