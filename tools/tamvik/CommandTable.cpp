@@ -9,7 +9,8 @@ const std::vector<Command>& AllCommands() {
          "usage: tamvik info HIVE\n"
          "Reads the base block and walks the bins and cells of the file: signature,\n"
          "sequence numbers, version, root cell, bins size, checksum, and the counts\n"
-         "of bins, keys, values, security cells, used and free space.\n",
+         "of bins, keys, values, security cells, used and free space. For a dirty\n"
+         "hive, also what each log beside it holds and what tamvik replay would apply.\n",
          RunInfo},
         {"ls", "list the subkeys and values of a key",
          "usage: tamvik ls HIVE [PATH] [-r]\n"
@@ -67,7 +68,8 @@ const std::vector<Command>& AllCommands() {
          "between cells by reading the file, then walks all keys and values through\n"
          "the library. Problems are listed with their offsets (cell offsets are\n"
          "relative to the bins area, file offset = cell offset + 4096). Exit status\n"
-         "0 only for a sound hive; warnings don't change it.\n"
+         "0 only for a sound hive; warnings don't change it. A dirty hive is a\n"
+         "problem; notes tell what its logs hold and what tamvik replay would do.\n"
          "  -q, --quiet   print problems only, no summary\n",
          RunCheck},
         {"new", "write a new empty hive",
