@@ -35,32 +35,37 @@ const std::vector<Command>& AllCommands() {
          "  -o FILE      write to FILE instead of standard output\n",
          RunExport},
         {"import", "merge a .reg file into a hive",
-         "usage: tamvik import HIVE FILE.reg [--prefix P]\n"
+         "usage: tamvik import HIVE FILE.reg [--prefix P] [--force]\n"
          "Creates keys as needed, creates or replaces values, deletes [-keys] with\n"
          "everything below them and \"values\"=-. Key paths must start with the\n"
          "prefix (default: a backslash, as export writes them). FILE - reads\n"
          "standard input. The whole file is parsed before the hive is opened.\n"
-         "  --prefix P   prefix to strip from every key path\n",
+         "  --prefix P   prefix to strip from every key path\n"
+         "  --force      edit a dirty hive anyway (exit status 3 without it)\n",
          RunImport},
         {"set", "create or replace one value",
-         "usage: tamvik set HIVE PATH NAME TYPE VALUE...\n"
+         "usage: tamvik set HIVE PATH NAME TYPE VALUE... [--force]\n"
          "TYPE: sz, expand_sz, multi_sz, dword, dword_be, qword, binary, none, link,\n"
          "resource_list, full_resource_descriptor, resource_requirements_list, the\n"
          "REG_ names, or a number. Strings take UTF-8 text (multi_sz one argument\n"
          "per string), numbers decimal or 0x hex, other types hex bytes (\"01,ff\").\n"
-         "The key must exist. A value of another type is replaced.\n",
+         "The key must exist. A value of another type is replaced.\n"
+         "  --force      edit a dirty hive anyway (exit status 3 without it)\n",
          RunSet},
         {"mkkey", "create a key and any missing keys above it",
-         "usage: tamvik mkkey HIVE PATH\n"
-         "Fails with 72 (already exists) when the key is there already.\n",
+         "usage: tamvik mkkey HIVE PATH [--force]\n"
+         "Fails with 72 (already exists) when the key is there already.\n"
+         "  --force      edit a dirty hive anyway (exit status 3 without it)\n",
          RunMkkey},
         {"rm", "delete one value",
-         "usage: tamvik rm HIVE PATH NAME\n",
+         "usage: tamvik rm HIVE PATH NAME [--force]\n"
+         "  --force      edit a dirty hive anyway (exit status 3 without it)\n",
          RunRm},
         {"rmkey", "delete a key",
-         "usage: tamvik rmkey HIVE PATH [-r]\n"
+         "usage: tamvik rmkey HIVE PATH [-r] [--force]\n"
          "Deletes the key at PATH, which must have no subkeys unless -r is given.\n"
-         "  -r, --recursive   delete the whole subtree, leaves first\n",
+         "  -r, --recursive   delete the whole subtree, leaves first\n"
+         "  --force           edit a dirty hive anyway (exit status 3 without it)\n",
          RunRmkey},
         {"check", "verify the structure of a hive",
          "usage: tamvik check HIVE [-q]\n"
