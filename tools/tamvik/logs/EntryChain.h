@@ -25,7 +25,8 @@ struct EntryChain {
 
 // pool: indices of the logs to draw from. Entries older than minimum, or
 // than the base block of their own log, were applied before and are passed
-// over. With exact, the chain must begin at minimum itself.
+// over. With exact, a chain that begins after minimum is built all the
+// same, and the missing start is its gap.
 EntryChain BuildChain(const std::vector<LogFile>& logs, const std::vector<std::size_t>& pool, std::uint32_t minimum,
                       bool exact);
 
