@@ -10,6 +10,11 @@ std::optional<std::string> Args::Value(const std::string& name) const {
     return it->second;
 }
 
+std::vector<std::string> Args::All(const std::string& name) const {
+    auto it = lists.find(name);
+    return it == lists.end() ? std::vector<std::string>{} : it->second;
+}
+
 Args ParseArgs(const std::vector<std::string>& argv, const std::vector<OptionSpec>& options, int minPositional,
                int maxPositional, const std::string& command) {
     Args args;
@@ -41,6 +46,7 @@ Args ParseArgs(const std::vector<std::string>& argv, const std::vector<OptionSpe
                 inlineValue = argv[++i];
             }
             args.values[chosen->name] = *inlineValue;
+            args.lists[chosen->name].push_back(*inlineValue);
         } else {
             if (inlineValue) UsageError(command + ": option " + name + " takes no value");
             args.flags.insert(chosen->name);

@@ -21,10 +21,13 @@ struct OptionSpec {
 struct Args {
     std::vector<std::string> positional;
     std::set<std::string> flags;
-    std::map<std::string, std::string> values;
+    std::map<std::string, std::string> values;             // the last value of each option
+    std::map<std::string, std::vector<std::string>> lists;  // every value of each, in order
 
     bool Has(const std::string& name) const { return flags.count(name) != 0 || values.count(name) != 0; }
     std::optional<std::string> Value(const std::string& name) const;
+    // Every value given to an option that may be repeated.
+    std::vector<std::string> All(const std::string& name) const;
 };
 
 // Parses argv after the subcommand. Throws a usage ToolError for an unknown

@@ -3,6 +3,7 @@
 
 #include "Args.h"
 #include "Commands.h"
+#include "DirtyState.h"
 #include "HiveFile.h"
 #include "Progress.h"
 #include "Session.h"
@@ -39,6 +40,11 @@ int RunCheck(const CommandArgs& argv) {
     Tally tally;
     HiveFile file(hive);
     for (const Finding& f : file.Findings()) Report(hive, f, &tally);
+    // The dirt itself is among the findings above; these say what can mend it.
+    if (const DirtyState dirt = InspectDirt(hive); dirt.dirty) {
+        for (const std::string& log : dirt.logs) std::printf("%s: note: log %s\n", hive.c_str(), log.c_str());
+        std::printf("%s: note: the hive is dirty; replay %s\n", hive.c_str(), dirt.replay.c_str());
+    }
     StructureReport structure;
     if (file.Base().signatureOk) {
         structure = CheckStructure(file);

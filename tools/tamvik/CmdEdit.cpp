@@ -4,6 +4,7 @@
 
 #include "Args.h"
 #include "Commands.h"
+#include "EditGuard.h"
 #include "KeyWriter.h"
 #include "Session.h"
 #include "ValueText.h"
@@ -27,7 +28,7 @@ std::u16string WideArgument(const std::string& text, const char* what) {
 }  // namespace
 
 int RunSet(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {}, 5, -1, "set");
+    Args args = ParseArgs(argv, {{"--force", false}}, 5, -1, "set");
     const KeyPath path = ParseKeyPath(args.positional[1]);
     const std::u16string name = WideArgument(args.positional[2], "value name");
     std::optional<std::uint32_t> type = ParseTypeName(args.positional[3]);
@@ -35,6 +36,7 @@ int RunSet(const CommandArgs& argv) {
     const Bytes data =
         DataFromArguments(*type, std::vector<std::string>(args.positional.begin() + 4, args.positional.end()));
     if (data.empty()) UsageError("the library can't store a value with no data");
+    GuardEdit(args.positional[0], args.Has("--force"));
     HiveSession session(args.positional[0], false);
     KeyWriter writer(session);
     HKEY key = nullptr;
@@ -47,12 +49,13 @@ int RunSet(const CommandArgs& argv) {
 }
 
 int RunMkkey(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {}, 2, 2, "mkkey");
+    Args args = ParseArgs(argv, {{"--force", false}}, 2, 2, "mkkey");
     const KeyPath path = ParseKeyPath(args.positional[1]);
     if (path.empty()) UsageError("the root key exists already");
     for (const auto& part : path)
         if (std::string problem = NameProblem(part, true); !problem.empty())
             UsageError("key " + ShowPath(path) + ": " + problem);
+    GuardEdit(args.positional[0], args.Has("--force"));
     HiveSession session(args.positional[0], false);
     KeyWriter writer(session);
     std::string why;
@@ -64,9 +67,10 @@ int RunMkkey(const CommandArgs& argv) {
 }
 
 int RunRm(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {}, 3, 3, "rm");
+    Args args = ParseArgs(argv, {{"--force", false}}, 3, 3, "rm");
     const KeyPath path = ParseKeyPath(args.positional[1]);
     const std::u16string name = WideArgument(args.positional[2], "value name");
+    GuardEdit(args.positional[0], args.Has("--force"));
     HiveSession session(args.positional[0], false);
     KeyWriter writer(session);
     std::string why;
@@ -76,9 +80,10 @@ int RunRm(const CommandArgs& argv) {
 }
 
 int RunRmkey(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"-r", false, "--recursive"}}, 2, 2, "rmkey");
+    Args args = ParseArgs(argv, {{"-r", false, "--recursive"}, {"--force", false}}, 2, 2, "rmkey");
     const KeyPath path = ParseKeyPath(args.positional[1]);
     if (path.empty()) UsageError("the root key can't be deleted");
+    GuardEdit(args.positional[0], args.Has("--force"));
     HiveSession session(args.positional[0], false);
     KeyWriter writer(session);
     std::string why;

@@ -3,6 +3,7 @@
 
 #include "Args.h"
 #include "Commands.h"
+#include "EditGuard.h"
 #include "KeyWriter.h"
 #include "Progress.h"
 #include "RegText.h"
@@ -44,7 +45,7 @@ bool StripPrefix(const std::u16string& prefix, std::u16string* path) {
 }  // namespace
 
 int RunImport(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--prefix", true}}, 2, 2, "import");
+    Args args = ParseArgs(argv, {{"--prefix", true}, {"--force", false}}, 2, 2, "import");
     std::u16string prefix;
     if (auto p = args.Value("--prefix")) {
         std::optional<std::u16string> wide = FromUtf8(*p);
@@ -72,6 +73,7 @@ int RunImport(const CommandArgs& argv) {
         throw ToolError(regName + ": " + std::to_string(parse.errors.size()) + " error(s), hive not changed", kExitUsage);
     }
 
+    GuardEdit(args.positional[0], args.Has("--force"));
     HiveSession session(args.positional[0], false);
     KeyWriter writer(session);
     std::size_t failures = 0;

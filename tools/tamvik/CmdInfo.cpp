@@ -3,6 +3,7 @@
 
 #include "Args.h"
 #include "Commands.h"
+#include "DirtyState.h"
 #include "HiveFile.h"
 #include "Session.h"
 
@@ -33,6 +34,10 @@ int RunInfo(const CommandArgs& argv) {
                 static_cast<unsigned long long>(c.usedCells));
     std::printf("free space      %llu bytes in %llu cells\n", static_cast<unsigned long long>(c.freeBytes),
                 static_cast<unsigned long long>(c.freeCells));
+    const DirtyState dirt = InspectDirt(args.positional[0]);
+    std::printf("dirty           %s\n", dirt.dirty ? ("yes: " + dirt.reason).c_str() : "no");
+    for (const std::string& log : dirt.logs) std::printf("log             %s\n", log.c_str());
+    if (dirt.dirty) std::printf("replay          %s\n", dirt.replay.c_str());
     // Faults met while reading are told, but info is no check: it still succeeds.
     for (const Finding& f : file.Findings())
         std::fprintf(stderr, "tamvik info: %s: %s at file offset %s: %s\n", args.positional[0].c_str(),

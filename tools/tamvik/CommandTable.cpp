@@ -9,7 +9,8 @@ const std::vector<Command>& AllCommands() {
          "usage: tamvik info HIVE\n"
          "Reads the base block and walks the bins and cells of the file: signature,\n"
          "sequence numbers, version, root cell, bins size, checksum, and the counts\n"
-         "of bins, keys, values, security cells, used and free space.\n",
+         "of bins, keys, values, security cells, used and free space. For a dirty\n"
+         "hive, also what each log beside it holds and what tamvik replay would apply.\n",
          RunInfo},
         {"ls", "list the subkeys and values of a key",
          "usage: tamvik ls HIVE [PATH] [-r]\n"
@@ -34,32 +35,37 @@ const std::vector<Command>& AllCommands() {
          "  -o FILE      write to FILE instead of standard output\n",
          RunExport},
         {"import", "merge a .reg file into a hive",
-         "usage: tamvik import HIVE FILE.reg [--prefix P]\n"
+         "usage: tamvik import HIVE FILE.reg [--prefix P] [--force]\n"
          "Creates keys as needed, creates or replaces values, deletes [-keys] with\n"
          "everything below them and \"values\"=-. Key paths must start with the\n"
          "prefix (default: a backslash, as export writes them). FILE - reads\n"
          "standard input. The whole file is parsed before the hive is opened.\n"
-         "  --prefix P   prefix to strip from every key path\n",
+         "  --prefix P   prefix to strip from every key path\n"
+         "  --force      edit a dirty hive anyway (exit status 3 without it)\n",
          RunImport},
         {"set", "create or replace one value",
-         "usage: tamvik set HIVE PATH NAME TYPE VALUE...\n"
+         "usage: tamvik set HIVE PATH NAME TYPE VALUE... [--force]\n"
          "TYPE: sz, expand_sz, multi_sz, dword, dword_be, qword, binary, none, link,\n"
          "resource_list, full_resource_descriptor, resource_requirements_list, the\n"
          "REG_ names, or a number. Strings take UTF-8 text (multi_sz one argument\n"
          "per string), numbers decimal or 0x hex, other types hex bytes (\"01,ff\").\n"
-         "The key must exist. A value of another type is replaced.\n",
+         "The key must exist. A value of another type is replaced.\n"
+         "  --force      edit a dirty hive anyway (exit status 3 without it)\n",
          RunSet},
         {"mkkey", "create a key and any missing keys above it",
-         "usage: tamvik mkkey HIVE PATH\n"
-         "Fails with 72 (already exists) when the key is there already.\n",
+         "usage: tamvik mkkey HIVE PATH [--force]\n"
+         "Fails with 72 (already exists) when the key is there already.\n"
+         "  --force      edit a dirty hive anyway (exit status 3 without it)\n",
          RunMkkey},
         {"rm", "delete one value",
-         "usage: tamvik rm HIVE PATH NAME\n",
+         "usage: tamvik rm HIVE PATH NAME [--force]\n"
+         "  --force      edit a dirty hive anyway (exit status 3 without it)\n",
          RunRm},
         {"rmkey", "delete a key",
-         "usage: tamvik rmkey HIVE PATH [-r]\n"
+         "usage: tamvik rmkey HIVE PATH [-r] [--force]\n"
          "Deletes the key at PATH, which must have no subkeys unless -r is given.\n"
-         "  -r, --recursive   delete the whole subtree, leaves first\n",
+         "  -r, --recursive   delete the whole subtree, leaves first\n"
+         "  --force           edit a dirty hive anyway (exit status 3 without it)\n",
          RunRmkey},
         {"check", "verify the structure of a hive",
          "usage: tamvik check HIVE [-q]\n"
@@ -67,7 +73,8 @@ const std::vector<Command>& AllCommands() {
          "between cells by reading the file, then walks all keys and values through\n"
          "the library. Problems are listed with their offsets (cell offsets are\n"
          "relative to the bins area, file offset = cell offset + 4096). Exit status\n"
-         "0 only for a sound hive; warnings don't change it.\n"
+         "0 only for a sound hive; warnings don't change it. A dirty hive is a\n"
+         "problem; notes tell what its logs hold and what tamvik replay would do.\n"
          "  -q, --quiet   print problems only, no summary\n",
          RunCheck},
         {"new", "write a new empty hive",
@@ -78,6 +85,27 @@ const std::vector<Command>& AllCommands() {
          "  --root-name NAME   name of the root key (default ROOT), Latin-1\n"
          "  --force            replace an existing file\n",
          RunNew},
+        {"replay", "apply the transaction logs of a dirty hive",
+         "usage: tamvik replay HIVE [-o OUT] [--log FILE]... [--partial] [--force]\n"
+         "A hive is dirty when its two sequence numbers differ or its base block\n"
+         "checksum is wrong: its last write did not end, and its latest changes are\n"
+         "in the logs beside it (HIVE.LOG, HIVE.LOG1, HIVE.LOG2, in any letter case).\n"
+         "Applies them as Windows does when it loads the hive (old-format dirty\n"
+         "pages, or new-format entries in sequence order across the logs, each\n"
+         "checked by its hashes) and writes a clean hive to OUT; the hive itself is\n"
+         "not changed. A hive whose base block is damaged takes the log's copy.\n"
+         "Logs written at another time than the hive are not applied. Nothing is\n"
+         "written when no log applies or a log is damaged before its end.\n"
+         "  -o, --output OUT   where to write (default HIVE.replayed); OUT may be\n"
+         "                     HIVE itself only with --force\n"
+         "  --log FILE         a log to use instead of those beside the hive; repeat\n"
+         "                     for several\n"
+         "  --partial          when the logs break off early (a wrong hash, a gap in\n"
+         "                     the sequence numbers, a truncated file), write the\n"
+         "                     hive with the entries before the break, as Windows would\n"
+         "  --force            replace OUT when it exists\n"
+         "A clean hive needs nothing: replay says so and writes nothing.\n",
+         RunReplay},
     };
     return commands;
 }

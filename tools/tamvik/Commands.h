@@ -27,6 +27,7 @@ int RunRm(const CommandArgs&);
 int RunRmkey(const CommandArgs&);
 int RunCheck(const CommandArgs&);
 int RunNew(const CommandArgs&);
+int RunReplay(const CommandArgs&);
 
 // The table of all subcommands, in the order of the overview.
 const std::vector<Command>& AllCommands();

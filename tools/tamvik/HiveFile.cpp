@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "NewHive.h"
+#include "logs/BaseBlock.h"
 #include "Session.h"
 
 namespace TamvikTool {
@@ -60,15 +60,15 @@ void HiveFile::ReadBaseBlock() {
         base_.fileName += c;
     }
     base_.storedChecksum = LoadU32(b + 0x1FC);
-    base_.computedChecksum = BaseBlockChecksum(b);
+    base_.computedChecksum = TamvikLogs::BaseBlockChecksum(b);
 
     if (!base_.signatureOk) Add(0x0, "base block: signature is not \"regf\"");
     if (base_.storedChecksum != base_.computedChecksum)
         Add(0x1FC, "base block: checksum " + Hex(base_.storedChecksum) + ", computed " + Hex(base_.computedChecksum));
     if (base_.sequence1 != base_.sequence2)
         Add(0x04, "base block: sequence numbers " + std::to_string(base_.sequence1) + " and " +
-                      std::to_string(base_.sequence2) + " differ: the hive was not written out completely (a log "
-                      "would have to be replayed)");
+                      std::to_string(base_.sequence2) +
+                      " differ: the hive is dirty, its last write did not end (see tamvik replay)");
     if (base_.major != 1) Add(0x14, "base block: major version " + std::to_string(base_.major) + ", expected 1");
     if (base_.minor < 1 || base_.minor > 6)
         Add(0x18, "base block: minor version " + std::to_string(base_.minor) + " is unknown");

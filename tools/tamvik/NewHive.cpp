@@ -7,6 +7,8 @@
 #include <chrono>
 #include <cstring>
 
+#include "logs/BaseBlock.h"
+
 namespace TamvikTool {
 
 namespace {
@@ -94,17 +96,6 @@ Image DefaultSecurityDescriptor() {
     return sd;
 }
 
-std::uint32_t BaseBlockChecksum(const std::uint8_t* baseBlock) {
-    std::uint32_t sum = 0;
-    for (int i = 0; i < 127; ++i) {
-        const std::uint8_t* p = baseBlock + 4 * i;
-        sum ^= p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<std::uint32_t>(p[3]) << 24);
-    }
-    if (sum == 0xFFFFFFFF) return 0xFFFFFFFE;
-    if (sum == 0) return 1;
-    return sum;
-}
-
 std::uint64_t FileTimeNow() {
     using namespace std::chrono;
     const auto since1970 = duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count();
@@ -153,7 +144,7 @@ Image BuildEmptyHive(const NewHiveOptions& options, std::uint64_t timestamp, std
     // The file name field holds the tail of a name in UTF-16; the root name serves.
     for (std::size_t i = 0; i < rootName.size() && i < 31; ++i)
         Put16(base + 0x30 + 2 * i, static_cast<std::uint8_t>(rootName[i]));
-    Put32(base + 0x1FC, BaseBlockChecksum(base));
+    Put32(base + 0x1FC, TamvikLogs::BaseBlockChecksum(base));
 
     std::uint8_t* bin = base + kBaseBlockSize;
     std::memcpy(bin, "hbin", 4);

@@ -23,9 +23,6 @@ std::vector<std::uint8_t> BuildEmptyHive(const NewHiveOptions& options, std::uin
 // and SYSTEM full access and Everyone read access, inherited by subkeys.
 std::vector<std::uint8_t> DefaultSecurityDescriptor();
 
-// XOR of the first 127 words of a base block, with 0 and ~0 avoided.
-std::uint32_t BaseBlockChecksum(const std::uint8_t* baseBlock);
-
 // The current time as a FILETIME.
 std::uint64_t FileTimeNow();
 

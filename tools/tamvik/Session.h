@@ -13,6 +13,7 @@ namespace TamvikTool {
 constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;  // the hive or an operation failed, or check found problems
 constexpr int kExitUsage = 2;   // bad arguments: nothing was opened for writing
+constexpr int kExitDirty = 3;   // an editing command refused a dirty hive (see tamvik replay)
 
 // Meaning of a library result number, for messages.
 std::string ResultMeaning(RegAPI::LONG result);

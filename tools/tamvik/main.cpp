@@ -16,6 +16,9 @@ namespace {
 void PrintOverview(std::FILE* out) {
     std::fprintf(out, "usage: tamvik COMMAND [ARGS]   (tamvik COMMAND --help for details)\n\ncommands:\n");
     for (const Command& c : AllCommands()) std::fprintf(out, "  %-8s %s\n", c.name, c.summary);
+    std::fprintf(out,
+                 "\nexit status: 0 done, 1 failed (or check found problems), 2 bad arguments,\n"
+                 "3 an editing command refused a dirty hive (see tamvik replay --help)\n");
 }
 
 bool WantsHelp(const CommandArgs& args) {

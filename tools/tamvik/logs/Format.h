@@ -1,0 +1,82 @@
+// The numbers of base blocks, bins and transaction logs that the log code
+// reads: sizes, signatures and field offsets, named once. Everything here is
+// little-endian.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+namespace TamvikLogs {
+
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::uint32_t kBaseBlockBytes = 4096;
+constexpr std::uint32_t kChecksummedWords = 127;  // the checksum covers the words before it
+constexpr std::uint32_t kLogSectorBytes = 512;    // unit of log layout; also an old-format dirty page
+constexpr std::uint32_t kMaxClustering = 8;       // sectors of 4096 bytes at most
+constexpr std::uint32_t kBinUnit = 4096;
+constexpr std::uint32_t kBinHeaderBytes = 32;
+
+constexpr char kRegfSignature[] = "regf";
+constexpr char kHbinSignature[] = "hbin";
+constexpr char kDirtSignature[] = "DIRT";
+constexpr char kEntrySignature[] = "HvLE";
+constexpr std::size_t kSignatureBytes = 4;
+
+namespace BaseField {
+constexpr std::size_t Sequence1 = 0x04;
+constexpr std::size_t Sequence2 = 0x08;
+constexpr std::size_t Timestamp = 0x0C;
+constexpr std::size_t FileType = 0x1C;
+constexpr std::size_t BinsSize = 0x28;
+constexpr std::size_t Clustering = 0x2C;
+constexpr std::size_t Flags = 0x90;
+constexpr std::size_t Checksum = 0x1FC;
+}  // namespace BaseField
+
+namespace FileType {
+constexpr std::uint32_t Primary = 0;
+constexpr std::uint32_t OldLog = 1;
+constexpr std::uint32_t OldLog2000 = 2;  // the same layout, as Windows 2000 marked it
+constexpr std::uint32_t NewLog = 6;
+}  // namespace FileType
+
+namespace BinField {
+constexpr std::size_t Offset = 0x04;
+constexpr std::size_t Size = 0x08;
+constexpr std::size_t Timestamp = 0x14;
+}  // namespace BinField
+
+// A new-format log entry: a header, page references, then the pages.
+namespace EntryField {
+constexpr std::size_t Size = 0x04;
+constexpr std::size_t Flags = 0x08;
+constexpr std::size_t Sequence = 0x0C;
+constexpr std::size_t BinsSize = 0x10;
+constexpr std::size_t PageCount = 0x14;
+constexpr std::size_t Hash1 = 0x18;
+constexpr std::size_t Hash2 = 0x20;
+constexpr std::size_t PageRefs = 0x28;  // also the length of the header
+}  // namespace EntryField
+constexpr std::size_t kHash2Bytes = EntryField::Hash2;  // hash-2 covers the header before it
+constexpr std::size_t kPageRefBytes = 8;                // bins offset, size
+constexpr std::uint32_t kEntryFlagsMask = 0x1;          // the one base block flag an entry carries
+
+constexpr std::uint64_t kMarvinSeed = 0x82EF4D887A4E55C5;
+
+inline std::uint32_t Load32(const std::uint8_t* p) {
+    return p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<std::uint32_t>(p[3]) << 24);
+}
+inline std::uint64_t Load64(const std::uint8_t* p) {
+    return Load32(p) | (static_cast<std::uint64_t>(Load32(p + 4)) << 32);
+}
+inline void Store32(std::uint8_t* p, std::uint32_t v) {
+    for (int i = 0; i < 4; ++i) p[i] = static_cast<std::uint8_t>(v >> (8 * i));
+}
+inline bool HasSignature(const std::uint8_t* p, const char* signature) {
+    return std::memcmp(p, signature, kSignatureBytes) == 0;
+}
+
+}  // namespace TamvikLogs
