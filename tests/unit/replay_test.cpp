@@ -13,34 +13,25 @@
 #include <string>
 #include <vector>
 
-#include "support/Shell.h"
-#include "support/TempFile.h"
+#include "store/ByteOrder.h"
+#include "support/Files.h"
+#include "support/Peers.h"
 #include "tools/tamvik/logs/Marvin32.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Bytes = std::vector<std::uint8_t>;
+using TamvikTest::Bytes;
 using TamvikTest::Capture;
 using TamvikTest::Quoted;
 using TamvikTest::ReadFileBytes;
 
-constexpr const char* kPython = "/usr/bin/python3";
 constexpr std::size_t kEntryHeader = 40;
 
-std::uint32_t U32(const Bytes& b, std::size_t at) {
-    return b[at] | (b[at + 1] << 8) | (b[at + 2] << 16) | (static_cast<std::uint32_t>(b[at + 3]) << 24);
-}
-std::uint64_t U64(const Bytes& b, std::size_t at) {
-    return U32(b, at) | static_cast<std::uint64_t>(U32(b, at + 4)) << 32;
-}
-void Put32(Bytes& b, std::size_t at, std::uint32_t v) {
-    for (int i = 0; i < 4; ++i) b[at + i] = static_cast<std::uint8_t>(v >> (8 * i));
-}
-void Put64(Bytes& b, std::size_t at, std::uint64_t v) {
-    Put32(b, at, static_cast<std::uint32_t>(v));
-    Put32(b, at + 4, static_cast<std::uint32_t>(v >> 32));
-}
+std::uint32_t U32(const Bytes& b, std::size_t at) { return Tamvik::LoadU32(&b.at(at + 3) - 3); }
+std::uint64_t U64(const Bytes& b, std::size_t at) { return U32(b, at) | static_cast<std::uint64_t>(U32(b, at + 4)) << 32; }
+void Put32(Bytes& b, std::size_t at, std::uint32_t v) { Tamvik::StoreU32(&b.at(at + 3) - 3, v); }
+void Put64(Bytes& b, std::size_t at, std::uint64_t v) { Tamvik::StoreU64(&b.at(at + 7) - 7, v); }
 void WriteBytes(const std::string& path, const Bytes& bytes) {
     std::ofstream(path, std::ios::binary | std::ios::trunc)
         .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
@@ -75,7 +66,7 @@ protected:
 
     // The real hives are needed: skips the test when they are absent.
     bool NeedShared() {
-        shared_ = TamvikTest::SharedHivesDir();
+        shared_ = TamvikTest::SharedHives();
         return !shared_.empty();
     }
     std::string Damaged(const std::string& path) const { return shared_ + "/damaged/" + path; }
@@ -99,12 +90,13 @@ protected:
         auto [status, text] = Capture(command + " 2>&1");
         return {status, text};
     }
-    // The listing of a hive as a peer reads it (tests/model/peer_listing.py).
+    // The listing of a hive as a peer reads it, complaints included.
     static std::string Listing(const std::string& reader, const std::string& hive) {
-        return Capture(std::string(kPython) + " " +
-                       Quoted(std::string(TAMVIK_SOURCE_DIR) + "/tests/model/peer_listing.py") + " " + reader + " " +
-                       Quoted(hive) + " 2>/dev/null")
-            .second;
+        const TamvikTest::PeerListing peer = TamvikTest::RunPeer(reader, hive);
+        std::string text;
+        for (const auto* lines : {&peer.lines, &peer.errors})
+            for (const std::string& line : *lines) text += line + "\n";
+        return text;
     }
     // Files of the scratch folder whose name holds part.
     std::vector<std::string> FilesWith(const std::string& part) const {
@@ -168,7 +160,7 @@ TEST_P(ReplayRealTest, ListsAsTheHiveWindowsMade) {
     if (c.sameBytes) {
         EXPECT_EQ(ReadFileBytes(out), ReadFileBytes(windows)) << "not byte for byte what Windows made";
     }
-    if (access(kPython, X_OK) != 0) GTEST_SKIP() << kPython << " is absent: listings not compared";
+    if (!TamvikTest::PeersMissing().empty()) GTEST_SKIP() << TamvikTest::PeersMissing();
     for (const char* reader : {"hivex", "libregf"}) {
         const std::string ours = Listing(reader, out);
         EXPECT_EQ(ours.find("#error"), std::string::npos) << reader << ":\n" << ours.substr(0, 2000);
