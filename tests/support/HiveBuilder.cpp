@@ -63,7 +63,7 @@ std::uint32_t HiveBuilder::AddCell(const Bytes& payload, bool allocated, std::ui
     const std::uint32_t offset = position_;
     StoreI32(&area_[offset], allocated ? -static_cast<std::int32_t>(size) : static_cast<std::int32_t>(size));
     if (minor_ == 1 && size >= 8) StoreU32(&area_[offset + 4], lastCell_ == kNoCell ? kNoCell : lastCell_ - binStart_);
-    if (size > Payload())
+    if (size > Payload() && !payload.empty())
         std::memcpy(&area_[offset + Payload()], payload.data(), std::min<std::size_t>(size - Payload(), payload.size()));
     lastCell_ = offset;
     position_ = offset + size;
