@@ -97,23 +97,20 @@ void RemoveValueEntry(SubValList* list, Hive* hive, Key* owner, std::uint32_t po
     list->child.reset();
 }
 
-bool FreeValueData(Val* value, Hive* hive) {
-    if (value->DataLength() >= kInlineData) return true;
+void FreeValueData(Val* value, Hive* hive) {
+    if (value->DataLength() >= kInlineData) return;
     CellRef cell = hive->GetCell(value->DataCell());
-    if (!cell.IsUsable()) return false;
+    if (!cell.IsUsable()) return;
     if (IsBigDataLength(hive->MinorVersion(), value->DataLength())) {
         std::unique_ptr<BigData> db = NarrowNode<BigData>(MakeNode(cell, hive, value, CellKind::BigDataRecord));
-        if (db == nullptr) return false;
+        if (db == nullptr) return;
         // Plain data under a big length is released as the one cell it is: its
         // bytes are never taken for segment offsets.
         if (db->HasDbSignature()) db->Free(hive);
         else FreeCell(cell, hive);
-        return true;
+        return;
     }
-    std::unique_ptr<Data> data = NarrowNode<Data>(MakeNode(cell, hive, value, CellKind::PlainData));
-    if (data == nullptr) return false;
-    data->Free(hive);
-    return true;
+    if (std::unique_ptr<Data> data = NarrowNode<Data>(MakeNode(cell, hive, value, CellKind::PlainData))) data->Free(hive);
 }
 
 }  // namespace Tamvik

@@ -58,7 +58,7 @@ bool DeleteKey(Key* key, Hive* hive);
 void DeleteValues(Key* key, Hive* hive);
 void RemoveFromParent(Key* parent, Hive* hive, Key* key);
 void DeleteValue(Val* value, Hive* hive);
-bool FreeValueData(Val* value, Hive* hive);
+void FreeValueData(Val* value, Hive* hive);
 void RemoveValueEntry(SubValList* list, Hive* hive, Key* owner, std::uint32_t position);
 
 }  // namespace Tamvik

@@ -11,7 +11,7 @@ namespace Tamvik {
 
 MidData::MidData(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_,
                  std::uint32_t bufferSize_, std::uint32_t payloadOffset)
-    : Data(offset_, kTypeMidData, parent_, std::move(buffer_), bufferSize_),
+    : Data(offset_, parent_, std::move(buffer_), bufferSize_),
       record(PayloadOf(buffer.get(), bufferSize_, payloadOffset)) {}
 
 WString MidData::GetName() const { return u"MidData"; }
@@ -33,7 +33,7 @@ void MidData::Free(Hive* hive) { FreeCellAt(hive, offset); }
 
 BigData::BigData(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_,
                  std::uint32_t bufferSize_, std::uint32_t payloadOffset)
-    : Data(offset_, kTypeBigData, parent_, std::move(buffer_), bufferSize_),
+    : Data(offset_, parent_, std::move(buffer_), bufferSize_),
       record(PayloadOf(buffer.get(), bufferSize_, payloadOffset)) {}
 
 WString BigData::GetName() const { return u"BigData"; }
@@ -106,7 +106,7 @@ void BigData::Free(Hive* hive) {
 
 SubDatList::SubDatList(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_,
                        std::uint32_t bufferSize_, std::uint32_t payloadOffset)
-    : Node(offset_, kTypeSubDatList, parent_, std::move(buffer_), bufferSize_),
+    : Node(offset_, parent_, std::move(buffer_), bufferSize_),
       record(PayloadOf(buffer.get(), bufferSize_, payloadOffset)) {}
 
 WString SubDatList::GetName() const { return u"SubDatList"; }

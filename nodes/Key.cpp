@@ -9,7 +9,7 @@ namespace Tamvik {
 
 Key::Key(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_, std::uint32_t bufferSize_,
          std::uint32_t payloadOffset)
-    : Node(offset_, kTypeKey, parent_, std::move(buffer_), bufferSize_),
+    : Node(offset_, parent_, std::move(buffer_), bufferSize_),
       record(PayloadOf(buffer.get(), bufferSize_, payloadOffset)) {}
 
 Key::~Key() {

@@ -14,7 +14,7 @@ class Security : public Node {
 public:
     Security(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_, std::uint32_t bufferSize_,
              std::uint32_t payloadOffset)
-        : Node(offset_, kTypeSecurity, parent_, std::move(buffer_), bufferSize_),
+        : Node(offset_, parent_, std::move(buffer_), bufferSize_),
           record(PayloadOf(buffer.get(), bufferSize_, payloadOffset)) {}
 
     RecordRef record;

@@ -27,7 +27,7 @@ private:
 
 SubKeyList::SubKeyList(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_,
                        std::uint32_t bufferSize_, std::uint32_t payloadOffset)
-    : Node(offset_, kTypeSubKeyList, parent_, std::move(buffer_), bufferSize_),
+    : Node(offset_, parent_, std::move(buffer_), bufferSize_),
       record(PayloadOf(buffer.get(), bufferSize_, payloadOffset)) {}
 
 SubKeyList::~SubKeyList() = default;

@@ -17,7 +17,7 @@ bool IsBigDataLength(std::uint32_t minorVersion, std::uint32_t dataLength) {
 
 Val::Val(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_, std::uint32_t bufferSize_,
          std::uint32_t payloadOffset)
-    : Node(offset_, kTypeVal, parent_, std::move(buffer_), bufferSize_),
+    : Node(offset_, parent_, std::move(buffer_), bufferSize_),
       record(PayloadOf(buffer.get(), bufferSize_, payloadOffset)) {}
 
 WString Val::GetName() const {
@@ -46,7 +46,7 @@ bool Val::ReadData(Hive* hive, std::uint8_t* target, std::uint32_t capacity) {
 
 SubValList::SubValList(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_,
                        std::uint32_t bufferSize_, std::uint32_t payloadOffset)
-    : Node(offset_, kTypeSubValList, parent_, std::move(buffer_), bufferSize_),
+    : Node(offset_, parent_, std::move(buffer_), bufferSize_),
       record(PayloadOf(buffer.get(), bufferSize_, payloadOffset)) {}
 
 SubValList::~SubValList() = default;

@@ -19,7 +19,7 @@ std::uint32_t BinRef::BinOffset() const { return LoadU32(header + BinField::BinO
 std::uint32_t BinRef::BinSize() const { return LoadU32(header + BinField::BinSize); }
 
 Hive::Hive(const WString& fileName_, void* context, SeekOp seek, ReadOp read, WriteOp write)
-    : Node(kNoCell, kTypeHive, nullptr, nullptr, 0), closeHandle(context), fileName(fileName_) {
+    : Node(kNoCell, nullptr, nullptr, 0), closeHandle(context), fileName(fileName_) {
     storage.context = context;
     storage.seek = seek;
     storage.read = read;

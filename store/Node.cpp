@@ -8,13 +8,11 @@
 
 namespace Tamvik {
 
-Node::Node(std::uint32_t offset_, std::uint32_t type_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_,
-           std::uint32_t bufferSize_)
-    : offset(offset_), type(type_), parent(parent_), buffer(std::move(buffer_)), bufferSize(bufferSize_) {}
+Node::Node(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_, std::uint32_t bufferSize_)
+    : offset(offset_), parent(parent_), buffer(std::move(buffer_)), bufferSize(bufferSize_) {}
 
 Node::~Node() = default;
 
-std::uint32_t Node::GetType() const { return type; }
 Node* Node::GetParent() const { return parent; }
 std::uint8_t* Node::GetBuffer() const { return buffer.get(); }
 std::uint32_t Node::GetOffset() const { return offset; }
@@ -49,12 +47,5 @@ void Node::Save(Hive* hive) {
     hive->WriteArea(offset, buffer.get(), bufferSize);
 }
 
-void Node::SetBuffer(const std::uint8_t* source) {
-    if (buffer == nullptr || bufferSize < 4 || source == nullptr) return;
-    std::int32_t cellSize = LoadI32(buffer.get());
-    std::uint32_t length = cellSize < 0 ? 0u - static_cast<std::uint32_t>(cellSize) : 0u;
-    if (length > bufferSize) length = bufferSize;
-    std::memcpy(buffer.get(), source, length);
-}
 
 }  // namespace Tamvik

@@ -11,27 +11,12 @@ namespace Tamvik {
 
 class Hive;
 
-// NodeType numbers.
-enum : std::uint32_t {
-    kTypeHive = 1,
-    kTypeKey = 2,
-    kTypeVal = 3,
-    kTypeSubKeyList = 4,
-    kTypeSubValList = 5,
-    kTypeSubDatList = 6,
-    kTypeMidData = 7,
-    kTypeBigData = 8,
-    kTypeSecurity = 9,
-};
-
 class Node {
 public:
-    Node(std::uint32_t offset, std::uint32_t type, Node* parent, std::unique_ptr<std::uint8_t[]> buffer,
-         std::uint32_t bufferSize);
+    Node(std::uint32_t offset, Node* parent, std::unique_ptr<std::uint8_t[]> buffer, std::uint32_t bufferSize);
     Node(const Node&) = delete;
     Node& operator=(const Node&) = delete;
 
-    virtual std::uint32_t GetType() const;
     virtual Node* GetParent() const;
     virtual std::uint8_t* GetBuffer() const;
     virtual std::uint32_t GetOffset() const;
@@ -41,15 +26,12 @@ public:
     virtual Node* FindChild(Hive* hive, const char16_t* name);
     // Writes the image back over the cell, if the cell is still allocated at the image's size.
     virtual void Save(Hive* hive);
-    // Replaces the image by as many bytes of source as the image's CellSize names.
-    virtual void SetBuffer(const std::uint8_t* source);
     virtual ~Node();
 
     std::uint32_t GetBufferSize() const { return bufferSize; }
 
 protected:
     std::uint32_t offset;
-    std::uint32_t type;
     Node* parent;  // not owned
     std::unique_ptr<std::uint8_t[]> buffer;
     std::uint32_t bufferSize;  // bytes in buffer; the bound of every access to the image

@@ -7,6 +7,7 @@
 
 #include <ctime>
 #include <set>
+#include <tuple>
 
 #include "store/Allocator.h"
 #include "store/Format.h"
@@ -286,18 +287,22 @@ TEST(Layout, ListsStayOrMove) {
             EXPECT_GT(image.Size(list), 0) << "the old leaf is released";
         }
     }
-    for (const auto& [cellSize, stays] : {std::pair{16u, false}, {24u, true}}) {
+    for (const auto& [count, cellSize, stays] : {std::tuple{2u, 16u, false}, {2u, 24u, true}, {8u, 40u, false},
+                                                 {8u, 48u, true}}) {
         HiveBuilder b;
-        b.AddFree(16);  // where a list that moves goes
-        const std::uint32_t list = b.AddOffsets({b.AddVk({"A", 0x80000001, 1}), b.AddVk({"B", 0x80000001, 2})}, cellSize);
-        b.PatchArea(list + 4 + 8, Bytes(cellSize - 12, 0xEE));
-        b.SetRoot(b.AddNk({"Root", 0x2C, 0, kNone, 2, list}));
-        const BYTE three = 3;
-        const Image image(Edit(b, [&](TestHive& t) { return RegSetValueNewW(t.Key(), u"C", 0, 3, &three, 1); }).after);
-        EXPECT_EQ(image.U32(image.Root(), NkField::ValueListCell) == list, stays) << cellSize;
-        EXPECT_EQ(image.Size(image.U32(image.Root(), NkField::ValueListCell)), stays ? -24 : -16) << cellSize;
+        b.AddCells({32, static_cast<std::int32_t>(count * 4 + 8)});  // for the new vk, and for a list that moves
+        std::vector<std::uint32_t> values;
+        for (std::uint32_t i = 0; i < count; ++i) values.push_back(b.AddVk({std::string(1, char('A' + i)), 0x80000001, i}));
+        const std::uint32_t list = b.AddOffsets(values, cellSize);
+        b.PatchArea(list + 4 + count * 4, Bytes(cellSize - 4 - count * 4, 0xEE));
+        b.SetRoot(b.AddNk({"Root", 0x2C, 0, kNone, count, list}));
+        const BYTE one = 1;
+        const Image image(Edit(b, [&](TestHive& t) { return RegSetValueNewW(t.Key(), u"New", 0, 3, &one, 1); }).after);
+        const std::uint32_t now = image.U32(image.Root(), NkField::ValueListCell);
+        EXPECT_EQ(now == list, stays) << count << " in " << cellSize;
+        EXPECT_EQ(image.Size(now), -static_cast<std::int32_t>(cellSize)) << "kept, or a cell sized for it taken whole";
         if (stays) {
-            EXPECT_EQ(image.U32(list, 12) | image.U32(list, 16), 0u);
+            EXPECT_EQ(image.U32(now, count * 4 + 4), 0u) << "zeros behind the entries";
         }
     }
 }
