@@ -10,11 +10,11 @@ namespace Tamvik {
 
 // What the caller of MakeNode expects the cell to be.
 enum class CellKind : std::uint32_t {
-    BySignature = 0,
-    ValueList = 1,
-    PlainData = 2,
-    BigDataRecord = 3,
-    SegmentList = 4,
+    BySignature,
+    ValueList,
+    PlainData,
+    BigDataRecord,
+    SegmentList,
 };
 
 // Reads the whole cell and builds the node of its class, or null. Never throws.

@@ -147,6 +147,14 @@ TEST(Layout, FreedCellsMergeWithinTheirBin) {
          {{48, 48}}, 96},
         {"v1.1 backward relinks the cell behind", 1, [](HiveBuilder& b) { b.AddCells({-16, 16, -16, -16}); }, 64,
          {{48, 32}, {64, 16}}, 80},
+        {"v1.1 at a bin's end relinks nothing in the next bin", 1,
+         [](HiveBuilder& b) {
+             b.AddCells({-4064});
+             b.AddBin();
+             b.AddCells({-16, 16, -4032});
+             b.AddBin();
+         },
+         4160, {{4144, 4048}}},
     };
     for (const Case& c : cases) {
         HiveBuilder builder(c.minor);
@@ -157,6 +165,8 @@ TEST(Layout, FreedCellsMergeWithinTheirBin) {
         const Image image(test.Disk());
         for (const auto& [offset, size] : c.written) EXPECT_EQ(image.Size(offset), size) << c.what << " at " << offset;
         EXPECT_EQ(image.BinsSize(), Image(before).BinsSize()) << c.what;
+        for (std::uint32_t bin = 0; bin < image.BinsSize(); bin += 4096)
+            EXPECT_EQ(image.Word(4096 + bin + 4), bin) << c.what << ": the header of the bin at " << bin;
         EXPECT_EQ(Bytes(image.file.begin(), image.file.begin() + 4096), Bytes(before.begin(), before.begin() + 4096))
             << c.what << ": freeing writes no base block";
         if (c.behind != 0) {

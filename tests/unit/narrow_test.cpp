@@ -179,6 +179,12 @@ TEST(Narrow, NamesComeBackAsCodePage936) {
         EXPECT_EQ(std::string(name), expected);
         EXPECT_EQ(length, 2u) << "keys count characters";
     }
+    // Room for 3 wide characters is 4 bytes here: the second double-byte character doesn't fit.
+    length = 3;
+    std::memset(name, 0x7E, sizeof name);
+    ASSERT_EQ(RegEnumKeyExA(names, 0, name, &length, nullptr, nullptr, nullptr, nullptr), Result::Ok);
+    EXPECT_EQ(std::string(name, 4), std::string("\xD6\xD0\0\x7E", 4)) << "cut, terminated, nothing past the room";
+    EXPECT_EQ(name[4], 0x7E);
     length = 7;
     EXPECT_EQ(RegEnumKeyExA(names, 2, name, &length, nullptr, nullptr, nullptr, nullptr), Result::Invalid);
     EXPECT_EQ(name[0], 0) << "a failed narrow enumeration leaves an empty name";

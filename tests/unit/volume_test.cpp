@@ -81,6 +81,15 @@ TEST_F(Volume, CallsComeInTheirOrder) {
     for (const std::string& text : Texts(device.calls)) trace += text.substr(text.find(' ') + 1) + "; ";
     EXPECT_EQ(trace, kEditTrace);
     for (const DeviceCall& call : device.calls) EXPECT_EQ(call.handle, h) << call.text;
+    // Growing V to the key's largest length (W's) leaves the key's record unwritten.
+    const Image image(file.Read());
+    const std::string owner = "write 88 @" + std::to_string(4096 + image.SubKeys(image.Root()).at(0));
+    ASSERT_EQ(OpenHiveByVolumeW(file.WidePath().c_str(), &device, &hive), Result::Ok);
+    ASSERT_EQ(RegOpenKeyExW(hive, u"R\\Data", 0, 0, &data), Result::Ok);
+    device.calls.clear();
+    ASSERT_EQ(RegSetValueExW(data, u"V", 0, 3, more, sizeof more), Result::Ok);
+    for (const DeviceCall& call : device.calls) EXPECT_NE(call.text, owner);
+    ASSERT_EQ(CloseHiveByVolume(&hive, &device), Result::Ok);
 }
 
 TEST_F(Volume, AHiveInsideADiskImageIsEditedInPlace) {
