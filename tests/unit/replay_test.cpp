@@ -3,7 +3,6 @@
 // libregf read both), replays over damaged logs that must stop and write
 // nothing, what info and check say, and the refusal of every editing command.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -16,6 +15,7 @@
 #include "store/ByteOrder.h"
 #include "support/Files.h"
 #include "support/Peers.h"
+#include "support/ToolRun.h"
 #include "tools/tamvik/logs/Marvin32.h"
 
 namespace {
@@ -43,34 +43,20 @@ void Alter(const std::string& path, const std::function<void(Bytes&)>& change) {
     WriteBytes(path, b);
 }
 
+// Outputs are compared with the tool's stdout and stderr together.
 struct Outcome {
-    int status = -1;
-    std::string text;  // stdout and stderr
+    int status;
+    std::string text;
 };
 
-class ReplayTest : public ::testing::Test {
+class ReplayTest : public TamvikTest::ToolTest {
 protected:
-    void SetUp() override {
-#ifdef TAMVIK_TOOL
-        tool_ = TAMVIK_TOOL;
-#endif
-        if (tool_.empty() || access(tool_.c_str(), X_OK) != 0) GTEST_SKIP() << "the tamvik tool is not built";
-        std::string pattern = fs::temp_directory_path().string() + "/tamvik-replay-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        dir_ = pattern;
-    }
-    void TearDown() override {
-        std::error_code ignored;
-        if (!dir_.empty()) fs::remove_all(dir_, ignored);
-    }
-
     // The real hives are needed: skips the test when they are absent.
     bool NeedShared() {
         shared_ = TamvikTest::SharedHives();
         return !shared_.empty();
     }
     std::string Damaged(const std::string& path) const { return shared_ + "/damaged/" + path; }
-    std::string At(const std::string& name) const { return dir_ + "/" + name; }
 
     // Copies a file of the damaged folder into the scratch folder as name.
     std::string Stage(const std::string& from, const std::string& name) const {
@@ -85,10 +71,8 @@ protected:
     }
 
     Outcome Tool(const std::vector<std::string>& args) const {
-        std::string command = Quoted(tool_);
-        for (const std::string& a : args) command += " " + Quoted(a);
-        auto [status, text] = Capture(command + " 2>&1");
-        return {status, text};
+        const TamvikTest::ToolRun run = Cli(args);
+        return {run.status, run.Text()};
     }
     // The listing of a hive as a peer reads it, complaints included.
     static std::string Listing(const std::string& reader, const std::string& hive) {
@@ -101,13 +85,13 @@ protected:
     // Files of the scratch folder whose name holds part.
     std::vector<std::string> FilesWith(const std::string& part) const {
         std::vector<std::string> names;
-        for (const auto& entry : fs::directory_iterator(dir_))
+        for (const auto& entry : fs::directory_iterator(dir))
             if (entry.path().filename().string().find(part) != std::string::npos)
                 names.push_back(entry.path().filename().string());
         return names;
     }
 
-    std::string tool_, dir_, shared_;
+    std::string shared_;
 };
 
 // --- Marvin32 -----------------------------------------------------------------
@@ -239,7 +223,7 @@ TEST_P(ReplayDamageTest, StopsWithAClearMessageAndWritesNothing) {
     StageNewDirty();
     Stage("yarp__OldDirtyHive/OldDirtyHive", "OldDirtyHive");
     Stage("yarp__OldDirtyHive/OldDirtyHive.LOG1", "OldDirtyHive.LOG1");
-    c.damage(dir_);
+    c.damage(dir.string());
     const std::string hive = At(c.hive);
 
     const Outcome run = Tool({"replay", hive});

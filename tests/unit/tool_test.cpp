@@ -3,57 +3,20 @@
 // looked at; the peers (hivexregedit, regfinfo) serve as oracles.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <filesystem>
-#include <fstream>
 
 #include "store/Format.h"
 #include "support/Fixture.h"
 #include "support/Listing.h"
 #include "support/Peers.h"
+#include "support/ToolRun.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace TamvikTest;
 
-struct ToolRun {
-    int status;
-    std::string out, err;
-};
-
-void WriteText(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
-std::string ReadText(const std::string& path) {
-    const Bytes bytes = ReadFileBytes(path);
-    return std::string(bytes.begin(), bytes.end());
-}
-
-// A scratch folder per test, and the tool run inside it.
-class Tool : public ::testing::Test {
-protected:
-    void SetUp() override {
-        dir_ = fs::temp_directory_path() / ("tamvik-tool-" + std::to_string(getpid()) + "-" +
-                                            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::create_directories(dir_);
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-    std::string At(const std::string& name) const { return (dir_ / name).string(); }
-
-    ToolRun Cli(const std::vector<std::string>& args, const std::string& input = "") const {
-        std::string command = Quoted(TAMVIK_TOOL);
-        for (const std::string& arg : args) command += " " + Quoted(arg);
-        WriteText(At(".in"), input);
-        const auto [status, out] = Capture(command + " <" + Quoted(At(".in")) + " 2>" + Quoted(At(".err")));
-        return {status, out, ReadText(At(".err"))};
-    }
-    std::string NewHive(const std::string& name = "h.hiv") const {
-        EXPECT_EQ(Cli({"new", At(name)}).status, 0);
-        return At(name);
-    }
-
-    fs::path dir_;
-};
+using Tool = ToolTest;
 
 TEST_F(Tool, NewWritesASoundEmptyHiveThePeersRead) {
     const std::string hive = NewHive();
