@@ -16,6 +16,21 @@ inline Hive* HiveOf(RegAPI::HKEY handle) { return dynamic_cast<Hive*>(NodeOf(han
 // The hive a node belongs to: the top of its parent chain.
 inline Hive* HiveAbove(Node* node) { return dynamic_cast<Hive*>(node->GetRoot()); }
 
+// Made at the top of every entry point that writes: whatever the call changed
+// is handed to the file before it returns, whichever way it returns.
+class WriteBack {
+public:
+    explicit WriteBack(RegAPI::HKEY key) : hive_(KeyOf(key) != nullptr ? HiveAbove(NodeOf(key)) : nullptr) {}
+    ~WriteBack() {
+        if (hive_ != nullptr) hive_->Flush();
+    }
+    WriteBack(const WriteBack&) = delete;
+    WriteBack& operator=(const WriteBack&) = delete;
+
+private:
+    Hive* hive_;
+};
+
 // Walks path from start, one FindChild per component, as the key entry points
 // do; gives the node the last component names, or null.
 Node* WalkPath(Node* start, Hive* hive, const char16_t* path);

@@ -2,9 +2,9 @@
 #include <memory>
 #include <new>
 
-#include "api/Convert.h"
+#include "store/CodePage.h"
 #include "api/EntryFrame.h"
-#include "store/FileStorage.h"
+#include "store/FileImage.h"
 
 namespace RegAPI {
 
@@ -14,18 +14,16 @@ LONG OpenHiveW(const WCHAR* path, HKEY* hive, bool readOnly) {
     if (path == nullptr || hive == nullptr) return Result::Invalid;
     std::optional<std::string> narrowPath = NarrowArgument(path);
     if (!narrowPath) return Result::Invalid;
-    FileStore* store = OpenFileStore(narrowPath->c_str(), readOnly ? "rb" : "r+b");
-    if (store == nullptr) return Result::Invalid;
+    std::unique_ptr<FileImage> image = FileImage::Open(*narrowPath, readOnly);
+    if (image == nullptr) return Result::Invalid;
     std::unique_ptr<Hive> opened;
     try {
-        opened = std::make_unique<Hive>(WString(path), store, &FileSeek, &FileRead, &FileWrite);
+        opened = std::make_unique<Hive>(WString(path), std::move(image));
     } catch (const std::bad_alloc&) {
         opened.reset();
     }
-    if (opened == nullptr || !opened->VerifyBaseBlock()) {
-        CloseFileStore(store);
-        return Result::HiveRefused;
-    }
+    // A refused hive takes its file with it.
+    if (opened == nullptr || !opened->VerifyBaseBlock()) return Result::HiveRefused;
     *hive = HandleOf(opened.release());  // the caller owns it until CloseHive
     return Result::Ok;
 }
@@ -41,8 +39,8 @@ LONG CloseHive(HKEY* hive) {
     if (hive == nullptr) return Result::Invalid;
     Hive* open = HiveOf(*hive);
     // A hive on a volume is closed through its device, never handed to the stream close.
-    if (open == nullptr || !IsFileStorage(open->storage)) return Result::Invalid;
-    CloseFileStore(open->closeHandle);
+    if (open == nullptr || open->Image() == nullptr) return Result::Invalid;
+    open->Sync();
     delete open;  // made by OpenHiveW and owned by the caller until now
     *hive = nullptr;
     return Result::Ok;

@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "api/Convert.h"
+#include "store/CodePage.h"
 #include "api/EntryFrame.h"
 #include "nodes/SubKeyList.h"
 

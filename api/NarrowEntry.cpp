@@ -4,7 +4,7 @@
 #include <new>
 #include <vector>
 
-#include "api/Convert.h"
+#include "store/CodePage.h"
 #include "api/ValueRead.h"
 #include "api/WriteChecks.h"
 #include "nodes/Data.h"
@@ -138,6 +138,7 @@ LONG RegEnumValueA(HKEY key, DWORD index, char* name, DWORD* nameLength, DWORD*,
 }
 
 LONG RegSetValueExA(HKEY key, const char* name, DWORD, DWORD type, const BYTE* data, DWORD size) {
+    const WriteBack writeBack(key);
     Key* node = KeyOf(key);
     if (node == nullptr || name == nullptr || data == nullptr || size == 0) return Result::Invalid;
     std::optional<WString> wide = WidenArgument(name);
@@ -153,6 +154,7 @@ LONG RegSetValueExA(HKEY key, const char* name, DWORD, DWORD type, const BYTE* d
 }
 
 LONG RegSetValueNewA(HKEY key, const char* name, DWORD, DWORD type, const BYTE* data, DWORD size) {
+    const WriteBack writeBack(key);
     Key* node = KeyOf(key);
     if (node == nullptr || name == nullptr || data == nullptr || size == 0) return Result::Invalid;
     std::optional<WString> wide = WidenArgument(name);

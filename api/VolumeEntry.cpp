@@ -2,10 +2,26 @@
 #include <memory>
 #include <new>
 
-#include "api/Convert.h"
+#include "store/CodePage.h"
 #include "api/EntryFrame.h"
-#include "store/FileStorage.h"
 #include "store/VolumeStorage.h"
+
+namespace {
+
+// The three calls the store makes on a caller's device.
+const Tamvik::DeviceCalls kDeviceCalls = {
+    [](void* device, void* handle, std::uint64_t position, std::uint32_t origin) {
+        return static_cast<CRegVolumeDevice*>(device)->DeviceSeek(handle, position, origin);
+    },
+    [](void* device, void* handle, void* buffer, std::uint32_t size, std::uint32_t* count) {
+        return static_cast<CRegVolumeDevice*>(device)->DeviceRead(handle, buffer, size, count);
+    },
+    [](void* device, void* handle, const void* buffer, std::uint32_t size, std::uint32_t* count) {
+        return static_cast<CRegVolumeDevice*>(device)->DeviceWrite(handle, buffer, size, count);
+    },
+};
+
+}  // namespace
 
 namespace RegAPI {
 
@@ -14,6 +30,7 @@ using namespace Tamvik;
 LONG OpenHiveByVolumeW(const WCHAR* path, CRegVolumeDevice* device, HKEY* hive) {
     if (device == nullptr) return Result::Invalid;
     currentDevice = device;
+    currentDeviceCalls = &kDeviceCalls;
     if (path == nullptr || hive == nullptr) return Result::Invalid;
     void* handle = nullptr;
     if (!device->DeviceOpen(&handle, path, 3, 0, 3)) return Result::Invalid;
@@ -43,7 +60,7 @@ LONG CloseHiveByVolume(HKEY* hive, CRegVolumeDevice* device) {
     Hive* open = HiveOf(*hive);
     if (open == nullptr || device == nullptr) return Result::Invalid;
     // A hive in a file is closed with CloseHive: its handle means nothing to a device.
-    if (IsFileStorage(open->storage)) return Result::Invalid;
+    if (open->Image() != nullptr) return Result::Invalid;
     device->DeviceClose(open->closeHandle);
     delete open;  // made by OpenHiveByVolumeW and owned by the caller until now
     *hive = nullptr;

@@ -1,6 +1,6 @@
 // Creating keys and values, replacing data, deleting keys and values, for wide
 // callers (and RegCreateKeyExA, which the wide create goes through).
-#include "api/Convert.h"
+#include "store/CodePage.h"
 #include "api/EntryFrame.h"
 #include "api/ValueRead.h"
 #include "api/WriteChecks.h"
@@ -60,6 +60,7 @@ namespace RegAPI {
 using namespace Tamvik;
 
 LONG RegCreateKeyExA(HKEY key, const char* name, HKEY* result) {
+    const WriteBack writeBack(key);
     Key* owner = KeyOf(key);
     if (owner == nullptr || name == nullptr || result == nullptr) return Result::Invalid;
     std::optional<WString> wide = WidenArgument(name);
@@ -96,6 +97,7 @@ LONG RegCreateKeyExW(HKEY key, const WCHAR* name, HKEY* result) {
 }
 
 LONG RegSetValueExW(HKEY key, const WCHAR* name, DWORD, DWORD type, const BYTE* data, DWORD size) {
+    const WriteBack writeBack(key);
     Key* node = KeyOf(key);
     if (node == nullptr || name == nullptr || data == nullptr || size == 0 || node->ValueCount() == 0)
         return Result::Invalid;
@@ -103,6 +105,7 @@ LONG RegSetValueExW(HKEY key, const WCHAR* name, DWORD, DWORD type, const BYTE* 
 }
 
 LONG RegSetValueNewW(HKEY key, const WCHAR* name, DWORD, DWORD type, const BYTE* data, DWORD size) {
+    const WriteBack writeBack(key);
     Key* node = KeyOf(key);
     if (node == nullptr || name == nullptr || data == nullptr || size == 0) return Result::Invalid;
     if (ValueExists(node, WString(name))) return Result::AlreadyExists;
@@ -112,12 +115,14 @@ LONG RegSetValueNewW(HKEY key, const WCHAR* name, DWORD, DWORD type, const BYTE*
 }
 
 LONG RegDeleteKeyW(HKEY key, const WCHAR* path) {
+    const WriteBack writeBack(key);
     Key* node = KeyOf(key);
     if (node == nullptr || path == nullptr) return Result::Invalid;
     return DeleteKeyAt(node, path);
 }
 
 LONG RegDeleteValueW(HKEY key, const WCHAR* name) {
+    const WriteBack writeBack(key);
     Key* node = KeyOf(key);
     if (node == nullptr || name == nullptr) return Result::Invalid;
     return DeleteValueNamed(node, name);

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <vector>
 
-#include "api/Convert.h"
+#include "store/CodePage.h"
 #include "edit/Edit.h"
 #include "nodes/MakeNode.h"
 #include "store/Allocator.h"

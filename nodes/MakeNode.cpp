@@ -23,6 +23,12 @@ std::unique_ptr<Node> Build(std::uint32_t offset, Node* parent, std::unique_ptr<
 
 }  // namespace
 
+// The one child of a hive, its root key, is built here: the store knows cells, not keys.
+Node* Hive::FindChild(Hive*, const char16_t*) {
+    if (rootKey == nullptr) rootKey = MakeNode(GetRootCell(), this, this, CellKind::BySignature);
+    return rootKey.get();
+}
+
 std::unique_ptr<Node> MakeNode(const CellRef& ref, Hive* hive, Node* parent, CellKind kind) {
     if (!ref.IsValid() || hive == nullptr) return nullptr;
     try {

@@ -1,8 +1,9 @@
 // The scan by name shared by subkey lists and value lists. It gives what a
 // scan from position 0 would give, building one node per position and keeping
-// the match, or else the last position's node, as the list's child; but it
-// reads names through nameAt, and remembers them in the list's NameIndex, so a
-// later lookup builds only the node it returns.
+// the match, or else the last position's node, as the list's child. A hive in
+// memory reads names through nameAt and remembers them in the list's
+// NameIndex, so a later lookup builds only the node it returns; a hive on a
+// volume is scanned literally, so that its device sees each read the scan makes.
 #pragma once
 
 #include <cstdint>
@@ -12,6 +13,21 @@
 #include "nodes/NameIndex.h"
 
 namespace Tamvik {
+
+// One node per position from 0, each replacing the last as child, up to the
+// match. beyond(i), asked when position i gave nothing, tells that no later
+// position can give a node either, so the scan ends as it would, without reads.
+template <class Child, class GetAt, class Beyond>
+Child* ScanLiterally(std::unique_ptr<Child>& child, std::uint64_t count, const WString& wanted, GetAt getAt,
+                     Beyond beyond) {
+    for (std::uint64_t i = 0; i < count; ++i) {
+        child.reset();
+        child = getAt(static_cast<std::uint32_t>(i));
+        if (child != nullptr && UpperCaseName(child->GetName()) == wanted) return child.get();
+        if (child == nullptr && beyond(i)) return nullptr;
+    }
+    return nullptr;
+}
 
 // child: the list's cached child, which a lookup checks before calling this.
 // count: entries the owner counts; limit: positions that can give a node.

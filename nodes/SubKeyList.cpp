@@ -40,10 +40,12 @@ std::uint32_t SubKeyList::EntriesHeld(std::uint32_t entrySize) const {
     return record.Available(ListField::Entries) / entrySize;
 }
 
-std::uint64_t SubKeyList::PositionLimit(Hive*) {
-    std::uint32_t entrySize = dynamic_cast<FastLeaf*>(this) != nullptr ? kFastEntry : kLeafEntry;
+std::uint64_t SubKeyList::LeafLimit() const {
+    const std::uint32_t entrySize = dynamic_cast<const FastLeaf*>(this) != nullptr ? kFastEntry : kLeafEntry;
     return std::min(GetCount(), EntriesHeld(entrySize));
 }
+
+std::uint64_t SubKeyList::PositionLimit(Hive*) { return LeafLimit(); }
 
 Node* SubKeyList::FindChild(Hive* hive, const char16_t* name) {
     Key* owner = dynamic_cast<Key*>(GetParent());
@@ -52,6 +54,10 @@ Node* SubKeyList::FindChild(Hive* hive, const char16_t* name) {
     if (count == 0) return nullptr;
     const WString wanted(name);
     if (child != nullptr && UpperCaseName(child->GetName()) == wanted) return child.get();
+    if (hive->Image() == nullptr) {
+        return ScanLiterally(child, count, wanted, [&](std::uint32_t i) { return GetAt(hive, i); },
+                             [&](std::uint64_t i) { return NothingFrom(i); });
+    }
     BeginScan();
     ScanScope scope([this] { EndScan(); });
     names.Refresh();
@@ -62,6 +68,8 @@ Node* SubKeyList::FindChild(Hive* hive, const char16_t* name) {
         child, names, count, limit, wanted, [&](std::uint32_t i) { return NameAt(hive, i); },
         [&](std::uint32_t i) { return GetAt(hive, i); });
 }
+
+bool SubKeyList::NothingFrom(std::uint64_t position) const { return position >= LeafLimit(); }
 
 std::optional<WString> SubKeyList::NameAt(Hive* hive, std::uint32_t index) {
     std::unique_ptr<Key> key = GetAt(hive, index);
@@ -171,22 +179,31 @@ std::uint64_t Indirect::PositionLimit(Hive* hive) {
 }
 
 std::unique_ptr<Key> Indirect::GetAt(Hive* hive, std::uint32_t index) {
+    lastWalkPassedAll = false;
     std::uint32_t remaining = index;
     const std::uint32_t count = GetCount();
+    bool triedALeaf = false;  // some leaf was asked for a key at the position
     if (scanning) LoadScanLeaves(hive);
     for (std::uint32_t j = 0; j < count; ++j) {
         std::unique_ptr<SubKeyList> built;
         SubKeyList* leaf = nullptr;
         if (scanning) {
-            if (j >= scanLeaves.size()) return nullptr;
+            if (j >= scanLeaves.size()) {
+                lastWalkPassedAll = !triedALeaf;
+                return nullptr;
+            }
             leaf = scanLeaves[j].get();
         } else {
             built = BuildLeaf(hive, j);
-            if (built == nullptr) return nullptr;
+            if (built == nullptr) {
+                lastWalkPassedAll = !triedALeaf;
+                return nullptr;
+            }
             leaf = built.get();
         }
         const std::uint32_t leafCount = leaf->GetCount();
         if (remaining < leafCount) {
+            triedALeaf = true;
             std::unique_ptr<Key> key = leaf->GetAt(hive, remaining);
             if (key != nullptr) {
                 key->index = index;
@@ -196,6 +213,8 @@ std::unique_ptr<Key> Indirect::GetAt(Hive* hive, std::uint32_t index) {
         }
         remaining -= leafCount;
     }
+    // A later position passes the same leaves the same way.
+    lastWalkPassedAll = !triedALeaf;
     return nullptr;
 }
 

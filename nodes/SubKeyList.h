@@ -43,6 +43,8 @@ protected:
     NameIndex names;
     // Positions at or above this give no key, so a scan can stop there.
     virtual std::uint64_t PositionLimit(Hive* hive);
+    // Asked when GetAt(position) gave null: whether every later position gives null too.
+    virtual bool NothingFrom(std::uint64_t position) const;
     // A scan may keep what it reads for its own duration: the file doesn't change meanwhile.
     virtual void BeginScan() {}
     virtual void EndScan() {}
@@ -50,6 +52,8 @@ protected:
     std::unique_ptr<Key> LeafGetAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize);
     void LeafRemoveAt(Hive* hive, std::uint32_t index, bool* emptied, std::uint32_t entrySize);
     std::optional<WString> LeafNameAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize);
+    // Positions of a leaf that can give a key: Count, cut to what the record holds.
+    std::uint64_t LeafLimit() const;
     // Entries that the record can hold, whatever Count says.
     std::uint32_t EntriesHeld(std::uint32_t entrySize) const;
 };
@@ -63,6 +67,7 @@ public:
 
 protected:
     std::uint64_t PositionLimit(Hive* hive) override;
+    bool NothingFrom(std::uint64_t) const override { return lastWalkPassedAll; }
     void BeginScan() override;
     void EndScan() override;
 
@@ -71,6 +76,8 @@ private:
     std::unique_ptr<SubKeyList> BuildLeaf(Hive* hive, std::uint32_t entry);
     // During a scan: the leaves read once, up to the first that can't be built.
     bool scanning = false;
+    // The last GetAt passed every leaf it could build without reaching its position.
+    bool lastWalkPassedAll = false;
     bool scanLoaded = false;
     std::vector<std::unique_ptr<SubKeyList>> scanLeaves;
     void LoadScanLeaves(Hive* hive);

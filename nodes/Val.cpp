@@ -62,6 +62,10 @@ Node* SubValList::FindChild(Hive* hive, const char16_t* name) {
     if (child != nullptr && UpperCaseName(child->GetName()) == wanted) return child.get();
     // Entries past the cell build nothing, so the scan ends as it would after them.
     const std::uint32_t limit = std::min(count, EntriesHeld());
+    if (hive->Image() == nullptr) {
+        return ScanLiterally(child, count, wanted, [&](std::uint32_t i) { return GetAt(hive, i); },
+                             [&](std::uint64_t i) { return i >= limit; });
+    }
     names.Refresh();
     auto nameAt = [&](std::uint32_t i) -> std::optional<WString> {
         std::unique_ptr<Val> value = GetAt(hive, i);

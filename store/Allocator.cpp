@@ -37,10 +37,6 @@ std::uint64_t BinSizeFor(std::uint32_t need) {
     return static_cast<std::uint64_t>(d / 4096 + 2) * 4096;
 }
 
-// A free cell serves a need when the rest can become a free cell of its own
-// (0 or a multiple of 8) or is exactly 4 bytes, which the new cell takes too.
-bool RestIsUsable(std::uint32_t rest) { return rest % 8 == 0 || rest == 4; }
-
 }  // namespace
 
 std::uint32_t NeedFor(std::uint32_t askedSize) {
@@ -49,16 +45,13 @@ std::uint32_t NeedFor(std::uint32_t askedSize) {
 }
 
 std::uint32_t FindFreeCell(Hive* hive, std::uint32_t& size, std::uint32_t& found) {
-    std::uint32_t need = NeedFor(size);
+    const std::uint32_t need = NeedFor(size);
     size = need;
     if (need == 0) return 0;
     const std::uint32_t binsSize = hive->BinsSize();
-    if (binsSize == 0) return 0;
-    std::uint64_t binOffset = 0;
-    while (true) {
-        // Bins known to hold no free cell this large are passed by unread.
-        binOffset = hive->SkipFullBins(binOffset, need);
-        if (binOffset >= binsSize) return 0;
+    if (hive->Bins() != nullptr) return hive->Bins()->FindFree(binsSize, need, found);
+    // On a volume, the walk itself: the device sees every bin read.
+    for (std::uint64_t binOffset = 0; binOffset < binsSize;) {
         BinRef bin = hive->GetBin(static_cast<std::uint32_t>(binOffset));
         if (!bin.IsValid() || bin.Signature() != kHbinSignature || bin.BinSize() == 0) return 0;
         // A header that names another place than the walk stands on can't be trusted.
@@ -66,29 +59,21 @@ std::uint32_t FindFreeCell(Hive* hive, std::uint32_t& size, std::uint32_t& found
         const std::uint32_t binSize = bin.BinSize();
         std::unique_ptr<std::uint8_t[]> image = hive->ReadAreaBlock(bin.BinOffset(), binSize);
         if (image == nullptr) return 0;
-        std::uint32_t limit = LoadU32(image.get() + BinField::BinSize);
-        if (limit > binSize) limit = binSize;
-        std::uint64_t position = kBinHeaderSize;
-        std::uint32_t largestFree = 0;
-        while (limit > kBinHeaderSize && position + 4 <= limit) {
-            std::int32_t cellSize = LoadI32(image.get() + position);
+        const std::uint32_t limit = std::min(LoadU32(image.get() + BinField::BinSize), binSize);
+        for (std::uint64_t position = kBinHeaderSize; limit > kBinHeaderSize && position + 4 <= limit;) {
+            const std::int32_t cellSize = LoadI32(image.get() + position);
             if (cellSize == 0) break;  // no step forward: the rest of this bin isn't looked at
-            if (cellSize < 0) {
-                position += 0u - static_cast<std::uint32_t>(cellSize);
-                continue;
-            }
-            std::uint32_t free = static_cast<std::uint32_t>(cellSize);
-            if (free >= need && position + free <= limit && RestIsUsable(free - need)) {
-                found = free;
+            const std::uint32_t magnitude = cellSize < 0 ? 0u - static_cast<std::uint32_t>(cellSize)
+                                                         : static_cast<std::uint32_t>(cellSize);
+            if (cellSize > 0 && magnitude >= need && position + magnitude <= limit && RestIsUsable(magnitude - need)) {
+                found = magnitude;
                 return static_cast<std::uint32_t>(binOffset + position);
             }
-            if (position + free <= limit && free > largestFree) largestFree = free;
-            position += free;
+            position += magnitude;
         }
-        hive->StoreBinSummary(static_cast<std::uint32_t>(binOffset), Hive::BinSummary{binSize, largestFree});
         binOffset += binSize;
-        if (binOffset >= binsSize) return 0;
     }
+    return 0;
 }
 
 std::uint32_t AppendBin(Hive* hive, std::uint32_t need, std::uint32_t& found) {
@@ -104,7 +89,7 @@ std::uint32_t AppendBin(Hive* hive, std::uint32_t need, std::uint32_t& found) {
     StoreU32(image.get() + BinField::BinSize, static_cast<std::uint32_t>(binSize));
     StoreU64(image.get() + BinField::Timestamp, static_cast<std::uint64_t>(now));
     StoreI32(image.get() + kBinHeaderSize, static_cast<std::int32_t>(binSize - kBinHeaderSize));
-    if (!hive->WriteArea(binsSize, image.get(), static_cast<std::uint32_t>(binSize))) return 0;
+    if (!hive->WriteNewBin(binsSize, image.get(), static_cast<std::uint32_t>(binSize))) return 0;
     found = static_cast<std::uint32_t>(binSize - kBinHeaderSize);
     hive->SetBinsSize(static_cast<std::uint32_t>(binsSize + binSize));
     hive->WriteBaseBlock();

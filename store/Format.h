@@ -12,6 +12,9 @@ constexpr std::uint32_t kNoCell = 0xFFFFFFFF;     // "no cell" in an offset fiel
 constexpr std::uint32_t kInlineData = 0x80000000;  // DataLength bit: data stands in DataCell
 constexpr std::uint32_t kSegmentSize = 16344;      // bytes of one db segment
 constexpr std::uint32_t kBinAlignment = 4096;
+constexpr std::uint32_t kCellAlignment = 8;     // cell sizes are multiples of it
+// File positions are an offset plus 4096 in 32 bits: no offset may pass this.
+constexpr std::uint32_t kMaxAreaOffset = 0xFFFFFFFF - kBaseBlockSize;
 
 // Signatures as little-endian numbers.
 constexpr std::uint32_t kRegfSignature = 0x66676572;  // "regf"
@@ -100,6 +103,12 @@ constexpr std::uint32_t Size = 0x08;
 
 // Offset of the payload in a cell: the second layout (MinorVersion 1) has a back link.
 inline std::uint32_t PayloadOffset(std::uint32_t minorVersion) { return minorVersion == 1 ? 8 : 4; }
+
+// The remainder rule: a free cell serves a need when the rest can become a
+// free cell of its own (0 or a multiple of 8), or is exactly 4 bytes, which
+// the new cell then takes too: no cell of 4 bytes is ever made.
+constexpr std::uint32_t kTakenRest = 4;
+inline bool RestIsUsable(std::uint32_t rest) { return rest % kCellAlignment == 0 || rest == kTakenRest; }
 
 // Number of db segments for a length, cut to the 16 bits of SegmentCount.
 inline std::uint16_t SegmentsFor(std::uint32_t length) {

@@ -1,9 +1,9 @@
 #include "store/Hive.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
-#include "nodes/MakeNode.h"
 #include "store/ByteOrder.h"
 
 namespace Tamvik {
@@ -12,11 +12,22 @@ namespace {
 // Above this size a read is first probed at its last byte, so that a damaged
 // size can't make us allocate far more than the storage holds.
 constexpr std::uint32_t kProbeThreshold = 1u << 20;
+constexpr std::uint32_t kCellHeaderRead = 12;  // CellSize and the two words behind it
 }  // namespace
 
 std::uint32_t BinRef::Signature() const { return LoadU32(header + BinField::Signature); }
 std::uint32_t BinRef::BinOffset() const { return LoadU32(header + BinField::BinOffset); }
 std::uint32_t BinRef::BinSize() const { return LoadU32(header + BinField::BinSize); }
+
+Hive::Hive(const WString& fileName_, std::unique_ptr<FileImage> image)
+    : Node(kNoCell, nullptr, nullptr, 0), closeHandle(nullptr), fileName(fileName_), image_(std::move(image)),
+      bins_(std::make_unique<BinIndex>(*image_)) {
+    storage.context = image_.get();
+    // Whatever of the base block the file holds stands in the image; VerifyBaseBlock judges it.
+    std::memset(baseBlock, 0, sizeof baseBlock);
+    const std::uint64_t held = std::min<std::uint64_t>(image_->Size(), kBaseBlockSize);
+    if (held != 0) std::memcpy(baseBlock, image_->At(0, held), held);
+}
 
 Hive::Hive(const WString& fileName_, void* context, SeekOp seek, ReadOp read, WriteOp write)
     : Node(kNoCell, nullptr, nullptr, 0), closeHandle(context), fileName(fileName_) {
@@ -25,21 +36,14 @@ Hive::Hive(const WString& fileName_, void* context, SeekOp seek, ReadOp read, Wr
     storage.read = read;
     storage.write = write;
     std::memset(baseBlock, 0, sizeof baseBlock);
-    std::uint64_t position = 0;
-    if (!storage.seek(storage.context, &position, 0)) return;
-    std::uint32_t count = 1;
+    if (!SeekPosition(0)) return;
     // Whatever arrives stands in the image; VerifyBaseBlock judges it.
-    storage.read(storage.context, baseBlock, kBaseBlockSize, &count);
+    ReadElement(baseBlock, kBaseBlockSize);
 }
 
 Hive::~Hive() = default;
 
 WString Hive::GetName() const { return fileName; }
-
-Node* Hive::FindChild(Hive*, const char16_t*) {
-    if (rootKey == nullptr) rootKey = MakeNode(GetRootCell(), this, this, CellKind::BySignature);
-    return rootKey.get();
-}
 
 std::uint32_t Hive::MinorVersion() const { return LoadU32(baseBlock + BaseBlockField::MinorVersion); }
 std::uint32_t Hive::RootCell() const { return LoadU32(baseBlock + BaseBlockField::RootCell); }
@@ -64,63 +68,53 @@ bool Hive::WriteElement(const void* source, std::uint32_t size) {
 }
 
 bool Hive::SeekArea(std::uint32_t areaOffset) {
-    // The file position of an offset is offset + 4096, which must stay within 32 bits.
-    if (areaOffset > 0xFFFFFFFFu - kBaseBlockSize) return false;
-    return SeekPosition(static_cast<std::uint64_t>(areaOffset) + kBaseBlockSize);
+    return areaOffset <= kMaxAreaOffset && SeekPosition(static_cast<std::uint64_t>(areaOffset) + kBaseBlockSize);
 }
 
 bool Hive::ReadArea(std::uint32_t areaOffset, void* target, std::uint32_t size) {
-    return SeekArea(areaOffset) && ReadElement(target, size);
+    if (image_ == nullptr) return SeekArea(areaOffset) && ReadElement(target, size);
+    const std::uint8_t* bytes = areaOffset <= kMaxAreaOffset ? image_->At(areaOffset + std::uint64_t{kBaseBlockSize}, size)
+                                                             : nullptr;
+    if (bytes == nullptr) return false;
+    if (size != 0) std::memcpy(target, bytes, size);
+    return true;
 }
 
-bool Hive::WriteArea(std::uint32_t areaOffset, const void* source, std::uint32_t size) {
-    ForgetBinSummaries(areaOffset, size);
-    return SeekArea(areaOffset) && WriteElement(source, size);
-}
-
-const Hive::BinSummary* Hive::FindBinSummary(std::uint32_t binOffset) const {
-    auto it = binSummaries_.find(binOffset);
-    return it == binSummaries_.end() ? nullptr : &it->second;
-}
-
-std::uint64_t Hive::SkipFullBins(std::uint64_t binOffset, std::uint32_t need) const {
-    auto it = binSummaries_.find(static_cast<std::uint32_t>(binOffset));
-    while (it != binSummaries_.end() && it->first == binOffset && it->second.largestFree < need) {
-        binOffset += it->second.binSize;
-        ++it;
-    }
-    return binOffset;
-}
-
-std::uint64_t Hive::SkipBinsBefore(std::uint64_t binOffset, std::uint32_t cellOffset) const {
-    auto it = binSummaries_.find(static_cast<std::uint32_t>(binOffset));
-    while (it != binSummaries_.end() && it->first == binOffset && cellOffset >= binOffset + it->second.binSize) {
-        binOffset += it->second.binSize;
-        ++it;
-    }
-    return binOffset;
-}
-
-void Hive::StoreBinSummary(std::uint32_t binOffset, BinSummary summary) { binSummaries_[binOffset] = summary; }
-
-namespace {
-// Drops the entries of a map keyed by offset whose range [offset, offset + length(entry)) meets a write.
-template <class Map, class Length>
-void ForgetOverlapping(Map& map, std::uint32_t areaOffset, std::uint64_t size, Length length) {
-    if (map.empty()) return;
-    const std::uint64_t end = static_cast<std::uint64_t>(areaOffset) + (size == 0 ? 1 : size);
-    auto it = map.upper_bound(areaOffset);
-    if (it != map.begin()) --it;
-    while (it != map.end() && it->first < end) {
-        if (static_cast<std::uint64_t>(it->first) + length(it->second) > areaOffset) it = map.erase(it);
+void Hive::Touched(std::uint32_t areaOffset, std::uint64_t size) {
+    bins_->Touched(areaOffset, size);
+    if (keyNames_.empty()) return;
+    // Names of cells the write reaches into are no longer known.
+    const std::uint64_t end = static_cast<std::uint64_t>(areaOffset) + std::max<std::uint64_t>(size, 1);
+    auto it = keyNames_.upper_bound(areaOffset);
+    if (it != keyNames_.begin()) --it;
+    while (it != keyNames_.end() && it->first < end) {
+        if (static_cast<std::uint64_t>(it->first) + it->second.cellSize > areaOffset) it = keyNames_.erase(it);
         else ++it;
     }
 }
-}  // namespace
 
-void Hive::ForgetBinSummaries(std::uint32_t areaOffset, std::uint64_t size) {
-    ForgetOverlapping(binSummaries_, areaOffset, size, [](const BinSummary& bin) { return bin.binSize; });
-    ForgetOverlapping(keyNames_, areaOffset, size, [](const KnownName& known) { return known.cellSize; });
+bool Hive::WriteArea(std::uint32_t areaOffset, const void* source, std::uint32_t size) {
+    if (image_ == nullptr) return SeekArea(areaOffset) && WriteElement(source, size);
+    if (areaOffset > kMaxAreaOffset || !image_->Write(areaOffset + std::uint64_t{kBaseBlockSize}, source, size))
+        return false;
+    Touched(areaOffset, size);
+    return true;
+}
+
+bool Hive::WriteNewBin(std::uint32_t areaOffset, const std::uint8_t* image, std::uint32_t size) {
+    if (image_ == nullptr) return WriteArea(areaOffset, image, size);
+    if (areaOffset > kMaxAreaOffset || !image_->WriteThrough(areaOffset + std::uint64_t{kBaseBlockSize}, image, size))
+        return false;
+    Touched(areaOffset, size);
+    return true;
+}
+
+void Hive::Flush() {
+    if (image_ != nullptr) image_->Flush();
+}
+
+void Hive::Sync() {
+    if (image_ != nullptr) image_->Sync();
 }
 
 const WString* Hive::FindKeyName(std::uint32_t cellOffset) const {
@@ -129,15 +123,17 @@ const WString* Hive::FindKeyName(std::uint32_t cellOffset) const {
 }
 
 void Hive::StoreKeyName(std::uint32_t cellOffset, std::uint32_t cellSize, const WString& name) {
-    keyNames_[cellOffset] = KnownName{cellSize, name};
+    if (image_ != nullptr) keyNames_[cellOffset] = KnownName{cellSize, name};
 }
 
 std::unique_ptr<std::uint8_t[]> Hive::ReadAreaBlock(std::uint32_t areaOffset, std::uint32_t size) {
-    if (size > kProbeThreshold) {
-        std::uint64_t last = static_cast<std::uint64_t>(areaOffset) + size - 1;
+    if (image_ != nullptr) {
+        if (areaOffset > kMaxAreaOffset || image_->At(areaOffset + std::uint64_t{kBaseBlockSize}, size) == nullptr)
+            return nullptr;
+    } else if (size > kProbeThreshold) {
+        const std::uint64_t last = static_cast<std::uint64_t>(areaOffset) + size - 1;
         std::uint8_t probe = 0;
-        if (last > 0xFFFFFFFFu - kBaseBlockSize) return nullptr;
-        if (!ReadArea(static_cast<std::uint32_t>(last), &probe, 1)) return nullptr;
+        if (last > kMaxAreaOffset || !ReadArea(static_cast<std::uint32_t>(last), &probe, 1)) return nullptr;
     }
     // nothrow: a block that can't be had is a failed read, reported as null. It
     // isn't cleared first: the read fills it whole, or the block is dropped.
@@ -149,9 +145,10 @@ std::unique_ptr<std::uint8_t[]> Hive::ReadAreaBlock(std::uint32_t areaOffset, st
 
 CellRef Hive::GetCell(std::uint32_t cellOffset) {
     CellRef ref;
-    if (cellOffset == kNoCell || cellOffset < kBinHeaderSize || cellOffset >= BinsSize() || cellOffset % 8 != 0)
+    if (cellOffset == kNoCell || cellOffset < kBinHeaderSize || cellOffset >= BinsSize() ||
+        cellOffset % kCellAlignment != 0)
         return ref;
-    std::uint8_t head[12];
+    std::uint8_t head[kCellHeaderRead];
     if (!ReadArea(cellOffset, head, sizeof head)) return ref;
     ref.offset = cellOffset;
     ref.size = LoadI32(head);
@@ -173,18 +170,15 @@ BinRef Hive::GetBin(std::uint32_t binOffset) {
 }
 
 BinRef Hive::FindBin(const CellRef& cell) {
-    std::uint32_t binsSize = BinsSize();
-    if (binsSize == 0) return BinRef();
-    std::uint64_t walk = 0;
-    while (walk < binsSize) {
-        // Bins whose headers a search has read (and no write has touched since)
-        // are passed by without reading them again while the cell lies behind them.
-        walk = SkipBinsBefore(walk, cell.offset);
-        if (walk >= binsSize) return BinRef();
+    const std::uint32_t binsSize = BinsSize();
+    if (image_ != nullptr) {
+        std::uint32_t walkOffset = 0;
+        return bins_->Locate(binsSize, cell.offset, &walkOffset) ? GetBin(walkOffset) : BinRef();
+    }
+    for (std::uint64_t walk = 0; walk < binsSize;) {
         BinRef bin = GetBin(static_cast<std::uint32_t>(walk));
         if (!bin.IsValid()) return BinRef();
-        std::uint64_t start = bin.BinOffset();
-        std::uint64_t size = bin.BinSize();
+        const std::uint64_t start = bin.BinOffset(), size = bin.BinSize();
         if (cell.offset >= start && cell.offset < start + size) return bin;
         // A bin of size 0 gives no step forward: the walk ends there.
         if (size == 0) return BinRef();
@@ -195,7 +189,11 @@ BinRef Hive::FindBin(const CellRef& cell) {
 
 void Hive::WriteBaseBlock() {
     StoreU32(baseBlock + BaseBlockField::Checksum, BaseBlockChecksum(baseBlock));
-    if (SeekPosition(0)) WriteElement(baseBlock, kBaseBlockSize);
+    if (image_ != nullptr) {
+        image_->Write(0, baseBlock, kBaseBlockSize);
+    } else if (SeekPosition(0)) {
+        WriteElement(baseBlock, kBaseBlockSize);
+    }
 }
 
 void Hive::WriteCell(std::uint32_t cellOffset, const std::uint8_t* image, std::uint32_t size) {

@@ -1,5 +1,8 @@
 // One open hive: the base block image, the storage, and the answers to "what
-// stands at this cell offset" and "in which bin does this cell lie".
+// stands at this cell offset" and "in which bin does this cell lie". A hive in
+// a file is held in memory (FileImage) and answers from there, with an index
+// of its bins; a hive on a volume gets every byte through the caller's device,
+// one seek and one transfer at a time.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +10,8 @@
 #include <memory>
 #include <vector>
 
+#include "store/BinIndex.h"
+#include "store/FileImage.h"
 #include "store/Format.h"
 #include "store/Node.h"
 #include "store/StorageOps.h"
@@ -48,11 +53,15 @@ struct BinRef {
 
 class Hive : public Node {
 public:
+    // A hive in a file, read into memory.
+    Hive(const WString& fileName, std::unique_ptr<FileImage> image);
+    // A hive on a volume, reached through the storage operations.
     Hive(const WString& fileName, void* context, SeekOp seek, ReadOp read, WriteOp write);
     ~Hive() override;
 
     WString GetName() const override;
     // Gives the root key, whatever the name: the first component under a hive.
+    // Built by the node tree, which knows keys (nodes/MakeNode.cpp).
     Node* FindChild(Hive* hive, const char16_t* name) override;
 
     bool VerifyBaseBlock() const;
@@ -68,37 +77,33 @@ public:
     std::uint32_t BinsSize() const;
     void SetBinsSize(std::uint32_t size);
 
-    // Transfers at an offset of the bins area: a seek of their own, then one
-    // element of the whole size. Positions that would pass 32 bits fail.
-    bool SeekArea(std::uint32_t areaOffset);
+    // Transfers at an offset of the bins area, all or nothing; positions that
+    // would pass 32 bits fail.
     bool ReadArea(std::uint32_t areaOffset, void* target, std::uint32_t size);
     bool WriteArea(std::uint32_t areaOffset, const void* source, std::uint32_t size);
     // Reads size bytes into a new array; a length that the storage can't
     // supply is found out before a large array is allocated.
     std::unique_ptr<std::uint8_t[]> ReadAreaBlock(std::uint32_t areaOffset, std::uint32_t size);
+    // A new bin behind the last, in the file at once: false when the storage refuses it.
+    bool WriteNewBin(std::uint32_t areaOffset, const std::uint8_t* image, std::uint32_t size);
+
+    // The file's bytes in memory, or null for a hive on a volume. Only then
+    // may caches and indexes answer in place of reads: a volume gets every
+    // read and write its device would see without them.
+    FileImage* Image() const { return image_.get(); }
+    BinIndex* Bins() const { return bins_.get(); }
+    // Hands what this call changed to the file; makes it durable as well.
+    void Flush();
+    void Sync();
 
     std::uint8_t baseBlock[kBaseBlockSize];
     void* closeHandle;
     StorageOps storage;
     WString fileName;
     std::unique_ptr<Node> rootKey;
-    // What the last search learnt of a bin: its size and its largest free cell
-    // that lies inside it. A write into the bin drops the entry, so it always
-    // agrees with the file; it lets a search pass by a full bin without reading it.
-    struct BinSummary {
-        std::uint32_t binSize;
-        std::uint32_t largestFree;
-    };
-    const BinSummary* FindBinSummary(std::uint32_t binOffset) const;
-    // From binOffset on, passes by the run of bins known to have no free cell
-    // of need bytes; gives the offset of the first bin that has to be read.
-    std::uint64_t SkipFullBins(std::uint64_t binOffset, std::uint32_t need) const;
-    // The same for bins that lie wholly before a cell offset.
-    std::uint64_t SkipBinsBefore(std::uint64_t binOffset, std::uint32_t cellOffset) const;
-    void StoreBinSummary(std::uint32_t binOffset, BinSummary summary);
 
-    // Names of nk cells read so far, by cell offset; dropped by any write into
-    // the cell, so a name found here is what the file holds.
+    // Names of nk cells read so far (a hive in memory only), by cell offset;
+    // dropped by any write into the cell, so a name found here is what the file holds.
     const WString* FindKeyName(std::uint32_t cellOffset) const;
     void StoreKeyName(std::uint32_t cellOffset, std::uint32_t cellSize, const WString& name);
 
@@ -107,17 +112,19 @@ public:
     std::vector<std::unique_ptr<Node>> createdKeys;
 
 private:
-    void ForgetBinSummaries(std::uint32_t areaOffset, std::uint64_t size);
-    std::map<std::uint32_t, BinSummary> binSummaries_;
+    bool SeekArea(std::uint32_t areaOffset);
+    bool SeekPosition(std::uint64_t position);
+    bool ReadElement(void* target, std::uint32_t size);
+    bool WriteElement(const void* source, std::uint32_t size);
+    void Touched(std::uint32_t areaOffset, std::uint64_t size);
+
+    std::unique_ptr<FileImage> image_;
+    std::unique_ptr<BinIndex> bins_;
     struct KnownName {
         std::uint32_t cellSize;
         WString name;
     };
     std::map<std::uint32_t, KnownName> keyNames_;
-
-    bool SeekPosition(std::uint64_t position);
-    bool ReadElement(void* target, std::uint32_t size);
-    bool WriteElement(const void* source, std::uint32_t size);
 };
 
 // Sum of the first 127 words of the base block, with 0 and 0xFFFFFFFF replaced.

@@ -2,22 +2,23 @@
 
 namespace Tamvik {
 
-CRegVolumeDevice* currentDevice = nullptr;
+void* currentDevice = nullptr;
+const DeviceCalls* currentDeviceCalls = nullptr;
 
 bool VolumeSeek(void* context, std::uint64_t* position, std::uint32_t origin) {
     if (currentDevice == nullptr) return false;
-    std::uint32_t mapped = origin == 0 ? 0 : origin == 2 ? 2 : 1;
-    return currentDevice->DeviceSeek(context, *position, mapped);
+    const std::uint32_t mapped = origin == 0 ? 0 : origin == 2 ? 2 : 1;
+    return currentDeviceCalls->seek(currentDevice, context, *position, mapped);
 }
 
 bool VolumeRead(void* context, void* buffer, std::uint32_t elementSize, std::uint32_t* count) {
     if (currentDevice == nullptr) return false;
-    return currentDevice->DeviceRead(context, buffer, elementSize, count);
+    return currentDeviceCalls->read(currentDevice, context, buffer, elementSize, count);
 }
 
 bool VolumeWrite(void* context, const void* buffer, std::uint32_t elementSize, std::uint32_t* count) {
     if (currentDevice == nullptr) return false;
-    return currentDevice->DeviceWrite(context, buffer, elementSize, count);
+    return currentDeviceCalls->write(currentDevice, context, buffer, elementSize, count);
 }
 
 }  // namespace Tamvik

@@ -92,6 +92,35 @@ TEST_F(Volume, CallsComeInTheirOrder) {
     ASSERT_EQ(CloseHiveByVolume(&hive, &device), Result::Ok);
 }
 
+// A lookup on a volume reads as a scan from position 0 does: the list once,
+// then each position up to the match (its cell header and its cell, four
+// calls; in an ri the leaves it passes as well); only the cached child is free.
+TEST_F(Volume, LookupsScanTheDeviceLiterally) {
+    struct Step {
+        const char16_t* name;
+        std::size_t lf, ri;  // device calls with an lf of A, B, C, and an ri of leaves [A, B] and [C]
+    };
+    const Step steps[] = {{u"C", 4 + 12, 4 + 8 + 8 + 12}, {u"C", 0, 0},           {u"A", 4, 8},
+                          {u"B", 8, 8 + 8},               {u"Z", 12, 8 + 8 + 12}, {u"C", 0, 0}};
+    for (const ListKind kind : {ListKind::Lf, ListKind::Ri}) {
+        HiveBuilder builder;
+        builder.AddTree(TreeKey{"Root", {}, {TreeKey{"A"}, TreeKey{"B"}, TreeKey{"C"}}, kind});
+        TempFile file(builder.Build());
+        TestDevice device;
+        HKEY hive = nullptr, root = nullptr, found = nullptr;
+        ASSERT_EQ(OpenHiveByVolumeW(file.WidePath().c_str(), &device, &hive), Result::Ok);
+        ASSERT_EQ(RegOpenKeyExW(hive, u"R", 0, 0, &root), Result::Ok);
+        for (const Step& step : steps) {
+            device.calls.clear();
+            const std::u16string name(step.name);
+            EXPECT_EQ(RegOpenKeyExW(root, step.name, 0, 0, &found), name == u"Z" ? Result::Invalid : Result::Ok);
+            EXPECT_EQ(device.calls.size(), kind == ListKind::Lf ? step.lf : step.ri)
+                << (kind == ListKind::Lf ? "lf " : "ri ") << Utf8(name);
+        }
+        ASSERT_EQ(CloseHiveByVolume(&hive, &device), Result::Ok);
+    }
+}
+
 TEST_F(Volume, AHiveInsideADiskImageIsEditedInPlace) {
     Bytes image(65536, 0xA5);
     const Bytes hive = SmallHive(3);

@@ -1,4 +1,4 @@
-#include "api/Convert.h"
+#include "store/CodePage.h"
 
 #include <iconv.h>
 

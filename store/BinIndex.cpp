@@ -1,0 +1,192 @@
+#include "store/BinIndex.h"
+
+#include <algorithm>
+
+#include "store/ByteOrder.h"
+#include "store/FileImage.h"
+#include "store/Format.h"
+
+namespace Tamvik {
+
+std::uint32_t BinIndex::Word(std::uint64_t areaOffset) const {
+    return LoadU32(image_.At(kBaseBlockSize + areaOffset, 4));
+}
+
+bool BinIndex::Readable(std::uint64_t areaOffset, std::uint64_t length) const {
+    // File positions are worked out in 32 bits, as the storage does.
+    return areaOffset <= kMaxAreaOffset && image_.At(kBaseBlockSize + areaOffset, length) != nullptr;
+}
+
+void BinIndex::Extend(std::uint32_t binsSize) {
+    // A file that grew can make readable what ended a walk; a BinsSize that
+    // fell would end it earlier. Either way the walks start again.
+    if (built_ && (binsSize < binsSize_ || (image_.Size() != imageSize_ && endedAtFileEnd_))) built_ = false;
+    if (!built_) {
+        walk_.clear();
+        next_ = 0;
+        stopped_ = searchStopped_ = endedAtFileEnd_ = false;
+        inOrder_ = true;
+        searchable_ = placed_ = 0;
+        stale_.clear();
+        built_ = true;
+    }
+    imageSize_ = image_.Size();
+    binsSize_ = binsSize;
+    while (!stopped_ && next_ < binsSize) {
+        const std::uint64_t at = next_;
+        if (!Readable(at, kBinHeaderSize)) {
+            stopped_ = endedAtFileEnd_ = true;
+            break;
+        }
+        const Bin bin{static_cast<std::uint32_t>(at), Word(at + BinField::BinOffset), Word(at + BinField::BinSize)};
+        walk_.push_back(bin);
+        inOrder_ = inOrder_ && bin.binOffset == bin.at;
+        if (!searchStopped_) {
+            const bool takes = Word(at + BinField::Signature) == kHbinSignature && bin.binSize != 0 &&
+                               bin.binOffset == bin.at;
+            if (takes && Readable(at, bin.binSize)) {
+                ++searchable_;
+                stale_.push_back(true);
+            } else {
+                searchStopped_ = true;
+                endedAtFileEnd_ = endedAtFileEnd_ || takes;
+            }
+        }
+        if (bin.binSize == 0) {
+            stopped_ = true;
+            break;
+        }
+        next_ = at + bin.binSize;
+    }
+    if (placed_ == searchable_) return;
+    if (leaves_ < searchable_) {
+        std::size_t leaves = std::max<std::size_t>(leaves_, 64);
+        while (leaves < searchable_) leaves *= 2;
+        std::vector<std::uint32_t> tree(2 * leaves, 0);
+        for (std::size_t i = 0; i < placed_; ++i) tree[leaves + i] = tree_[leaves_ + i];
+        tree_ = std::move(tree);
+        leaves_ = leaves;
+        for (std::size_t i = leaves_ - 1; i > 0; --i) tree_[i] = std::max(tree_[2 * i], tree_[2 * i + 1]);
+    }
+    // New bins are looked at when a search first comes by.
+    for (; placed_ < searchable_; ++placed_) Set(placed_, kVisit);
+}
+
+std::uint32_t BinIndex::Summary(std::size_t bin) const {
+    const Bin& b = walk_[bin];
+    const std::uint8_t* cells = image_.At(kBaseBlockSize + b.at, b.binSize);
+    std::uint32_t largest = 0;
+    for (std::uint64_t position = kBinHeaderSize; b.binSize > kBinHeaderSize && position + 4 <= b.binSize;) {
+        const std::int32_t size = LoadI32(cells + position);
+        if (size == 0) break;
+        const std::uint32_t magnitude = size < 0 ? 0u - static_cast<std::uint32_t>(size) : static_cast<std::uint32_t>(size);
+        if (size > 0 && position + magnitude <= b.binSize) {
+            if (magnitude % kCellAlignment != 0) return kVisit;
+            largest = std::max(largest, magnitude);
+        }
+        position += magnitude;
+    }
+    return largest;
+}
+
+std::uint32_t BinIndex::Scan(std::size_t bin, std::uint32_t need, std::uint32_t& found) const {
+    const Bin& b = walk_[bin];
+    const std::uint8_t* cells = image_.At(kBaseBlockSize + b.at, b.binSize);
+    for (std::uint64_t position = kBinHeaderSize; b.binSize > kBinHeaderSize && position + 4 <= b.binSize;) {
+        const std::int32_t size = LoadI32(cells + position);
+        if (size == 0) break;
+        const std::uint32_t magnitude = size < 0 ? 0u - static_cast<std::uint32_t>(size) : static_cast<std::uint32_t>(size);
+        if (size > 0 && magnitude >= need && position + magnitude <= b.binSize && RestIsUsable(magnitude - need)) {
+            found = magnitude;
+            return static_cast<std::uint32_t>(b.at + position);
+        }
+        position += magnitude;
+    }
+    return 0;
+}
+
+void BinIndex::Set(std::size_t bin, std::uint32_t value) {
+    std::size_t node = leaves_ + bin;
+    tree_[node] = value;
+    for (node /= 2; node > 0; node /= 2) tree_[node] = std::max(tree_[2 * node], tree_[2 * node + 1]);
+}
+
+std::size_t BinIndex::FirstAtLeast(std::size_t from, std::uint32_t need) const {
+    // Up from the leaf until a right-hand subtree holds one, then down to its first.
+    std::size_t node = leaves_ + from;
+    if (from >= searchable_) return searchable_;
+    if (tree_[node] >= need) return from;
+    while (node > 1) {
+        if (node % 2 == 0 && tree_[node + 1] >= need) {
+            node += 1;
+            break;
+        }
+        node /= 2;
+    }
+    if (node == 1) return searchable_;
+    while (node < leaves_) node = tree_[2 * node] >= need ? 2 * node : 2 * node + 1;
+    return std::min(node - leaves_, searchable_);
+}
+
+std::uint32_t BinIndex::FindFree(std::uint32_t binsSize, std::uint32_t need, std::uint32_t& found) {
+    if (binsSize == 0) return 0;
+    Extend(binsSize);
+    for (std::size_t bin = FirstAtLeast(0, need); bin < searchable_; bin = FirstAtLeast(bin + 1, need)) {
+        if (stale_[bin]) {
+            stale_[bin] = false;
+            Set(bin, Summary(bin));
+            if (tree_[leaves_ + bin] < need) continue;
+        }
+        if (const std::uint32_t cell = Scan(bin, need, found)) return cell;
+    }
+    return 0;
+}
+
+bool BinIndex::Locate(std::uint32_t binsSize, std::uint32_t cellOffset, std::uint32_t* walkOffset) {
+    if (binsSize == 0) return false;
+    Extend(binsSize);
+    auto holds = [&](const Bin& bin) {
+        return cellOffset >= bin.binOffset && cellOffset < static_cast<std::uint64_t>(bin.binOffset) + bin.binSize;
+    };
+    if (inOrder_) {
+        // The bins tile the walk in order: the last one starting at or before the cell.
+        auto it = std::upper_bound(walk_.begin(), walk_.end(), cellOffset,
+                                   [](std::uint32_t offset, const Bin& bin) { return offset < bin.at; });
+        if (it == walk_.begin() || !holds(*(it - 1))) return false;
+        *walkOffset = (it - 1)->at;
+        return true;
+    }
+    for (const Bin& bin : walk_) {
+        if (holds(bin)) {
+            *walkOffset = bin.at;
+            return true;
+        }
+    }
+    return false;
+}
+
+void BinIndex::Touched(std::uint64_t areaOffset, std::uint64_t length) {
+    if (!built_) return;
+    const std::uint64_t end = areaOffset + length;
+    auto mark = [&](std::size_t i) {
+        const Bin& bin = walk_[i];
+        if (areaOffset < static_cast<std::uint64_t>(bin.at) + kBinHeaderSize && end > bin.at) built_ = false;
+        if (i < searchable_) {
+            stale_[i] = true;
+            Set(i, kVisit);
+        }
+    };
+    if (!inOrder_) {
+        for (std::size_t i = 0; i < walk_.size() && built_; ++i)
+            if (areaOffset < static_cast<std::uint64_t>(walk_[i].at) + walk_[i].binSize && end > walk_[i].at) mark(i);
+        return;
+    }
+    auto it = std::upper_bound(walk_.begin(), walk_.end(), areaOffset,
+                               [](std::uint64_t offset, const Bin& bin) { return offset < bin.at; });
+    for (std::size_t i = it == walk_.begin() ? 0 : static_cast<std::size_t>(it - walk_.begin()) - 1;
+         i < walk_.size() && walk_[i].at < end && built_; ++i) {
+        if (areaOffset < static_cast<std::uint64_t>(walk_[i].at) + walk_[i].binSize) mark(i);
+    }
+}
+
+}  // namespace Tamvik

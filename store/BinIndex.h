@@ -1,0 +1,61 @@
+// What the walks over the bins of a hive held in memory find, done once and
+// kept current: the bins FindBin passes, and for each bin FindFreeCell may
+// search the largest free cell it holds, in a tree that gives the first bin
+// with room for a need in O(log n). Answers are exactly those of the walks
+// from the first bin; writes mark the bins they touch to be looked at again.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace Tamvik {
+
+class FileImage;
+
+class BinIndex {
+public:
+    explicit BinIndex(const FileImage& image) : image_(image) {}
+
+    // First fit in file order for need bytes: the cell offset and the free
+    // cell's size, or 0 when the walk from the first bin would find none.
+    std::uint32_t FindFree(std::uint32_t binsSize, std::uint32_t need, std::uint32_t& found);
+    // The bin whose header says it holds cellOffset, as FindBin's walk from
+    // the first bin meets it: the offset the walk read that header at, or false.
+    bool Locate(std::uint32_t binsSize, std::uint32_t cellOffset, std::uint32_t* walkOffset);
+    // After bytes of the bins area changed, or the file grew.
+    void Touched(std::uint64_t areaOffset, std::uint64_t length);
+
+private:
+    struct Bin {
+        std::uint32_t at, binOffset, binSize;  // where the walk read the header, and its two fields
+    };
+    void Extend(std::uint32_t binsSize);
+    std::uint32_t Word(std::uint64_t areaOffset) const;
+    bool Readable(std::uint64_t areaOffset, std::uint64_t length) const;
+    // Largest free cell of a whole multiple of 8 in a bin, or kVisit when the
+    // bin holds free cells of other sizes, which only a walk of it can judge.
+    std::uint32_t Summary(std::size_t bin) const;
+    // The first free cell of the bin's walk that serves need, as FindFreeCell takes it.
+    std::uint32_t Scan(std::size_t bin, std::uint32_t need, std::uint32_t& found) const;
+    void Set(std::size_t bin, std::uint32_t value);
+    std::size_t FirstAtLeast(std::size_t from, std::uint32_t need) const;
+
+    static constexpr std::uint32_t kVisit = 0xFFFFFFFF;
+    const FileImage& image_;
+    bool built_ = false;
+    std::uint64_t imageSize_ = 0;
+    std::uint32_t binsSize_ = 0;
+    std::vector<Bin> walk_;       // every header the walk from the first bin reads
+    std::uint64_t next_ = 0;      // where it reads the next one
+    bool stopped_ = false;        // it ended at a header it can't pass, not at BinsSize
+    bool inOrder_ = true;         // every header names the place it was read at
+    std::size_t searchable_ = 0;  // the bins FindFreeCell searches: a prefix of the walk
+    bool searchStopped_ = false;  // it ended at a bin it can't take
+    bool endedAtFileEnd_ = false; // one of the walks ended where the file does
+    std::vector<bool> stale_;
+    std::vector<std::uint32_t> tree_;  // max of the summaries, leaf i at tree_[leaves_ + i]
+    std::size_t leaves_ = 0;
+    std::size_t placed_ = 0;           // searchable bins with a leaf in the tree
+};
+
+}  // namespace Tamvik

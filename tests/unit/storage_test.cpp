@@ -1,0 +1,206 @@
+// Guards the storage of hives in files: what a call changed is in the file
+// when it returns, the free space index finds exactly the cell the walk from
+// the first bin finds, and a file that can't grow loses nothing.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <optional>
+#include <random>
+
+#include "store/Allocator.h"
+#include "store/Hive.h"
+#include "store/VolumeStorage.h"
+#include "support/Device.h"
+#include "support/Fixture.h"
+#include "support/Listing.h"
+
+namespace {
+
+using namespace RegAPI;
+using namespace TamvikTest;
+
+Tamvik::Hive* Behind(HKEY hive) { return dynamic_cast<Tamvik::Hive*>(reinterpret_cast<Tamvik::Node*>(hive)); }
+
+// Runs body in a child process and gives its exit status; the child never
+// returns into the test.
+int InChild(const std::function<int()>& body) {
+    const pid_t child = fork();
+    if (child == 0) _exit(body());
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+Bytes SmallHive() {
+    HiveBuilder builder;
+    builder.AddTree(TreeKey{"Root", {}, {TreeKey{"Data", {{"V", 4, {1, 0, 0, 0}}}}}});
+    return builder.Build();
+}
+
+// A process that dies right after a call returned leaves what the call did in
+// the file: no close, no flush, no destructor runs.
+TEST(Storage, WhatACallReportedDoneOutlivesTheProcess) {
+    if (VolumeMode()) GTEST_SKIP() << "a device writes through as it is asked";
+    TempFile file(SmallHive());
+    const BYTE data[6] = {'s', 0, 'e', 0, 't', 0};
+    const int status = InChild([&] {
+        HKEY hive = nullptr, key = nullptr, made = nullptr;
+        if (OpenHiveW(file.WidePath().c_str(), &hive, false) != Result::Ok) return 10;
+        if (RegOpenKeyExW(hive, u"R\\Data", 0, 0, &key) != Result::Ok) return 11;
+        if (RegSetValueNewW(key, u"Kept", 0, 1, data, sizeof data) != Result::Ok) return 12;
+        if (RegCreateKeyExW(key, u"Made", &made) != Result::Ok) return 13;
+        if (RegDeleteValueW(key, u"V") != Result::Ok) return 14;
+        return 0;
+    });
+    ASSERT_EQ(status, 0);
+    const Listing listing = ListFile(file.Path());
+    EXPECT_TRUE(listing.problems.empty());
+    EXPECT_EQ(listing.lines, (std::vector<std::string>{"K\t\\", "K\t\\Data", "V\t\\Data\tKept\t1\t730065007400",
+                                                       "K\t\\Data\\Made"}));
+}
+
+// A file that may not grow refuses the new bin; the edit fails, the file and
+// what later reads see stay as they were, and an edit that fits still works.
+TEST(Storage, AFileThatCantGrowLosesNothing) {
+    if (VolumeMode()) GTEST_SKIP() << "the device's refusals are tested with the volume";
+    TempFile file(SmallHive());
+    const Bytes before = file.Read();
+    const Bytes big(40000, 7);
+    const BYTE small[4] = {9, 9, 9, 9};
+    const int status = InChild([&] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{before.size(), before.size()};
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 20;
+        HKEY hive = nullptr, key = nullptr;
+        if (OpenHiveW(file.WidePath().c_str(), &hive, false) != Result::Ok) return 21;
+        if (RegOpenKeyExW(hive, u"R\\Data", 0, 0, &key) != Result::Ok) return 22;
+        if (RegSetValueNewW(key, u"Big", 0, 3, big.data(), static_cast<DWORD>(big.size())) != Result::Invalid)
+            return 23;
+        DWORD size = 0;
+        if (RegQueryValueExW(key, u"Big", nullptr, nullptr, nullptr, &size) != Result::Invalid) return 24;
+        if (RegSetValueNewW(key, u"Small", 0, 3, small, sizeof small) != Result::Ok) return 25;
+        return CloseHive(&hive) == Result::Ok ? 0 : 26;
+    });
+    ASSERT_EQ(status, 0);
+    const Bytes after = file.Read();
+    EXPECT_EQ(after.size(), before.size());
+    EXPECT_EQ(ListFile(file.Path()).lines.back(), "V\t\\Data\tSmall\t3\t09090909");
+}
+
+// The first fit as the walk from the first bin finds it, worked out from the
+// bytes alone: the cell offset for a cell of need bytes, or none.
+std::optional<std::uint32_t> ReferenceFirstFit(const std::uint8_t* file, std::uint64_t fileSize, std::uint32_t need) {
+    auto word = [&](std::uint64_t at) {
+        std::uint32_t value = 0;
+        for (int i = 3; i >= 0; --i) value = value << 8 | (at + i < fileSize ? file[at + i] : 0);
+        return value;
+    };
+    const std::uint64_t binsSize = word(0x28);
+    for (std::uint64_t bin = 0; bin < binsSize;) {
+        const std::uint64_t at = 4096 + bin;
+        const std::uint32_t binSize = word(at + 8);
+        if (word(at) != 0x6E696268 || word(at + 4) != bin || binSize == 0 || at + binSize > fileSize) return {};
+        for (std::uint64_t position = 32; position + 4 <= binSize;) {
+            const auto size = static_cast<std::int32_t>(word(at + position));
+            if (size == 0) break;
+            const std::uint32_t magnitude = size < 0 ? 0u - static_cast<std::uint32_t>(size) : size;
+            const std::uint32_t rest = magnitude - need;
+            if (size > 0 && magnitude >= need && position + magnitude <= binSize && (rest % 8 == 0 || rest == 4))
+                return static_cast<std::uint32_t>(bin + position);
+            position += magnitude;
+        }
+        bin += binSize;
+    }
+    return {};
+}
+
+// Bins of three sizes holding free cells of every kind: multiples of 8, cells
+// of 8k + 4, and bins without room.
+Bytes ScatteredHive() {
+    HiveBuilder builder;
+    builder.AddTree(TreeKey{"Root", {}, {TreeKey{"A"}}});
+    std::mt19937 random(11);
+    for (int bin = 0; bin < 40; ++bin) {
+        builder.AddBin(4096 * (1 + bin % 3));
+        for (int cell = 0; cell < 6; ++cell) {
+            const std::uint32_t size = 8 * (1 + random() % 60) + (random() % 4 == 0 ? 4 : 0);
+            builder.AddCells({random() % 2 == 0 ? -static_cast<std::int32_t>(size) : static_cast<std::int32_t>(size)});
+        }
+        builder.CloseBin(bin % 5 == 0);
+    }
+    return builder.Build();
+}
+
+// One seeded script of cells made and released; at each new cell the index
+// must give the reference walk's cell (or a new bin where the walk finds
+// none).
+void RunScript(HKEY handle, std::uint32_t seed, int steps) {
+    Tamvik::Hive* hive = Behind(handle);
+    std::mt19937 random(seed);
+    std::vector<std::uint32_t> made;
+    for (int step = 0; step < steps && !::testing::Test::HasFailure(); ++step) {
+        if (!made.empty() && random() % 5 < 2) {
+            const std::size_t pick = random() % made.size();
+            Tamvik::FreeCellAt(hive, made[pick]);
+            made.erase(made.begin() + static_cast<std::ptrdiff_t>(pick));
+            continue;
+        }
+        const std::uint32_t asked = random() % 8 == 0 ? 4000 + random() % 9000 : random() % 400;
+        const std::uint32_t binsSize = hive->BinsSize();
+        std::optional<std::uint32_t> expected;
+        if (hive->Image() != nullptr)
+            expected = ReferenceFirstFit(hive->Image()->At(0, 0), hive->Image()->Size(), Tamvik::NeedFor(asked));
+        const std::uint32_t cell = Tamvik::CreateCell(hive, asked, [&](std::uint8_t* record, std::uint32_t room) {
+            for (std::uint32_t i = 0; i < room; ++i) record[i] = static_cast<std::uint8_t>(step + i);
+        });
+        EXPECT_NE(cell, 0u) << "step " << step;
+        if (hive->Image() != nullptr) {
+            EXPECT_EQ(cell, expected.value_or(binsSize + 32)) << "step " << step;
+        }
+        made.push_back(cell);
+    }
+    hive->Flush();
+}
+
+// New bins carry the time they were made: the rest must be the same.
+Bytes WithoutBinTimes(Bytes file) {
+    const Image image(file);
+    for (std::uint64_t bin = 0; bin < image.BinsSize() && 4096 + bin + 32 <= file.size();) {
+        std::fill_n(file.begin() + static_cast<std::ptrdiff_t>(4096 + bin + 0x14), 8, 0);
+        const std::uint32_t size = image.Word(4096 + bin + 8);
+        if (size == 0) break;
+        bin += size;
+    }
+    return file;
+}
+
+// The index against the walk: on a hive of scattered free cells (and the same
+// script through a volume, whose walk is literal, to the same bytes), and on
+// a real hive with its own history of free space.
+TEST(Storage, TheFreeSpaceIndexFindsTheFirstFit) {
+    if (VolumeMode()) GTEST_SKIP() << "the volume runs inside this test";
+    for (const std::uint32_t seed : {1u, 2u, 3u}) {
+        TestHive indexed(ScatteredHive());
+        ASSERT_EQ(indexed.openResult, Result::Ok);
+        RunScript(indexed.hive, seed, 600);
+        indexed.Close();
+        TempFile literal(ScatteredHive());
+        TestDevice device;
+        HKEY hive = nullptr;
+        ASSERT_EQ(OpenHiveByVolumeW(literal.WidePath().c_str(), &device, &hive), Result::Ok);
+        RunScript(hive, seed, 600);
+        ASSERT_EQ(CloseHiveByVolume(&hive, &device), Result::Ok);
+        Tamvik::currentDevice = nullptr;
+        EXPECT_EQ(WithoutBinTimes(indexed.Disk()), WithoutBinTimes(literal.Read())) << "seed " << seed;
+    }
+    if (SharedHives().empty()) GTEST_SKIP() << "../shared/hives is absent: the real hive part is skipped";
+    TestHive real(ReadFileBytes(SharedHives() + "/clean/dfwinreg__SYSTEM"));
+    ASSERT_EQ(real.openResult, Result::Ok);
+    RunScript(real.hive, 4, 3000);
+}
+
+}  // namespace
