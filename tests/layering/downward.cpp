@@ -1,0 +1,2 @@
+// A store file may include the store: this must compile.
+#include "store/Hive.h"
