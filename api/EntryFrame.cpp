@@ -10,7 +10,8 @@ Node* WalkPath(Node* start, Hive* hive, const char16_t* path) {
     // length, past such NULs.
     const std::size_t length = WideLength(path);
     std::vector<char16_t> copy(length + 1, 0);
-    for (std::size_t i = 0; i < length; ++i) copy[i] = UpperUnit(path[i]);
+    const CaseMap& map = CurrentCaseMap();
+    for (std::size_t i = 0; i < length; ++i) copy[i] = map.Upper(path[i]);
     Node* current = start;
     std::size_t component = 0;
     std::size_t search = 0;

@@ -11,10 +11,10 @@ namespace Tamvik {
 inline Node* NodeOf(RegAPI::HKEY handle) { return reinterpret_cast<Node*>(handle); }
 inline RegAPI::HKEY HandleOf(Node* node) { return reinterpret_cast<RegAPI::HKEY>(node); }
 // The run-time class tests of the entry points; null for null and for another class.
-inline Key* KeyOf(RegAPI::HKEY handle) { return dynamic_cast<Key*>(NodeOf(handle)); }
-inline Hive* HiveOf(RegAPI::HKEY handle) { return dynamic_cast<Hive*>(NodeOf(handle)); }
+inline Key* KeyOf(RegAPI::HKEY handle) { return NodeAs<Key>(NodeOf(handle)); }
+inline Hive* HiveOf(RegAPI::HKEY handle) { return NodeAs<Hive>(NodeOf(handle)); }
 // The hive a node belongs to: the top of its parent chain.
-inline Hive* HiveAbove(Node* node) { return dynamic_cast<Hive*>(node->GetRoot()); }
+inline Hive* HiveAbove(Node* node) { return NodeAs<Hive>(node->GetRoot()); }
 
 // Made at the top of every entry point that writes: whatever the call changed
 // is handed to the file before it returns, whichever way it returns.

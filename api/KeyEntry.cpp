@@ -19,11 +19,11 @@ LONG EnumKeyName(HKEY handle, DWORD index, DWORD* nameLength, WString* name) {
     if (key->SubKeyCount() == 0 || index >= key->SubKeyCount()) return Result::Invalid;
     Hive* hive = HiveAbove(key);
     if (hive == nullptr) return Result::Invalid;
-    std::unique_ptr<SubKeyList> list = key->GetSubKeyList(hive);
+    SubKeyList* list = key->EnumSubKeyList(hive);
     if (list == nullptr) return Result::Corrupt;
-    std::unique_ptr<Key> child = list->GetAt(hive, index);
-    if (child == nullptr) return Result::Corrupt;
-    *name = child->GetName();
+    std::optional<WString> found = list->NameAt(hive, index);
+    if (!found) return Result::Corrupt;
+    *name = std::move(*found);
     if (*nameLength < name->size() + 1) return Result::Invalid;
     return Result::Ok;
 }
@@ -35,7 +35,7 @@ LONG RegOpenKeyExW(HKEY key, const WCHAR* path, DWORD, DWORD, HKEY* result) {
     Node* start = NodeOf(key);
     Hive* hive = HiveAbove(start);
     if (hive == nullptr) return Result::Invalid;
-    Key* found = dynamic_cast<Key*>(WalkPath(start, hive, path));
+    Key* found = NodeAs<Key>(WalkPath(start, hive, path));
     if (found == nullptr) return Result::Invalid;
     *result = HandleOf(found);
     return Result::Ok;

@@ -124,17 +124,15 @@ LONG RegEnumValueA(HKEY key, DWORD index, char* name, DWORD* nameLength, DWORD*,
                    DWORD* dataSize) {
     Key* node = KeyOf(key);
     if (node == nullptr || name == nullptr || nameLength == nullptr) return Result::Invalid;
-    Hive* hive = nullptr;
-    std::unique_ptr<SubValList> list;
-    std::unique_ptr<Val> value;
-    if (LONG result = ValueAt(node, index, &hive, &list, &value); result != Result::Ok) return result;
-    const std::string narrow = NarrowLossy(value->GetName());
-    // *nameLength is the room in name in bytes, terminator included.
-    if (*nameLength < narrow.size() + 1) return Result::Invalid;
-    std::memcpy(name, narrow.data(), narrow.size());
-    name[narrow.size()] = 0;
-    *nameLength = static_cast<DWORD>(narrow.size());
-    return DeliverNarrow(value.get(), hive, type, data, dataSize);
+    return WithValueAt(node, index, [&](Val* value, Hive* hive) {
+        const std::string narrow = NarrowLossy(value->GetName());
+        // *nameLength is the room in name in bytes, terminator included.
+        if (*nameLength < narrow.size() + 1) return Result::Invalid;
+        std::memcpy(name, narrow.data(), narrow.size());
+        name[narrow.size()] = 0;
+        *nameLength = static_cast<DWORD>(narrow.size());
+        return DeliverNarrow(value, hive, type, data, dataSize);
+    });
 }
 
 LONG RegSetValueExA(HKEY key, const char* name, DWORD, DWORD type, const BYTE* data, DWORD size) {

@@ -3,6 +3,7 @@
 
 #include "api/EntryFrame.h"
 #include "nodes/Key.h"
+#include "nodes/MakeNode.h"
 #include "nodes/Val.h"
 
 #include <memory>
@@ -11,10 +12,23 @@ namespace Tamvik {
 
 // The value of that name (any case) under key, found through its cached list; null if none.
 Val* FindValueNamed(Key* key, const WString& name, Hive** hive);
-// The steps the enumerations share: the counts tested, a private list and the
-// value at index built (87 for a bad index, 1015 when a node can't be built).
-RegAPI::LONG ValueAt(Key* key, RegAPI::DWORD index, Hive** hive, std::unique_ptr<SubValList>* list,
-                     std::unique_ptr<Val>* value);
+// The steps the enumerations share: the counts tested, the key's list as the
+// file holds it and the value at index built (87 for a bad index, 1015 when a
+// node can't be built); then use(value, hive), whose result is given.
+template <class Use>
+RegAPI::LONG WithValueAt(Key* key, RegAPI::DWORD index, Use use) {
+    using namespace RegAPI;
+    if (key->ValueCount() == 0 || index >= key->ValueCount()) return Result::Invalid;
+    Hive* hive = HiveAbove(key);
+    if (hive == nullptr) return Result::Invalid;
+    SubValList* list = key->EnumValueList(hive);
+    if (list == nullptr) return Result::Corrupt;
+    const std::optional<std::uint32_t> cell = list->EntryAt(index);
+    if (!cell) return Result::Corrupt;
+    const Transient<Val> value(hive, *cell, list, CellKind::BySignature);
+    if (!value) return Result::Corrupt;
+    return use(value.get(), hive);
+}
 // Fills type, data and dataSize from a value as the wide functions do.
 RegAPI::LONG Deliver(Val* value, Hive* hive, RegAPI::DWORD* type, RegAPI::BYTE* data, RegAPI::DWORD* dataSize);
 // The same with string data converted for a narrow caller.

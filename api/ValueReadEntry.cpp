@@ -13,19 +13,6 @@ Val* FindValueNamed(Key* key, const WString& name, Hive** hive) {
     return key->FindValue(*hive, upper.c_str());
 }
 
-RegAPI::LONG ValueAt(Key* key, RegAPI::DWORD index, Hive** hive, std::unique_ptr<SubValList>* list,
-                     std::unique_ptr<Val>* value) {
-    using namespace RegAPI;
-    if (key->ValueCount() == 0 || index >= key->ValueCount()) return Result::Invalid;
-    *hive = HiveAbove(key);
-    if (*hive == nullptr) return Result::Invalid;
-    *list = key->GetValueList(*hive);
-    if (*list == nullptr) return Result::Corrupt;
-    *value = (*list)->GetAt(*hive, index);
-    if (*value == nullptr) return Result::Corrupt;
-    return Result::Ok;
-}
-
 RegAPI::LONG Deliver(Val* value, Hive* hive, RegAPI::DWORD* type, RegAPI::BYTE* data, RegAPI::DWORD* dataSize) {
     using namespace RegAPI;
     if (type != nullptr) *type = value->ValueType();
@@ -58,17 +45,15 @@ LONG RegEnumValueW(HKEY key, DWORD index, WCHAR* name, DWORD* nameLength, DWORD*
                    DWORD* dataSize) {
     Key* node = KeyOf(key);
     if (node == nullptr || name == nullptr || nameLength == nullptr) return Result::Invalid;
-    Hive* hive = nullptr;
-    std::unique_ptr<SubValList> list;
-    std::unique_ptr<Val> value;
-    if (LONG result = ValueAt(node, index, &hive, &list, &value); result != Result::Ok) return result;
-    const WString found = value->GetName();
-    // *nameLength is the room in name, terminator included: nothing is written past it.
-    if (*nameLength < found.size() + 1) return Result::Invalid;
-    std::copy(found.begin(), found.end(), name);
-    name[found.size()] = 0;
-    *nameLength = static_cast<DWORD>(found.size());
-    return Deliver(value.get(), hive, type, data, dataSize);
+    return WithValueAt(node, index, [&](Val* value, Hive* hive) {
+        const WString found = value->GetName();
+        // *nameLength is the room in name, terminator included: nothing is written past it.
+        if (*nameLength < found.size() + 1) return Result::Invalid;
+        std::copy(found.begin(), found.end(), name);
+        name[found.size()] = 0;
+        *nameLength = static_cast<DWORD>(found.size());
+        return Deliver(value, hive, type, data, dataSize);
+    });
 }
 
 }  // namespace RegAPI

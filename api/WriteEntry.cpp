@@ -39,7 +39,7 @@ RegAPI::LONG DeleteKeyAt(Key* key, const char16_t* path) {
     using namespace RegAPI;
     Hive* hive = HiveAbove(key);
     if (hive == nullptr) return Result::Invalid;
-    Key* target = dynamic_cast<Key*>(WalkPath(key, hive, path));
+    Key* target = NodeAs<Key>(WalkPath(key, hive, path));
     if (target == nullptr) return Result::Invalid;
     return DeleteKey(target, hive) ? Result::Ok : Result::Invalid;
 }

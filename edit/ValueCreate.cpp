@@ -122,9 +122,10 @@ void LearnAppendedName(Key* owner, const std::string& name, std::uint32_t positi
     if (!owner->carriedValueNames) return;
     NameIndex& names = *owner->carriedValueNames;
     if (names.scanned != position) return;
-    WString widened(name.size(), u'\0');
-    for (std::size_t i = 0; i < name.size(); ++i) widened[i] = static_cast<unsigned char>(name[i]);
-    names.Add(UpperCaseName(widened), position);
+    const CaseMap& map = CurrentCaseMap();
+    LookupHash hash;  // the name is stored narrow: a unit per byte
+    for (const char byte : name) hash.Add(map.Upper(static_cast<unsigned char>(byte)));
+    names.Add(hash.Value(), position);
     names.scanned = position + 1;
 }
 }  // namespace

@@ -9,10 +9,10 @@
 
 namespace Tamvik {
 
-MidData::MidData(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_,
+MidData::MidData(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_,
                  std::uint32_t bufferSize_, std::uint32_t payloadOffset)
-    : Data(offset_, parent_, std::move(buffer_), bufferSize_),
-      record(PayloadOf(buffer.get(), bufferSize_, payloadOffset)) {}
+    : Data(offset_, parent_, buffer_, bufferSize_),
+      record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 WString MidData::GetName() const { return u"MidData"; }
 
@@ -31,10 +31,10 @@ bool MidData::Write(Hive*, const std::uint8_t* source, std::uint32_t length) {
 
 void MidData::Free(Hive* hive) { FreeCellAt(hive, offset); }
 
-BigData::BigData(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_,
+BigData::BigData(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_,
                  std::uint32_t bufferSize_, std::uint32_t payloadOffset)
-    : Data(offset_, parent_, std::move(buffer_), bufferSize_),
-      record(PayloadOf(buffer.get(), bufferSize_, payloadOffset)) {}
+    : Data(offset_, parent_, buffer_, bufferSize_),
+      record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 WString BigData::GetName() const { return u"BigData"; }
 
@@ -104,10 +104,10 @@ void BigData::Free(Hive* hive) {
     FreeCellAt(hive, offset);
 }
 
-SubDatList::SubDatList(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_,
+SubDatList::SubDatList(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_,
                        std::uint32_t bufferSize_, std::uint32_t payloadOffset)
-    : Node(offset_, parent_, std::move(buffer_), bufferSize_),
-      record(PayloadOf(buffer.get(), bufferSize_, payloadOffset)) {}
+    : Node(offset_, parent_, buffer_, bufferSize_),
+      record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 WString SubDatList::GetName() const { return u"SubDatList"; }
 

@@ -15,6 +15,7 @@ class SubDatList;
 
 class Data : public Node {
 public:
+    static bool Holds(NodeClass c) { return c == NodeClass::PlainData || c == NodeClass::BigData; }
     using Node::Node;
     // Copies length bytes of the value's data to target.
     virtual bool Read(Hive* hive, std::uint8_t* target, std::uint32_t length) = 0;
@@ -26,7 +27,9 @@ public:
 
 class MidData : public Data {
 public:
-    MidData(std::uint32_t offset, Node* parent, std::unique_ptr<std::uint8_t[]> buffer, std::uint32_t bufferSize,
+    NodeClass Class() const override { return NodeClass::PlainData; }
+    static bool Holds(NodeClass c) { return c == NodeClass::PlainData; }
+    MidData(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize,
             std::uint32_t payloadOffset);
     WString GetName() const override;
     bool Read(Hive* hive, std::uint8_t* target, std::uint32_t length) override;
@@ -39,7 +42,9 @@ public:
 
 class BigData : public Data {
 public:
-    BigData(std::uint32_t offset, Node* parent, std::unique_ptr<std::uint8_t[]> buffer, std::uint32_t bufferSize,
+    NodeClass Class() const override { return NodeClass::BigData; }
+    static bool Holds(NodeClass c) { return c == NodeClass::BigData; }
+    BigData(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize,
             std::uint32_t payloadOffset);
     WString GetName() const override;
     bool Read(Hive* hive, std::uint8_t* target, std::uint32_t length) override;
@@ -57,7 +62,9 @@ public:
 
 class SubDatList : public Node {
 public:
-    SubDatList(std::uint32_t offset, Node* parent, std::unique_ptr<std::uint8_t[]> buffer, std::uint32_t bufferSize,
+    NodeClass Class() const override { return NodeClass::SegmentList; }
+    static bool Holds(NodeClass c) { return c == NodeClass::SegmentList; }
+    SubDatList(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize,
                std::uint32_t payloadOffset);
     WString GetName() const override;
     // The segment at a position, or null; positions past the cell give null.

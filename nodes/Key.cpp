@@ -7,10 +7,10 @@
 
 namespace Tamvik {
 
-Key::Key(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_, std::uint32_t bufferSize_,
+Key::Key(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_, std::uint32_t bufferSize_,
          std::uint32_t payloadOffset)
-    : Node(offset_, parent_, std::move(buffer_), bufferSize_),
-      record(PayloadOf(buffer.get(), bufferSize_, payloadOffset)) {}
+    : Node(offset_, parent_, buffer_, bufferSize_),
+      record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 Key::~Key() {
     // The cache chain can be thousands of keys deep: take it apart in a loop
@@ -25,26 +25,64 @@ Key::~Key() {
     valueList.reset();
 }
 
-WString RecordName(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField, bool narrow) {
+namespace {
+// Calls unit(u) for each UTF-16 unit of a record's name: one unit per byte
+// when narrow, pairs of bytes when wide (an odd last byte dropped), cut at the
+// end of the record. Gives the number of units.
+template <class Unit>
+std::uint32_t ForEachNameUnit(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField,
+                              bool narrow, Unit unit) {
     std::uint32_t length = record.U16(lengthField);
-    std::uint32_t available = record.Available(nameField);
+    const std::uint32_t available = record.Available(nameField);
     if (length > available) length = available;
     const std::uint8_t* bytes = record.Data() + nameField;
-    WString name;
     if (narrow) {
-        name.resize(length);
-        for (std::uint32_t i = 0; i < length; ++i) name[i] = bytes[i];
-    } else {
-        name.resize(length / 2);
-        for (std::uint32_t i = 0; i < length / 2; ++i)
-            name[i] = static_cast<char16_t>(bytes[2 * i] | (bytes[2 * i + 1] << 8));
+        for (std::uint32_t i = 0; i < length; ++i) unit(static_cast<char16_t>(bytes[i]));
+        return length;
     }
+    for (std::uint32_t i = 0; i < length / 2; ++i) unit(static_cast<char16_t>(bytes[2 * i] | (bytes[2 * i + 1] << 8)));
+    return length / 2;
+}
+}  // namespace
+
+WString RecordName(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField, bool narrow) {
+    WString name(record.U16(lengthField), u'\0');
+    std::size_t length = 0;
+    ForEachNameUnit(record, lengthField, nameField, narrow, [&](char16_t unit) { name[length++] = unit; });
+    name.resize(length);
     return name;
 }
 
-WString Key::GetName() const {
-    bool narrow = (record.U16(NkField::Flags) & NkField::NarrowNameFlag) != 0;
-    return RecordName(record, NkField::NameLength, NkField::Name, narrow);
+std::uint64_t RecordNameHash(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField,
+                             bool narrow) {
+    const CaseMap& map = CurrentCaseMap();
+    LookupHash hash;
+    ForEachNameUnit(record, lengthField, nameField, narrow, [&](char16_t unit) { hash.Add(map.Upper(unit)); });
+    return hash.Value();
+}
+
+bool RecordNameMatches(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField, bool narrow,
+                       std::u16string_view upper) {
+    const CaseMap& map = CurrentCaseMap();
+    std::size_t at = 0;
+    bool same = true;
+    const std::uint32_t length = ForEachNameUnit(record, lengthField, nameField, narrow, [&](char16_t unit) {
+        same = same && at < upper.size() && map.Upper(unit) == upper[at];
+        ++at;
+    });
+    return same && length == upper.size();
+}
+
+bool Key::NarrowName() const { return (record.U16(NkField::Flags) & NkField::NarrowNameFlag) != 0; }
+
+WString Key::GetName() const { return RecordName(record, NkField::NameLength, NkField::Name, NarrowName()); }
+
+bool Key::NameMatches(std::u16string_view upper) const {
+    return RecordNameMatches(record, NkField::NameLength, NkField::Name, NarrowName(), upper);
+}
+
+std::uint64_t Key::UpperNameHash() const {
+    return RecordNameHash(record, NkField::NameLength, NkField::Name, NarrowName());
 }
 
 Node* Key::FindChild(Hive* hive, const char16_t* name) { return FindSubKey(hive, name); }
@@ -57,11 +95,31 @@ std::unique_ptr<SubValList> Key::GetValueList(Hive* hive) {
     return BuildNodeAt<SubValList>(hive, Field(NkField::ValueListCell), this, CellKind::ValueList);
 }
 
+template <class List, class Build>
+List* Key::Current(Snapshot<List>& snapshot, Hive* hive, std::uint32_t cell, Build build) {
+    const bool kept = hive->Image() != nullptr && snapshot.list != nullptr &&
+                      snapshot.generation == hive->Generation() && snapshot.cell == cell;
+    if (!kept) {
+        snapshot.list = build();
+        snapshot.generation = hive->Generation();
+        snapshot.cell = cell;
+    }
+    return snapshot.list.get();
+}
+
+SubKeyList* Key::EnumSubKeyList(Hive* hive) {
+    return Current(enumSubKeys_, hive, Field(NkField::SubKeyListCell), [&] { return GetSubKeyList(hive); });
+}
+
+SubValList* Key::EnumValueList(Hive* hive) {
+    return Current(enumValues_, hive, Field(NkField::ValueListCell), [&] { return GetValueList(hive); });
+}
+
 Key* Key::FindSubKey(Hive* hive, const char16_t* name) {
     if (SubKeyCount() == 0) return nullptr;
     if (subKeyList == nullptr) subKeyList = GetSubKeyList(hive);
     if (subKeyList == nullptr) return nullptr;
-    return dynamic_cast<Key*>(subKeyList->FindChild(hive, name));
+    return NodeAs<Key>(subKeyList->FindChild(hive, name));
 }
 
 Val* Key::FindValue(Hive* hive, const char16_t* name) {
@@ -72,21 +130,24 @@ Val* Key::FindValue(Hive* hive, const char16_t* name) {
         carriedValueNames.reset();
     }
     if (valueList == nullptr) return nullptr;
-    return dynamic_cast<Val*>(valueList->FindChild(hive, name));
+    return NodeAs<Val>(valueList->FindChild(hive, name));
 }
 
 std::optional<WString> KeyNameAt(Hive* hive, std::uint32_t cellOffset) {
-    if (const WString* known = hive->FindKeyName(cellOffset)) return *known;
-    std::unique_ptr<Key> key = BuildNodeAt<Key>(hive, cellOffset, nullptr, CellKind::BySignature);
-    if (key == nullptr) return std::nullopt;
-    WString name = key->GetName();
-    hive->StoreKeyName(cellOffset, key->GetBufferSize(), name);
-    return name;
+    const Transient<Key> key(hive, cellOffset, nullptr, CellKind::BySignature);
+    if (!key) return std::nullopt;
+    return key->GetName();
+}
+
+std::optional<std::uint64_t> KeyNameHashAt(Hive* hive, std::uint32_t cellOffset) {
+    const Transient<Key> key(hive, cellOffset, nullptr, CellKind::BySignature);
+    if (!key) return std::nullopt;
+    return key->UpperNameHash();
 }
 
 Key* OwnerKey(const Node* node) {
     for (Node* up = node->GetParent(); up != nullptr; up = up->GetParent())
-        if (Key* key = dynamic_cast<Key*>(up)) return key;
+        if (Key* key = NodeAs<Key>(up)) return key;
     return nullptr;
 }
 

@@ -20,16 +20,27 @@ class Val;
 
 class Key : public Node {
 public:
-    Key(std::uint32_t offset, Node* parent, std::unique_ptr<std::uint8_t[]> buffer, std::uint32_t bufferSize,
+    NodeClass Class() const override { return NodeClass::Key; }
+    static bool Holds(NodeClass c) { return c == NodeClass::Key; }
+    Key(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize,
         std::uint32_t payloadOffset);
     ~Key() override;
 
     WString GetName() const override;
+    bool NameMatches(std::u16string_view upper) const override;
+    // LookupHash of the upper-case name.
+    std::uint64_t UpperNameHash() const;
     Node* FindChild(Hive* hive, const char16_t* name) override;
 
     // New list nodes built from the file, owned by the caller; the caches are left alone.
     std::unique_ptr<SubKeyList> GetSubKeyList(Hive* hive);
     std::unique_ptr<SubValList> GetValueList(Hive* hive);
+    // The lists the enumerations go by, as GetSubKeyList and GetValueList would
+    // build them now; owned by the key. On a volume they are built anew at each
+    // call. In a hive in memory they are kept while the hive takes no write and
+    // the key's list field stays, since a list built anew would be the same.
+    SubKeyList* EnumSubKeyList(Hive* hive);
+    SubValList* EnumValueList(Hive* hive);
     // Lookups by upper-case name through the cached lists; the result stays owned by the list.
     Key* FindSubKey(Hive* hive, const char16_t* name);
     Val* FindValue(Hive* hive, const char16_t* name);
@@ -48,11 +59,25 @@ public:
     // and the cached list is rebuilt: the entries before the new one don't move,
     // so a lookup after the addition doesn't read every value again.
     std::optional<NameIndex> carriedValueNames;
+
+private:
+    bool NarrowName() const;
+    template <class List>
+    struct Snapshot {
+        std::unique_ptr<List> list;
+        std::uint64_t generation = 0;
+        std::uint32_t cell = kNoCell;
+    };
+    template <class List, class Build>
+    List* Current(Snapshot<List>& snapshot, Hive* hive, std::uint32_t cell, Build build);
+    Snapshot<SubKeyList> enumSubKeys_;
+    Snapshot<SubValList> enumValues_;
 };
 
 // The name of the key whose nk cell is at cellOffset, when a Key can be built
-// there; read once and then taken from the hive's name cache.
+// there; and the hash of that name upper-cased.
 std::optional<WString> KeyNameAt(Hive* hive, std::uint32_t cellOffset);
+std::optional<std::uint64_t> KeyNameHashAt(Hive* hive, std::uint32_t cellOffset);
 
 // The nearest Key strictly above node, or null.
 Key* OwnerKey(const Node* node);
@@ -60,5 +85,10 @@ Key* OwnerKey(const Node* node);
 // A record's name as a wide string: one unit per byte when narrow, UTF-16 units
 // when wide (an odd last byte dropped), cut at the end of the record.
 WString RecordName(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField, bool narrow);
+// LookupHash of the same name upper-cased, and whether it equals upper, without building it.
+std::uint64_t RecordNameHash(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField,
+                             bool narrow);
+bool RecordNameMatches(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField, bool narrow,
+                       std::u16string_view upper);
 
 }  // namespace Tamvik

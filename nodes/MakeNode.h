@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "store/Hive.h"
 
@@ -17,13 +18,17 @@ enum class CellKind : std::uint32_t {
     SegmentList,
 };
 
+// The class MakeNode builds from a cell's image, or nothing.
+std::optional<NodeClass> ClassOfCell(const std::uint8_t* image, std::uint32_t size, std::uint32_t payload,
+                                     CellKind kind);
+
 // Reads the whole cell and builds the node of its class, or null. Never throws.
 std::unique_ptr<Node> MakeNode(const CellRef& ref, Hive* hive, Node* parent, CellKind kind);
 
 // Narrows an owned node to a class; a node of another class is destroyed and null given.
 template <class T>
 std::unique_ptr<T> NarrowNode(std::unique_ptr<Node> node) {
-    T* narrowed = dynamic_cast<T*>(node.get());
+    T* narrowed = NodeAs<T>(node.get());
     if (narrowed == nullptr) return nullptr;
     node.release();
     return std::unique_ptr<T>(narrowed);
@@ -36,5 +41,44 @@ std::unique_ptr<T> BuildNodeAt(Hive* hive, std::uint32_t cellOffset, Node* paren
     if (!ref.IsUsable()) return nullptr;
     return NarrowNode<T>(MakeNode(ref, hive, parent, kind));
 }
+
+// A node for one step of a call that writes nothing while it lives: it exists
+// exactly when BuildNodeAt would give a node. In a hive in memory it stands
+// over the cell's bytes in the image, without a copy or an allocation; on a
+// volume it is built by BuildNodeAt, with the same device calls. It must not
+// be written or saved.
+template <class T>
+class Transient {
+public:
+    Transient(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind) {
+        if (hive->Image() == nullptr) {
+            owned_ = BuildNodeAt<T>(hive, cellOffset, parent, kind);
+            node_ = owned_.get();
+            return;
+        }
+        const CellRef ref = hive->GetCell(cellOffset);
+        if (!ref.IsUsable()) return;
+        const std::uint32_t size = ref.Magnitude();
+        // Read only: the view's image is never written (see above).
+        auto* image = const_cast<std::uint8_t*>(hive->AreaBytes(ref.offset, size));
+        if (image == nullptr) return;
+        const std::uint32_t payload = PayloadOffset(hive->MinorVersion());
+        const std::optional<NodeClass> cls = ClassOfCell(image, size, payload, kind);
+        if (!cls || !T::Holds(*cls)) return;
+        view_.emplace(ref.offset, parent, image, size, payload);
+        node_ = &*view_;
+    }
+    Transient(const Transient&) = delete;
+    Transient& operator=(const Transient&) = delete;
+
+    T* get() const { return node_; }
+    T* operator->() const { return node_; }
+    explicit operator bool() const { return node_ != nullptr; }
+
+private:
+    std::unique_ptr<T> owned_;
+    std::optional<T> view_;
+    T* node_ = nullptr;
+};
 
 }  // namespace Tamvik

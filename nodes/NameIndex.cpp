@@ -1,30 +1,48 @@
 #include "nodes/NameIndex.h"
 
-#include <clocale>
-
 namespace Tamvik {
 
 void NameIndex::Refresh() {
-    const char* current = std::setlocale(LC_CTYPE, nullptr);
-    std::string name = current != nullptr ? current : "";
-    if (name != locale_) {
+    const std::uint64_t rules = CaseRules();
+    if (rules != rules_) {
         Clear();
-        locale_ = name;
+        rules_ = rules;
     }
 }
 
 void NameIndex::Clear() {
     scanned = 0;
     limit.reset();
-    first_.clear();
+    slots_.clear();
+    used_ = 0;
 }
 
-std::optional<std::uint32_t> NameIndex::Find(const WString& upper) const {
-    auto it = first_.find(upper);
-    if (it == first_.end()) return std::nullopt;
-    return it->second;
+std::optional<std::uint32_t> NameIndex::Find(std::uint64_t hash) const {
+    if (slots_.empty()) return std::nullopt;
+    for (std::size_t i = Home(hash);; i = (i + 1) & (slots_.size() - 1)) {
+        const Slot& slot = slots_[i];
+        if (slot.position == 0) return std::nullopt;
+        if (slot.hash == hash) return static_cast<std::uint32_t>(slot.position - 1);
+    }
 }
 
-void NameIndex::Add(const WString& upper, std::uint32_t position) { first_.emplace(upper, position); }
+void NameIndex::Add(std::uint64_t hash, std::uint32_t position) {
+    if (2 * (used_ + 1) > slots_.size()) {
+        std::vector<Slot> old = std::move(slots_);
+        slots_.assign(old.empty() ? 16 : 2 * old.size(), Slot{0, 0});
+        used_ = 0;
+        for (const Slot& slot : old)
+            if (slot.position != 0) Add(slot.hash, static_cast<std::uint32_t>(slot.position - 1));
+    }
+    for (std::size_t i = Home(hash);; i = (i + 1) & (slots_.size() - 1)) {
+        Slot& slot = slots_[i];
+        if (slot.position == 0) {
+            slot = Slot{hash, std::uint64_t{position} + 1};
+            ++used_;
+            return;
+        }
+        if (slot.hash == hash) return;  // the first position with the hash stays
+    }
+}
 
 }  // namespace Tamvik

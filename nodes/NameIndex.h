@@ -1,34 +1,60 @@
-// What a list's scans by name have learnt so far: the upper-case name of each
-// position read, so that a repeated lookup needs no build per position. It is
-// kept with the list node, whose image it describes, and dropped when the list
-// changes or the case rules (the locale) change.
+// What a list's scans by name have learnt so far: for each position read, a
+// hash of its upper-case name, so that a repeated lookup needs no build per
+// position. It is kept with the list node, whose image it describes, and
+// dropped when the list changes or the case rules (the locale) change. A hash
+// only points at a position; the name found there is always compared whole.
 #pragma once
 
 #include <cstdint>
 #include <optional>
-#include <string>
-#include <unordered_map>
+#include <vector>
 
 #include "store/Platform.h"
 
 namespace Tamvik {
 
+// FNV-1a over the UTF-16 units of an upper-case name.
+class LookupHash {
+public:
+    void Add(char16_t unit) {
+        value_ = (value_ ^ (unit & 0xFF)) * kPrime;
+        value_ = (value_ ^ (unit >> 8)) * kPrime;
+    }
+    std::uint64_t Value() const { return value_; }
+    static std::uint64_t Of(const char16_t* upper, std::size_t length) {
+        LookupHash hash;
+        for (std::size_t i = 0; i < length; ++i) hash.Add(upper[i]);
+        return hash.Value();
+    }
+
+private:
+    static constexpr std::uint64_t kPrime = 0x100000001B3ull;
+    std::uint64_t value_ = 0xCBF29CE484222325ull;
+};
+
 class NameIndex {
 public:
-    // Forgets everything when the locale that upper-cased the names has changed.
+    // Forgets everything when the case rules that upper-cased the names have changed.
     void Refresh();
     void Clear();
-    // First position of a name among those read, if any.
-    std::optional<std::uint32_t> Find(const WString& upper) const;
-    // Records the name of the next position read (positions come in order).
-    void Add(const WString& upper, std::uint32_t position);
+    // First position read whose name has this hash, if any.
+    std::optional<std::uint32_t> Find(std::uint64_t hash) const;
+    // Records the hash of the next position read (positions come in order).
+    void Add(std::uint64_t hash, std::uint32_t position);
 
     std::uint64_t scanned = 0;             // positions 0 .. scanned-1 have been read
     std::optional<std::uint64_t> limit;    // positions a scan can reach, once known
 
 private:
-    std::string locale_;
-    std::unordered_map<WString, std::uint32_t> first_;
+    struct Slot {
+        std::uint64_t hash;
+        std::uint64_t position;  // 0: empty; else the position + 1
+    };
+    std::size_t Home(std::uint64_t hash) const { return static_cast<std::size_t>(hash) & (slots_.size() - 1); }
+
+    std::uint64_t rules_ = 0;
+    std::vector<Slot> slots_;  // open addressing, a power of two in size, at most half full
+    std::size_t used_ = 0;
 };
 
 }  // namespace Tamvik

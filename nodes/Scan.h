@@ -1,14 +1,16 @@
 // The scan by name shared by subkey lists and value lists. It gives what a
 // scan from position 0 would give, building one node per position and keeping
 // the match, or else the last position's node, as the list's child. A hive in
-// memory reads names through nameAt and remembers them in the list's
-// NameIndex, so a later lookup builds only the node it returns; a hive on a
-// volume is scanned literally, so that its device sees each read the scan makes.
+// memory reads the hashes of names through hashAt and remembers them in the
+// list's NameIndex, so a later lookup builds only the node it returns; a hive
+// on a volume is scanned literally, so that its device sees each read the scan
+// makes.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string_view>
 
 #include "nodes/NameIndex.h"
 
@@ -18,12 +20,12 @@ namespace Tamvik {
 // match. beyond(i), asked when position i gave nothing, tells that no later
 // position can give a node either, so the scan ends as it would, without reads.
 template <class Child, class GetAt, class Beyond>
-Child* ScanLiterally(std::unique_ptr<Child>& child, std::uint64_t count, const WString& wanted, GetAt getAt,
+Child* ScanLiterally(std::unique_ptr<Child>& child, std::uint64_t count, std::u16string_view wanted, GetAt getAt,
                      Beyond beyond) {
     for (std::uint64_t i = 0; i < count; ++i) {
         child.reset();
         child = getAt(static_cast<std::uint32_t>(i));
-        if (child != nullptr && UpperCaseName(child->GetName()) == wanted) return child.get();
+        if (child != nullptr && child->NameMatches(wanted)) return child.get();
         if (child == nullptr && beyond(i)) return nullptr;
     }
     return nullptr;
@@ -31,32 +33,30 @@ Child* ScanLiterally(std::unique_ptr<Child>& child, std::uint64_t count, const W
 
 // child: the list's cached child, which a lookup checks before calling this.
 // count: entries the owner counts; limit: positions that can give a node.
-// nameAt(i): the name at position i when a node can be built there.
+// wanted: the upper-case name looked for.
+// hashAt(i): LookupHash of the upper-case name at position i, when a node can be built there.
 // getAt(i): a new node for position i, or null.
-template <class Child, class NameAt, class GetAt>
+template <class Child, class HashAt, class GetAt>
 Child* ScanByName(std::unique_ptr<Child>& child, NameIndex& index, std::uint64_t count, std::uint64_t limit,
-                  const WString& wanted, NameAt nameAt, GetAt getAt) {
-    bool matched = false;
-    std::uint32_t match = 0;
-    if (std::optional<std::uint32_t> known = index.Find(wanted); known && *known < limit) {
-        matched = true;
-        match = *known;
-    }
-    for (std::uint64_t i = index.scanned; !matched && i < limit; ++i) {
-        std::optional<WString> name = nameAt(static_cast<std::uint32_t>(i));
+                  std::u16string_view wanted, HashAt hashAt, GetAt getAt) {
+    const std::uint64_t wantedHash = LookupHash::Of(wanted.data(), wanted.size());
+    std::optional<std::uint32_t> match;
+    if (std::optional<std::uint32_t> known = index.Find(wantedHash); known && *known < limit) match = known;
+    for (std::uint64_t i = index.scanned; !match && i < limit; ++i) {
+        const std::optional<std::uint64_t> hash = hashAt(static_cast<std::uint32_t>(i));
         index.scanned = i + 1;
-        if (!name) continue;
-        WString upper = UpperCaseName(*name);
-        if (upper == wanted) {
-            matched = true;
-            match = static_cast<std::uint32_t>(i);
-        }
-        index.Add(std::move(upper), static_cast<std::uint32_t>(i));
+        if (!hash) continue;
+        index.Add(*hash, static_cast<std::uint32_t>(i));
+        if (*hash == wantedHash) match = static_cast<std::uint32_t>(i);
     }
     child.reset();
-    if (matched) {
-        child = getAt(match);
-        if (child != nullptr) return child.get();
+    if (match) {
+        child = getAt(*match);
+        if (child != nullptr) {
+            if (child->NameMatches(wanted)) return child.get();
+            // Another name with the same hash comes first: only the names themselves can tell.
+            return ScanLiterally(child, count, wanted, getAt, [&](std::uint64_t i) { return i >= limit; });
+        }
     }
     // No match: the list keeps what the last position gives, as a full scan leaves it.
     if (limit == count && limit > 0) child = getAt(static_cast<std::uint32_t>(limit - 1));

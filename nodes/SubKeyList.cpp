@@ -14,21 +14,12 @@ namespace {
 constexpr std::uint32_t kLeafEntry = 4;  // li and ri entries: one offset
 constexpr std::uint32_t kFastEntry = 8;  // lf and lh entries: offset and hint
 
-// Ends a list's scan on every way out, exceptions included.
-class ScanScope {
-public:
-    ScanScope(std::function<void()> end) : end_(std::move(end)) {}
-    ~ScanScope() { end_(); }
-
-private:
-    std::function<void()> end_;
-};
 }  // namespace
 
-SubKeyList::SubKeyList(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_,
+SubKeyList::SubKeyList(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_,
                        std::uint32_t bufferSize_, std::uint32_t payloadOffset)
-    : Node(offset_, parent_, std::move(buffer_), bufferSize_),
-      record(PayloadOf(buffer.get(), bufferSize_, payloadOffset)) {}
+    : Node(offset_, parent_, buffer_, bufferSize_),
+      record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 SubKeyList::~SubKeyList() = default;
 
@@ -41,31 +32,29 @@ std::uint32_t SubKeyList::EntriesHeld(std::uint32_t entrySize) const {
 }
 
 std::uint64_t SubKeyList::LeafLimit() const {
-    const std::uint32_t entrySize = dynamic_cast<const FastLeaf*>(this) != nullptr ? kFastEntry : kLeafEntry;
+    const std::uint32_t entrySize = NodeAs<FastLeaf>(this) != nullptr ? kFastEntry : kLeafEntry;
     return std::min(GetCount(), EntriesHeld(entrySize));
 }
 
 std::uint64_t SubKeyList::PositionLimit(Hive*) { return LeafLimit(); }
 
 Node* SubKeyList::FindChild(Hive* hive, const char16_t* name) {
-    Key* owner = dynamic_cast<Key*>(GetParent());
+    Key* owner = NodeAs<Key>(GetParent());
     if (owner == nullptr) return nullptr;
     const std::uint32_t count = owner->SubKeyCount();
     if (count == 0) return nullptr;
-    const WString wanted(name);
-    if (child != nullptr && UpperCaseName(child->GetName()) == wanted) return child.get();
+    const std::u16string_view wanted(name);
+    if (child != nullptr && child->NameMatches(wanted)) return child.get();
     if (hive->Image() == nullptr) {
         return ScanLiterally(child, count, wanted, [&](std::uint32_t i) { return GetAt(hive, i); },
                              [&](std::uint64_t i) { return NothingFrom(i); });
     }
-    BeginScan();
-    ScanScope scope([this] { EndScan(); });
     names.Refresh();
     if (!names.limit) names.limit = PositionLimit(hive);
     // Positions past the limit build nothing, so the scan ends as it would after them.
     const std::uint64_t limit = std::min<std::uint64_t>(count, *names.limit);
     return ScanByName(
-        child, names, count, limit, wanted, [&](std::uint32_t i) { return NameAt(hive, i); },
+        child, names, count, limit, wanted, [&](std::uint32_t i) { return NameHashAt(hive, i); },
         [&](std::uint32_t i) { return GetAt(hive, i); });
 }
 
@@ -75,6 +64,17 @@ std::optional<WString> SubKeyList::NameAt(Hive* hive, std::uint32_t index) {
     std::unique_ptr<Key> key = GetAt(hive, index);
     if (key == nullptr) return std::nullopt;
     return key->GetName();
+}
+
+std::optional<std::uint64_t> SubKeyList::NameHashAt(Hive* hive, std::uint32_t index) {
+    std::unique_ptr<Key> key = GetAt(hive, index);
+    if (key == nullptr) return std::nullopt;
+    return key->UpperNameHash();
+}
+
+std::optional<std::uint64_t> SubKeyList::LeafNameHashAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize) {
+    if (index >= GetCount() || index >= EntriesHeld(entrySize)) return std::nullopt;
+    return KeyNameHashAt(hive, record.U32(ListField::Entries + index * entrySize));
 }
 
 std::optional<WString> SubKeyList::LeafNameAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize) {
@@ -119,12 +119,18 @@ std::unique_ptr<Key> IndxLeaf::GetAt(Hive* hive, std::uint32_t index) { return L
 std::optional<WString> IndxLeaf::NameAt(Hive* hive, std::uint32_t index) {
     return LeafNameAt(hive, index, kLeafEntry);
 }
+std::optional<std::uint64_t> IndxLeaf::NameHashAt(Hive* hive, std::uint32_t index) {
+    return LeafNameHashAt(hive, index, kLeafEntry);
+}
 void IndxLeaf::RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) {
     LeafRemoveAt(hive, index, emptied, kLeafEntry);
 }
 std::unique_ptr<Key> FastLeaf::GetAt(Hive* hive, std::uint32_t index) { return LeafGetAt(hive, index, kFastEntry); }
 std::optional<WString> FastLeaf::NameAt(Hive* hive, std::uint32_t index) {
     return LeafNameAt(hive, index, kFastEntry);
+}
+std::optional<std::uint64_t> FastLeaf::NameHashAt(Hive* hive, std::uint32_t index) {
+    return LeafNameHashAt(hive, index, kFastEntry);
 }
 void FastLeaf::RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) {
     LeafRemoveAt(hive, index, emptied, kFastEntry);
@@ -135,38 +141,59 @@ std::unique_ptr<SubKeyList> Indirect::BuildLeaf(Hive* hive, std::uint32_t entry)
     std::uint32_t cell = record.U32(ListField::Entries + entry * kLeafEntry);
     std::unique_ptr<SubKeyList> leaf = BuildNodeAt<SubKeyList>(hive, cell, OwnerKey(this), CellKind::BySignature);
     // An ri inside an ri would break the position arithmetic, and could reach itself.
-    if (dynamic_cast<Indirect*>(leaf.get()) != nullptr) return nullptr;
+    if (NodeAs<Indirect>(leaf.get()) != nullptr) return nullptr;
     return leaf;
 }
 
-void Indirect::BeginScan() {
-    scanning = true;
-    scanLoaded = false;
-    scanLeaves.clear();
-}
-
-void Indirect::EndScan() {
-    scanning = false;
-    scanLoaded = false;
-    scanLeaves.clear();
-}
-
-void Indirect::LoadScanLeaves(Hive* hive) {
-    if (scanLoaded) return;
-    scanLoaded = true;
+const std::vector<std::unique_ptr<SubKeyList>>* Indirect::KeptLeaves(Hive* hive) {
+    if (hive->Image() == nullptr) return nullptr;
+    if (leavesKept_ && leavesGeneration_ == hive->Generation()) return &leaves_;
+    leaves_.clear();
     const std::uint32_t count = GetCount();
     for (std::uint32_t j = 0; j < count; ++j) {
         std::unique_ptr<SubKeyList> leaf = BuildLeaf(hive, j);
         if (leaf == nullptr) break;  // the walk of GetAt ends at a leaf that can't be built
-        scanLeaves.push_back(std::move(leaf));
+        leaves_.push_back(std::move(leaf));
     }
+    leavesKept_ = true;
+    leavesGeneration_ = hive->Generation();
+    return &leaves_;
+}
+
+template <class AtLeaf>
+auto Indirect::WalkTo(Hive* hive, std::uint32_t index, AtLeaf atLeaf) -> decltype(atLeaf(nullptr, 0u)) {
+    lastWalkPassedAll = false;
+    const std::vector<std::unique_ptr<SubKeyList>>* kept = KeptLeaves(hive);
+    std::uint32_t remaining = index;
+    bool triedALeaf = false;  // some leaf was asked for the position
+    const std::uint32_t count = GetCount();
+    for (std::uint32_t j = 0; j < count; ++j) {
+        std::unique_ptr<SubKeyList> built;
+        SubKeyList* leaf = nullptr;
+        if (kept != nullptr) {
+            if (j < kept->size()) leaf = (*kept)[j].get();
+        } else {
+            built = BuildLeaf(hive, j);
+            leaf = built.get();
+        }
+        if (leaf == nullptr) break;
+        const std::uint32_t leafCount = leaf->GetCount();
+        if (remaining < leafCount) {
+            triedALeaf = true;
+            if (auto found = atLeaf(leaf, remaining)) return found;
+            continue;  // a bad entry: the next leaf is tried with the same remaining position
+        }
+        remaining -= leafCount;
+    }
+    // A later position passes the same leaves the same way.
+    lastWalkPassedAll = !triedALeaf;
+    return {};
 }
 
 std::uint64_t Indirect::PositionLimit(Hive* hive) {
     std::uint64_t total = 0;
-    if (scanning) {
-        LoadScanLeaves(hive);
-        for (const auto& leaf : scanLeaves) total += leaf->GetCount();
+    if (const auto* kept = KeptLeaves(hive)) {
+        for (const auto& leaf : *kept) total += leaf->GetCount();
         return total;
     }
     const std::uint32_t count = GetCount();
@@ -179,48 +206,23 @@ std::uint64_t Indirect::PositionLimit(Hive* hive) {
 }
 
 std::unique_ptr<Key> Indirect::GetAt(Hive* hive, std::uint32_t index) {
-    lastWalkPassedAll = false;
-    std::uint32_t remaining = index;
-    const std::uint32_t count = GetCount();
-    bool triedALeaf = false;  // some leaf was asked for a key at the position
-    if (scanning) LoadScanLeaves(hive);
-    for (std::uint32_t j = 0; j < count; ++j) {
-        std::unique_ptr<SubKeyList> built;
-        SubKeyList* leaf = nullptr;
-        if (scanning) {
-            if (j >= scanLeaves.size()) {
-                lastWalkPassedAll = !triedALeaf;
-                return nullptr;
-            }
-            leaf = scanLeaves[j].get();
-        } else {
-            built = BuildLeaf(hive, j);
-            if (built == nullptr) {
-                lastWalkPassedAll = !triedALeaf;
-                return nullptr;
-            }
-            leaf = built.get();
-        }
-        const std::uint32_t leafCount = leaf->GetCount();
-        if (remaining < leafCount) {
-            triedALeaf = true;
-            std::unique_ptr<Key> key = leaf->GetAt(hive, remaining);
-            if (key != nullptr) {
-                key->index = index;
-                return key;
-            }
-            continue;  // a bad entry: the next leaf is tried with the same remaining position
-        }
-        remaining -= leafCount;
-    }
-    // A later position passes the same leaves the same way.
-    lastWalkPassedAll = !triedALeaf;
-    return nullptr;
+    std::unique_ptr<Key> key = WalkTo(hive, index, [&](SubKeyList* leaf, std::uint32_t at) { return leaf->GetAt(hive, at); });
+    if (key != nullptr) key->index = index;
+    return key;
+}
+
+std::optional<WString> Indirect::NameAt(Hive* hive, std::uint32_t index) {
+    return WalkTo(hive, index, [&](SubKeyList* leaf, std::uint32_t at) { return leaf->NameAt(hive, at); });
+}
+
+std::optional<std::uint64_t> Indirect::NameHashAt(Hive* hive, std::uint32_t index) {
+    return WalkTo(hive, index, [&](SubKeyList* leaf, std::uint32_t at) { return leaf->NameHashAt(hive, at); });
 }
 
 void Indirect::RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) {
     if (emptied != nullptr) *emptied = false;
     names.Clear();
+    leavesKept_ = false;
     std::uint32_t remaining = index;
     const std::uint32_t count = GetCount();
     for (std::uint32_t j = 0; j < count; ++j) {

@@ -16,7 +16,11 @@ namespace Tamvik {
 
 class SubKeyList : public Node {
 public:
-    SubKeyList(std::uint32_t offset, Node* parent, std::unique_ptr<std::uint8_t[]> buffer, std::uint32_t bufferSize,
+    static bool Holds(NodeClass c) {
+        return c == NodeClass::Indirect || c == NodeClass::IndexLeaf || c == NodeClass::FastLeaf ||
+               c == NodeClass::HashLeaf;
+    }
+    SubKeyList(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize,
                std::uint32_t payloadOffset);
     ~SubKeyList() override;
 
@@ -30,8 +34,10 @@ public:
     virtual void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) = 0;
     // Count of the record: keys in a leaf, leaves in an ri.
     virtual std::uint32_t GetCount() const;
-    // The name GetAt's key would have, or nothing when GetAt gives null.
+    // The name GetAt's key would have, or nothing when GetAt gives null; and
+    // the LookupHash of that name upper-cased.
     virtual std::optional<WString> NameAt(Hive* hive, std::uint32_t index);
+    virtual std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index);
 
     std::uint16_t Signature() const { return record.U16(ListField::Signature); }
 
@@ -45,13 +51,11 @@ protected:
     virtual std::uint64_t PositionLimit(Hive* hive);
     // Asked when GetAt(position) gave null: whether every later position gives null too.
     virtual bool NothingFrom(std::uint64_t position) const;
-    // A scan may keep what it reads for its own duration: the file doesn't change meanwhile.
-    virtual void BeginScan() {}
-    virtual void EndScan() {}
     // Shared by the leaves, which differ only in their entry size.
     std::unique_ptr<Key> LeafGetAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize);
     void LeafRemoveAt(Hive* hive, std::uint32_t index, bool* emptied, std::uint32_t entrySize);
     std::optional<WString> LeafNameAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize);
+    std::optional<std::uint64_t> LeafNameHashAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize);
     // Positions of a leaf that can give a key: Count, cut to what the record holds.
     std::uint64_t LeafLimit() const;
     // Entries that the record can hold, whatever Count says.
@@ -61,49 +65,66 @@ protected:
 // An ri: a list of leaves. Positions run over the keys of all leaves in order.
 class Indirect : public SubKeyList {
 public:
+    NodeClass Class() const override { return NodeClass::Indirect; }
+    static bool Holds(NodeClass c) { return c == NodeClass::Indirect; }
     using SubKeyList::SubKeyList;
     std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
+    std::optional<WString> NameAt(Hive* hive, std::uint32_t index) override;
+    std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index) override;
     void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) override;
 
 protected:
     std::uint64_t PositionLimit(Hive* hive) override;
     bool NothingFrom(std::uint64_t) const override { return lastWalkPassedAll; }
-    void BeginScan() override;
-    void EndScan() override;
 
 private:
     // The leaf of entry j, built from the file, or null. A nested ri is refused.
     std::unique_ptr<SubKeyList> BuildLeaf(Hive* hive, std::uint32_t entry);
-    // During a scan: the leaves read once, up to the first that can't be built.
-    bool scanning = false;
-    // The last GetAt passed every leaf it could build without reaching its position.
+    // In a hive in memory: the leaves up to the first that can't be built, read
+    // once and kept while the hive takes no write. Null on a volume, where each
+    // walk reads them anew.
+    const std::vector<std::unique_ptr<SubKeyList>>* KeptLeaves(Hive* hive);
+    // The walk of GetAt: from the first leaf to the one that holds the
+    // position, asking atLeaf(leaf, position in the leaf) there.
+    template <class AtLeaf>
+    auto WalkTo(Hive* hive, std::uint32_t index, AtLeaf atLeaf) -> decltype(atLeaf(nullptr, 0u));
+
+    std::vector<std::unique_ptr<SubKeyList>> leaves_;
+    bool leavesKept_ = false;
+    std::uint64_t leavesGeneration_ = 0;
+    // The last walk passed every leaf it could build without reaching its position.
     bool lastWalkPassedAll = false;
-    bool scanLoaded = false;
-    std::vector<std::unique_ptr<SubKeyList>> scanLeaves;
-    void LoadScanLeaves(Hive* hive);
 };
 
 // An li: key offsets only.
 class IndxLeaf : public SubKeyList {
 public:
+    NodeClass Class() const override { return NodeClass::IndexLeaf; }
+    static bool Holds(NodeClass c) { return c == NodeClass::IndexLeaf; }
     using SubKeyList::SubKeyList;
     std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
     std::optional<WString> NameAt(Hive* hive, std::uint32_t index) override;
+    std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index) override;
     void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) override;
 };
 
 // An lf: key offsets with the first four name bytes beside each.
 class FastLeaf : public SubKeyList {
 public:
+    NodeClass Class() const override { return NodeClass::FastLeaf; }
+    static bool Holds(NodeClass c) { return c == NodeClass::FastLeaf || c == NodeClass::HashLeaf; }
     using SubKeyList::SubKeyList;
     std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
     std::optional<WString> NameAt(Hive* hive, std::uint32_t index) override;
+    std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index) override;
     void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) override;
 };
 
 // An lh: as an lf, with a name hash beside each key.
 class HashLeaf : public FastLeaf {
 public:
+    NodeClass Class() const override { return NodeClass::HashLeaf; }
+    static bool Holds(NodeClass c) { return c == NodeClass::HashLeaf; }
     using FastLeaf::FastLeaf;
 };
 

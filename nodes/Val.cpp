@@ -15,14 +15,21 @@ bool IsBigDataLength(std::uint32_t minorVersion, std::uint32_t dataLength) {
     return minorVersion >= 4 && dataLength >= kSegmentSize + 1 && dataLength <= 0x7FFFFFFF;
 }
 
-Val::Val(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_, std::uint32_t bufferSize_,
+Val::Val(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_, std::uint32_t bufferSize_,
          std::uint32_t payloadOffset)
-    : Node(offset_, parent_, std::move(buffer_), bufferSize_),
-      record(PayloadOf(buffer.get(), bufferSize_, payloadOffset)) {}
+    : Node(offset_, parent_, buffer_, bufferSize_),
+      record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
-WString Val::GetName() const {
-    bool narrow = (record.U16(VkField::Flags) & VkField::NarrowNameFlag) != 0;
-    return RecordName(record, VkField::NameLength, VkField::Name, narrow);
+bool Val::NarrowName() const { return (record.U16(VkField::Flags) & VkField::NarrowNameFlag) != 0; }
+
+WString Val::GetName() const { return RecordName(record, VkField::NameLength, VkField::Name, NarrowName()); }
+
+bool Val::NameMatches(std::u16string_view upper) const {
+    return RecordNameMatches(record, VkField::NameLength, VkField::Name, NarrowName(), upper);
+}
+
+std::uint64_t Val::UpperNameHash() const {
+    return RecordNameHash(record, VkField::NameLength, VkField::Name, NarrowName());
 }
 
 bool Val::ReadData(Hive* hive, std::uint8_t* target, std::uint32_t capacity) {
@@ -36,30 +43,30 @@ bool Val::ReadData(Hive* hive, std::uint8_t* target, std::uint32_t capacity) {
         if (copied != 0) std::memcpy(target, record.Data() + VkField::DataCell, copied);
         return true;
     }
-    CellRef cell = hive->GetCell(DataCell());
-    if (!cell.IsUsable()) return false;
-    CellKind kind = IsBigDataLength(hive->MinorVersion(), length) ? CellKind::BigDataRecord : CellKind::PlainData;
-    std::unique_ptr<Data> data = NarrowNode<Data>(MakeNode(cell, hive, this, kind));
-    if (data == nullptr) return false;
-    return data->Read(hive, target, length);
+    if (IsBigDataLength(hive->MinorVersion(), length)) {
+        const Transient<BigData> data(hive, DataCell(), this, CellKind::BigDataRecord);
+        return data && data->Read(hive, target, length);
+    }
+    const Transient<MidData> data(hive, DataCell(), this, CellKind::PlainData);
+    return data && data->Read(hive, target, length);
 }
 
-SubValList::SubValList(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_,
+SubValList::SubValList(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_,
                        std::uint32_t bufferSize_, std::uint32_t payloadOffset)
-    : Node(offset_, parent_, std::move(buffer_), bufferSize_),
-      record(PayloadOf(buffer.get(), bufferSize_, payloadOffset)) {}
+    : Node(offset_, parent_, buffer_, bufferSize_),
+      record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 SubValList::~SubValList() = default;
 
 WString SubValList::GetName() const { return u"SubValList"; }
 
 Node* SubValList::FindChild(Hive* hive, const char16_t* name) {
-    Key* owner = dynamic_cast<Key*>(GetParent());
+    Key* owner = NodeAs<Key>(GetParent());
     if (owner == nullptr) return nullptr;
     const std::uint32_t count = owner->ValueCount();
     if (count == 0) return nullptr;
-    const WString wanted(name);
-    if (child != nullptr && UpperCaseName(child->GetName()) == wanted) return child.get();
+    const std::u16string_view wanted(name);
+    if (child != nullptr && child->NameMatches(wanted)) return child.get();
     // Entries past the cell build nothing, so the scan ends as it would after them.
     const std::uint32_t limit = std::min(count, EntriesHeld());
     if (hive->Image() == nullptr) {
@@ -67,17 +74,23 @@ Node* SubValList::FindChild(Hive* hive, const char16_t* name) {
                              [&](std::uint64_t i) { return i >= limit; });
     }
     names.Refresh();
-    auto nameAt = [&](std::uint32_t i) -> std::optional<WString> {
-        std::unique_ptr<Val> value = GetAt(hive, i);
-        if (value == nullptr) return std::nullopt;
-        return value->GetName();
-    };
-    return ScanByName(child, names, count, limit, wanted, nameAt, [&](std::uint32_t i) { return GetAt(hive, i); });
+    return ScanByName(
+        child, names, count, limit, wanted, [&](std::uint32_t i) { return NameHashAt(hive, i); },
+        [&](std::uint32_t i) { return GetAt(hive, i); });
+}
+
+std::optional<std::uint64_t> SubValList::NameHashAt(Hive* hive, std::uint32_t index) {
+    const std::optional<std::uint32_t> cell = EntryAt(index);
+    if (!cell) return std::nullopt;
+    const Transient<Val> value(hive, *cell, this, CellKind::BySignature);
+    if (!value) return std::nullopt;
+    return value->UpperNameHash();
 }
 
 std::unique_ptr<Val> SubValList::GetAt(Hive* hive, std::uint32_t index) {
-    if (index >= EntriesHeld()) return nullptr;
-    std::unique_ptr<Val> value = BuildNodeAt<Val>(hive, record.U32(index * 4), this, CellKind::BySignature);
+    const std::optional<std::uint32_t> cell = EntryAt(index);
+    if (!cell) return nullptr;
+    std::unique_ptr<Val> value = BuildNodeAt<Val>(hive, *cell, this, CellKind::BySignature);
     if (value != nullptr) value->index = index;
     return value;
 }

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "nodes/NameIndex.h"
 #include "store/Format.h"
@@ -14,10 +15,15 @@ namespace Tamvik {
 
 class Val : public Node {
 public:
-    Val(std::uint32_t offset, Node* parent, std::unique_ptr<std::uint8_t[]> buffer, std::uint32_t bufferSize,
+    NodeClass Class() const override { return NodeClass::Value; }
+    static bool Holds(NodeClass c) { return c == NodeClass::Value; }
+    Val(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize,
         std::uint32_t payloadOffset);
 
     WString GetName() const override;
+    bool NameMatches(std::u16string_view upper) const override;
+    // LookupHash of the upper-case name.
+    std::uint64_t UpperNameHash() const;
     // Copies the whole data to target; false when it doesn't fit in capacity or can't be read.
     bool ReadData(Hive* hive, std::uint8_t* target, std::uint32_t capacity);
 
@@ -30,11 +36,16 @@ public:
 
     std::uint32_t index = kNoCell;
     RecordRef record;
+
+private:
+    bool NarrowName() const;
 };
 
 class SubValList : public Node {
 public:
-    SubValList(std::uint32_t offset, Node* parent, std::unique_ptr<std::uint8_t[]> buffer, std::uint32_t bufferSize,
+    NodeClass Class() const override { return NodeClass::ValueList; }
+    static bool Holds(NodeClass c) { return c == NodeClass::ValueList; }
+    SubValList(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize,
                std::uint32_t payloadOffset);
     ~SubValList() override;
 
@@ -43,6 +54,13 @@ public:
     Node* FindChild(Hive* hive, const char16_t* name) override;
     // A new value at a position, or null; positions past the cell give null.
     std::unique_ptr<Val> GetAt(Hive* hive, std::uint32_t index);
+    // The vk offset at a position, or nothing past the cell.
+    std::optional<std::uint32_t> EntryAt(std::uint32_t index) const {
+        if (index >= EntriesHeld()) return std::nullopt;
+        return record.U32(index * 4);
+    }
+    // LookupHash of the upper-case name GetAt's value would have, or nothing when GetAt gives null.
+    std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index);
     // Entries that the cell can hold.
     std::uint32_t EntriesHeld() const { return record.Size() / 4; }
 

@@ -98,9 +98,18 @@ const CodePage936& Table() {
 bool IsHighSurrogate(char16_t u) { return u >= 0xD800 && u <= 0xDBFF; }
 bool IsLowSurrogate(char16_t u) { return u >= 0xDC00 && u <= 0xDFFF; }
 
+// ASCII stands for itself in code page 936, so text of ASCII alone never
+// needs the tables, which take a while to read from iconv.
+constexpr unsigned kAsciiEnd = 0x80;
+
 // Decodes one character at text[i] (of length bytes); gives the bytes used, 0 if invalid.
-std::size_t DecodeNarrow(const CodePage936& cp, const char* text, std::size_t length, std::size_t i, char16_t* out) {
+std::size_t DecodeNarrow(const char* text, std::size_t length, std::size_t i, char16_t* out) {
     std::uint8_t b = static_cast<std::uint8_t>(text[i]);
+    if (b < kAsciiEnd) {
+        *out = b;
+        return 1;
+    }
+    const CodePage936& cp = Table();
     if (cp.single[b] != kNoChar) {
         *out = cp.single[b];
         return 1;
@@ -116,15 +125,20 @@ std::size_t DecodeNarrow(const CodePage936& cp, const char* text, std::size_t le
 }
 
 // One wide character at text[i]: its units used and its code page bytes (0 bytes if none).
-std::size_t EncodeWide(const CodePage936& cp, const char16_t* text, std::size_t length, std::size_t i,
-                       char bytes[2], std::size_t* byteCount) {
+std::size_t EncodeWide(const char16_t* text, std::size_t length, std::size_t i, char bytes[2],
+                       std::size_t* byteCount) {
     char16_t u = text[i];
+    if (u < kAsciiEnd) {
+        bytes[0] = static_cast<char>(u);
+        *byteCount = 1;
+        return 1;
+    }
     if (IsHighSurrogate(u) && i + 1 < length && IsLowSurrogate(text[i + 1])) {
         *byteCount = 0;  // beyond the basic plane: no code page 936 form
         return 2;
     }
-    std::size_t n = cp.encodedLength[u];
-    if (u == 0) n = 1;
+    const CodePage936& cp = Table();
+    const std::size_t n = cp.encodedLength[u];
     *byteCount = n;
     if (n == 1) bytes[0] = static_cast<char>(cp.encoded[u]);
     if (n == 2) {
@@ -149,13 +163,12 @@ std::size_t BoundedLength(const char* text, std::size_t limit) {
 }  // namespace
 
 long NarrowToWide(char16_t* dst, const char* src, std::size_t limit) {
-    const CodePage936& cp = Table();
     const std::size_t length = std::strlen(src);
     std::size_t written = 0;
     for (std::size_t i = 0; i < length;) {
         if (dst != nullptr && written >= limit) return static_cast<long>(written);
         char16_t c;
-        std::size_t used = DecodeNarrow(cp, src, length, i, &c);
+        std::size_t used = DecodeNarrow(src, length, i, &c);
         if (used == 0) return -1;
         if (dst != nullptr) dst[written] = c;
         ++written;
@@ -166,13 +179,12 @@ long NarrowToWide(char16_t* dst, const char* src, std::size_t limit) {
 }
 
 long WideToNarrow(char* dst, const char16_t* src, std::size_t limit) {
-    const CodePage936& cp = Table();
     const std::size_t length = WideLength(src);
     std::size_t written = 0;
     for (std::size_t i = 0; i < length;) {
         char bytes[2];
         std::size_t count = 0;
-        std::size_t used = EncodeWide(cp, src, length, i, bytes, &count);
+        std::size_t used = EncodeWide(src, length, i, bytes, &count);
         if (count == 0) return -1;
         if (dst != nullptr) {
             if (written + count > limit) return static_cast<long>(written);
@@ -204,14 +216,13 @@ std::optional<std::string> NarrowArgument(const char16_t* text) {
 }
 
 std::string NarrowLossy(const char16_t* text, std::size_t length) {
-    const CodePage936& cp = Table();
     length = BoundedLength(text, length);
     std::string out;
     out.reserve(length);
     for (std::size_t i = 0; i < length;) {
         char bytes[2];
         std::size_t count = 0;
-        i += EncodeWide(cp, text, length, i, bytes, &count);
+        i += EncodeWide(text, length, i, bytes, &count);
         if (count == 0) out += '?';
         else out.append(bytes, count);
     }
@@ -219,13 +230,12 @@ std::string NarrowLossy(const char16_t* text, std::size_t length) {
 }
 
 std::string NarrowLossyFit(const WString& text, std::uint64_t maxBytes) {
-    const CodePage936& cp = Table();
     const std::size_t length = BoundedLength(text.data(), text.size());
     std::string out;
     for (std::size_t i = 0; i < length;) {
         char bytes[2];
         std::size_t count = 0;
-        std::size_t used = EncodeWide(cp, text.data(), length, i, bytes, &count);
+        std::size_t used = EncodeWide(text.data(), length, i, bytes, &count);
         if (count == 0) {
             bytes[0] = '?';
             count = 1;
@@ -238,13 +248,12 @@ std::string NarrowLossyFit(const WString& text, std::uint64_t maxBytes) {
 }
 
 std::optional<WString> WidenBounded(const char* text, std::size_t length) {
-    const CodePage936& cp = Table();
     length = BoundedLength(text, length);
     WString out;
     out.reserve(length);
     for (std::size_t i = 0; i < length;) {
         char16_t c;
-        std::size_t used = DecodeNarrow(cp, text, length, i, &c);
+        std::size_t used = DecodeNarrow(text, length, i, &c);
         if (used == 0) return std::nullopt;
         out += c;
         i += used;

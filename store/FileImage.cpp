@@ -23,25 +23,23 @@ std::unique_ptr<FileImage> FileImage::Open(const std::string& path, bool readOnl
     const int fd = ::open(path.c_str(), (readOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC);
     if (fd < 0) return nullptr;
     struct stat info {};
-    std::vector<std::uint8_t> bytes;
-    try {
-        // A directory opens for reading and reads nothing, as a stream does.
-        if (fstat(fd, &info) != 0) throw std::bad_alloc();
-        if (!S_ISDIR(info.st_mode)) bytes.resize(static_cast<std::size_t>(std::max<off_t>(info.st_size, 0)));
-    } catch (const std::bad_alloc&) {
+    std::unique_ptr<FileImage> image(new (std::nothrow) FileImage(fd, readOnly));
+    if (image == nullptr) {
         ::close(fd);
         return nullptr;
     }
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::pread(fd, bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
+    // A directory opens for reading and reads nothing, as a stream does.
+    if (fstat(fd, &info) != 0) return nullptr;
+    const std::uint64_t size = S_ISDIR(info.st_mode) ? 0 : static_cast<std::uint64_t>(std::max<off_t>(info.st_size, 0));
+    if (!image->bytes_.Resize(size)) return nullptr;
+    std::uint64_t done = 0;
+    while (done < size) {
+        const ssize_t n = ::pread(fd, image->bytes_.Data() + done, size - done, static_cast<off_t>(done));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
-        done += static_cast<std::size_t>(n);
+        done += static_cast<std::uint64_t>(n);
     }
-    bytes.resize(done);  // a file that shrank meanwhile holds what was read
-    std::unique_ptr<FileImage> image(new (std::nothrow) FileImage(fd, readOnly, std::move(bytes)));
-    if (image == nullptr) ::close(fd);
+    image->bytes_.Resize(done);  // a file that shrank meanwhile holds what was read
     return image;
 }
 
@@ -54,36 +52,39 @@ bool FileImage::Write(std::uint64_t position, const void* source, std::uint64_t 
     if (readOnly_ || position > kMaxPosition || length > kMaxPosition - position) return false;
     if (length == 0) return true;
     const std::uint64_t end = position + length;
-    if (end <= bytes_.size() && std::memcmp(bytes_.data() + position, source, length) == 0) return true;
+    if (end <= bytes_.Size() && std::memcmp(bytes_.Data() + position, source, length) == 0) return true;
     try {
-        if (end > bytes_.size()) bytes_.resize(end);
         dirty_.emplace_back(position, end);
     } catch (const std::bad_alloc&) {
         return false;
     }
-    std::memcpy(bytes_.data() + position, source, length);
+    if (end > bytes_.Size() && !bytes_.Resize(end)) {
+        dirty_.pop_back();
+        return false;
+    }
+    std::memcpy(bytes_.Data() + position, source, length);
     return true;
 }
 
 bool FileImage::WriteThrough(std::uint64_t position, const void* source, std::uint64_t length) {
     if (readOnly_ || position > kMaxPosition || length > kMaxPosition - position) return false;
-    const std::uint64_t oldSize = bytes_.size(), end = position + length;
+    const std::uint64_t oldSize = bytes_.Size(), end = position + length;
     std::vector<std::uint8_t> old;
     try {
-        if (position < oldSize) old.assign(bytes_.begin() + position, bytes_.begin() + std::min(end, oldSize));
-        if (end > oldSize) bytes_.resize(end);
+        if (position < oldSize) old.assign(bytes_.Data() + position, bytes_.Data() + std::min(end, oldSize));
     } catch (const std::bad_alloc&) {
         return false;
     }
-    std::memcpy(bytes_.data() + position, source, length);
+    if (end > oldSize && !bytes_.Resize(end)) return false;
+    std::memcpy(bytes_.Data() + position, source, length);
     if (WriteOut(position, length)) return true;
     // The file took none or part of it: everything goes back to what it held.
-    std::copy(old.begin(), old.end(), bytes_.begin() + position);
+    std::copy(old.begin(), old.end(), bytes_.Data() + position);
     if (end > oldSize) {
         if (::ftruncate(fd_, static_cast<off_t>(oldSize)) != 0) {
             // The file keeps what it took; the image can only forget it too.
         }
-        bytes_.resize(oldSize);
+        bytes_.Resize(oldSize);
     }
     return false;
 }
@@ -91,7 +92,7 @@ bool FileImage::WriteThrough(std::uint64_t position, const void* source, std::ui
 bool FileImage::WriteOut(std::uint64_t position, std::uint64_t length) {
     std::uint64_t done = 0;
     while (done < length) {
-        const ssize_t n = ::pwrite(fd_, bytes_.data() + position + done, length - done,
+        const ssize_t n = ::pwrite(fd_, bytes_.Data() + position + done, length - done,
                                    static_cast<off_t>(position + done));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
@@ -103,15 +104,15 @@ bool FileImage::WriteOut(std::uint64_t position, std::uint64_t length) {
 void FileImage::ReadBack(std::uint64_t position, std::uint64_t length) {
     std::uint64_t done = 0;
     while (done < length) {
-        const ssize_t n = ::pread(fd_, bytes_.data() + position + done, length - done,
+        const ssize_t n = ::pread(fd_, bytes_.Data() + position + done, length - done,
                                   static_cast<off_t>(position + done));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         done += static_cast<std::uint64_t>(n);
     }
     // Bytes the file doesn't hold aren't there to read.
-    if (done < length && position + done < bytes_.size() && position + length >= bytes_.size())
-        bytes_.resize(position + done);
+    if (done < length && position + done < bytes_.Size() && position + length >= bytes_.Size())
+        bytes_.Resize(position + done);
 }
 
 void FileImage::Flush() {
@@ -126,7 +127,7 @@ void FileImage::Flush() {
     }
     dirty_.clear();
     for (const auto& [begin, end] : runs) {
-        const std::uint64_t last = std::min<std::uint64_t>(end, bytes_.size());
+        const std::uint64_t last = std::min<std::uint64_t>(end, bytes_.Size());
         if (begin < last && !WriteOut(begin, last - begin)) ReadBack(begin, last - begin);
     }
 }

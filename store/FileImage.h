@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "store/PageBuffer.h"
+
 namespace Tamvik {
 
 class FileImage {
@@ -22,10 +24,10 @@ public:
     FileImage& operator=(const FileImage&) = delete;
 
     bool ReadOnly() const { return readOnly_; }
-    std::uint64_t Size() const { return bytes_.size(); }
+    std::uint64_t Size() const { return bytes_.Size(); }
     // The length bytes at position, or null when the file doesn't hold them all.
     const std::uint8_t* At(std::uint64_t position, std::uint64_t length) const {
-        return position <= bytes_.size() && length <= bytes_.size() - position ? bytes_.data() + position : nullptr;
+        return position <= bytes_.Size() && length <= bytes_.Size() - position ? bytes_.Data() + position : nullptr;
     }
     // Changes the bytes, growing the file with zeros up to position when it
     // lies behind the end, and marks them for Flush. Bytes that already hold
@@ -41,14 +43,13 @@ public:
     void Sync();
 
 private:
-    FileImage(int fd, bool readOnly, std::vector<std::uint8_t> bytes)
-        : fd_(fd), readOnly_(readOnly), bytes_(std::move(bytes)) {}
+    FileImage(int fd, bool readOnly) : fd_(fd), readOnly_(readOnly) {}
     bool WriteOut(std::uint64_t position, std::uint64_t length);
     void ReadBack(std::uint64_t position, std::uint64_t length);
 
     int fd_;
     bool readOnly_;
-    std::vector<std::uint8_t> bytes_;
+    PageBuffer bytes_;
     std::vector<std::pair<std::uint64_t, std::uint64_t>> dirty_;  // [begin, end), in the order written
 };
 

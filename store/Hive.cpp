@@ -48,7 +48,10 @@ WString Hive::GetName() const { return fileName; }
 std::uint32_t Hive::MinorVersion() const { return LoadU32(baseBlock + BaseBlockField::MinorVersion); }
 std::uint32_t Hive::RootCell() const { return LoadU32(baseBlock + BaseBlockField::RootCell); }
 std::uint32_t Hive::BinsSize() const { return LoadU32(baseBlock + BaseBlockField::BinsSize); }
-void Hive::SetBinsSize(std::uint32_t size) { StoreU32(baseBlock + BaseBlockField::BinsSize, size); }
+void Hive::SetBinsSize(std::uint32_t size) {
+    StoreU32(baseBlock + BaseBlockField::BinsSize, size);
+    ++generation_;  // cells behind the old end can be had now
+}
 
 bool Hive::VerifyBaseBlock() const {
     return LoadU32(baseBlock + BaseBlockField::Signature) == kRegfSignature &&
@@ -82,15 +85,7 @@ bool Hive::ReadArea(std::uint32_t areaOffset, void* target, std::uint32_t size) 
 
 void Hive::Touched(std::uint32_t areaOffset, std::uint64_t size) {
     bins_->Touched(areaOffset, size);
-    if (keyNames_.empty()) return;
-    // Names of cells the write reaches into are no longer known.
-    const std::uint64_t end = static_cast<std::uint64_t>(areaOffset) + std::max<std::uint64_t>(size, 1);
-    auto it = keyNames_.upper_bound(areaOffset);
-    if (it != keyNames_.begin()) --it;
-    while (it != keyNames_.end() && it->first < end) {
-        if (static_cast<std::uint64_t>(it->first) + it->second.cellSize > areaOffset) it = keyNames_.erase(it);
-        else ++it;
-    }
+    ++generation_;
 }
 
 bool Hive::WriteArea(std::uint32_t areaOffset, const void* source, std::uint32_t size) {
@@ -117,24 +112,22 @@ void Hive::Sync() {
     if (image_ != nullptr) image_->Sync();
 }
 
-const WString* Hive::FindKeyName(std::uint32_t cellOffset) const {
-    auto it = keyNames_.find(cellOffset);
-    return it == keyNames_.end() ? nullptr : &it->second.name;
+const std::uint8_t* Hive::AreaBytes(std::uint32_t areaOffset, std::uint32_t size) const {
+    if (image_ == nullptr || areaOffset > kMaxAreaOffset) return nullptr;
+    return image_->At(areaOffset + std::uint64_t{kBaseBlockSize}, size);
 }
 
-void Hive::StoreKeyName(std::uint32_t cellOffset, std::uint32_t cellSize, const WString& name) {
-    if (image_ != nullptr) keyNames_[cellOffset] = KnownName{cellSize, name};
+bool Hive::Supplies(std::uint32_t areaOffset, std::uint32_t size) {
+    if (image_ != nullptr)
+        return areaOffset <= kMaxAreaOffset && image_->At(areaOffset + std::uint64_t{kBaseBlockSize}, size) != nullptr;
+    if (size <= kProbeThreshold) return true;
+    const std::uint64_t last = static_cast<std::uint64_t>(areaOffset) + size - 1;
+    std::uint8_t probe = 0;
+    return last <= kMaxAreaOffset && ReadArea(static_cast<std::uint32_t>(last), &probe, 1);
 }
 
 std::unique_ptr<std::uint8_t[]> Hive::ReadAreaBlock(std::uint32_t areaOffset, std::uint32_t size) {
-    if (image_ != nullptr) {
-        if (areaOffset > kMaxAreaOffset || image_->At(areaOffset + std::uint64_t{kBaseBlockSize}, size) == nullptr)
-            return nullptr;
-    } else if (size > kProbeThreshold) {
-        const std::uint64_t last = static_cast<std::uint64_t>(areaOffset) + size - 1;
-        std::uint8_t probe = 0;
-        if (last > kMaxAreaOffset || !ReadArea(static_cast<std::uint32_t>(last), &probe, 1)) return nullptr;
-    }
+    if (!Supplies(areaOffset, size)) return nullptr;
     // nothrow: a block that can't be had is a failed read, reported as null. It
     // isn't cleared first: the read fills it whole, or the block is dropped.
     std::unique_ptr<std::uint8_t[]> block(new (std::nothrow) std::uint8_t[size == 0 ? 1 : size]);
@@ -191,6 +184,7 @@ void Hive::WriteBaseBlock() {
     StoreU32(baseBlock + BaseBlockField::Checksum, BaseBlockChecksum(baseBlock));
     if (image_ != nullptr) {
         image_->Write(0, baseBlock, kBaseBlockSize);
+        ++generation_;
     } else if (SeekPosition(0)) {
         WriteElement(baseBlock, kBaseBlockSize);
     }

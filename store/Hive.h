@@ -6,7 +6,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <vector>
 
@@ -53,6 +52,8 @@ struct BinRef {
 
 class Hive : public Node {
 public:
+    NodeClass Class() const override { return NodeClass::Hive; }
+    static bool Holds(NodeClass c) { return c == NodeClass::Hive; }
     // A hive in a file, read into memory.
     Hive(const WString& fileName, std::unique_ptr<FileImage> image);
     // A hive on a volume, reached through the storage operations.
@@ -81,8 +82,12 @@ public:
     // would pass 32 bits fail.
     bool ReadArea(std::uint32_t areaOffset, void* target, std::uint32_t size);
     bool WriteArea(std::uint32_t areaOffset, const void* source, std::uint32_t size);
-    // Reads size bytes into a new array; a length that the storage can't
-    // supply is found out before a large array is allocated.
+    // Whether the storage can supply size bytes at areaOffset, found out
+    // before memory for them is had: on a volume a large read is first probed
+    // at its last byte, so that a damaged size can't make us allocate far more
+    // than the storage holds.
+    bool Supplies(std::uint32_t areaOffset, std::uint32_t size);
+    // Reads size bytes into a new array, after Supplies.
     std::unique_ptr<std::uint8_t[]> ReadAreaBlock(std::uint32_t areaOffset, std::uint32_t size);
     // A new bin behind the last, in the file at once: false when the storage refuses it.
     bool WriteNewBin(std::uint32_t areaOffset, const std::uint8_t* image, std::uint32_t size);
@@ -92,6 +97,13 @@ public:
     // read and write its device would see without them.
     FileImage* Image() const { return image_.get(); }
     BinIndex* Bins() const { return bins_.get(); }
+    // The bytes of the bins area at an offset, in place, for a hive in memory;
+    // null on a volume or when the file doesn't hold them all. They stay as
+    // they are until the next write.
+    const std::uint8_t* AreaBytes(std::uint32_t areaOffset, std::uint32_t size) const;
+    // Counts the writes to a hive in memory: what was built from its bytes at
+    // one count is what would be built from them while the count stays.
+    std::uint64_t Generation() const { return generation_; }
     // Hands what this call changed to the file; makes it durable as well.
     void Flush();
     void Sync();
@@ -101,11 +113,6 @@ public:
     StorageOps storage;
     WString fileName;
     std::unique_ptr<Node> rootKey;
-
-    // Names of nk cells read so far (a hive in memory only), by cell offset;
-    // dropped by any write into the cell, so a name found here is what the file holds.
-    const WString* FindKeyName(std::uint32_t cellOffset) const;
-    void StoreKeyName(std::uint32_t cellOffset, std::uint32_t cellSize, const WString& name);
 
     // Keys made by the create functions: handed to callers, owned here, and
     // released with the hive so that a caller's handle stays good until the close.
@@ -120,11 +127,7 @@ private:
 
     std::unique_ptr<FileImage> image_;
     std::unique_ptr<BinIndex> bins_;
-    struct KnownName {
-        std::uint32_t cellSize;
-        WString name;
-    };
-    std::map<std::uint32_t, KnownName> keyNames_;
+    std::uint64_t generation_ = 0;
 };
 
 // Sum of the first 127 words of the base block, with 0 and 0xFFFFFFFF replaced.

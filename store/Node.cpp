@@ -8,15 +8,18 @@
 
 namespace Tamvik {
 
-Node::Node(std::uint32_t offset_, Node* parent_, std::unique_ptr<std::uint8_t[]> buffer_, std::uint32_t bufferSize_)
-    : offset(offset_), parent(parent_), buffer(std::move(buffer_)), bufferSize(bufferSize_) {}
+Node::Node(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_, std::uint32_t bufferSize_)
+    : offset(offset_), parent(parent_), root(parent_ != nullptr ? parent_->GetRoot() : this), buffer(buffer_),
+      bufferSize(bufferSize_) {}
 
 Node::~Node() = default;
 
 Node* Node::GetParent() const { return parent; }
-std::uint8_t* Node::GetBuffer() const { return buffer.get(); }
+std::uint8_t* Node::GetBuffer() const { return buffer; }
 std::uint32_t Node::GetOffset() const { return offset; }
 WString Node::GetName() const { return WString(); }
+
+bool Node::NameMatches(std::u16string_view upper) const { return UpperCaseName(GetName()) == upper; }
 
 WString Node::GetPath() const {
     std::vector<const Node*> chain;
@@ -29,11 +32,7 @@ WString Node::GetPath() const {
     return path;
 }
 
-Node* Node::GetRoot() {
-    Node* node = this;
-    while (node->GetParent() != nullptr) node = node->GetParent();
-    return node;
-}
+Node* Node::GetRoot() { return root; }
 
 Node* Node::FindChild(Hive*, const char16_t*) { return nullptr; }
 
@@ -44,7 +43,7 @@ void Node::Save(Hive* hive) {
     // A cell that has been released and given out again at another size is no
     // longer this image's cell: writing it would damage its new owner.
     if (cell.Magnitude() != bufferSize || buffer == nullptr) return;
-    hive->WriteArea(offset, buffer.get(), bufferSize);
+    hive->WriteArea(offset, buffer, bufferSize);
 }
 
 

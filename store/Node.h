@@ -1,9 +1,10 @@
 // Base of every in-memory mirror of a hive element: the hive itself, keys,
-// values, lists and data. A node holds a private image of its whole cell.
+// values, lists and data. A node holds a private image of its whole cell,
+// which the factory places in the same block of memory as the node.
 #pragma once
 
 #include <cstdint>
-#include <memory>
+#include <string_view>
 
 #include "store/Platform.h"
 
@@ -11,16 +12,41 @@ namespace Tamvik {
 
 class Hive;
 
+// The class of a node, for the tests that narrow a node to its class: the
+// entry points and lists make them at every step, and a run-time type test
+// would cost more than the step itself.
+enum class NodeClass : std::uint8_t {
+    Hive,
+    Key,
+    Value,
+    ValueList,
+    Security,
+    Indirect,
+    IndexLeaf,
+    FastLeaf,
+    HashLeaf,
+    PlainData,
+    BigData,
+    SegmentList,
+};
+
 class Node {
 public:
-    Node(std::uint32_t offset, Node* parent, std::unique_ptr<std::uint8_t[]> buffer, std::uint32_t bufferSize);
+    // buffer: the cell's image, bufferSize bytes, which must outlive the node.
+    Node(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize);
     Node(const Node&) = delete;
     Node& operator=(const Node&) = delete;
+    // A node and its image are one block of memory (see MakeNode), released as one.
+    static void operator delete(void* block) { ::operator delete(block); }
+
+    virtual NodeClass Class() const = 0;
 
     virtual Node* GetParent() const;
     virtual std::uint8_t* GetBuffer() const;
     virtual std::uint32_t GetOffset() const;
     virtual WString GetName() const;
+    // Whether UpperCaseName of GetName is upper, found without building either.
+    virtual bool NameMatches(std::u16string_view upper) const;
     virtual WString GetPath() const;
     virtual Node* GetRoot();
     virtual Node* FindChild(Hive* hive, const char16_t* name);
@@ -33,8 +59,19 @@ public:
 protected:
     std::uint32_t offset;
     Node* parent;  // not owned
-    std::unique_ptr<std::uint8_t[]> buffer;
+    Node* root;    // the top of the parent chain, fixed with it
+    std::uint8_t* buffer;  // not owned: it lives in the node's block
     std::uint32_t bufferSize;  // bytes in buffer; the bound of every access to the image
 };
+
+// The node as a T when its class is T or derives from it, else null.
+template <class T>
+T* NodeAs(Node* node) {
+    return node != nullptr && T::Holds(node->Class()) ? static_cast<T*>(node) : nullptr;
+}
+template <class T>
+const T* NodeAs(const Node* node) {
+    return node != nullptr && T::Holds(node->Class()) ? static_cast<const T*>(node) : nullptr;
+}
 
 }  // namespace Tamvik

@@ -2,6 +2,8 @@
 
 #include <strings.h>
 
+#include <atomic>
+#include <clocale>
 #include <ctime>
 #include <cwctype>
 
@@ -13,9 +15,33 @@ char16_t UpperUnit(char16_t unit) {
     return static_cast<char16_t>(std::towupper(static_cast<std::wint_t>(unit)));
 }
 
+std::uint64_t CaseRules() {
+    static std::atomic<std::uint64_t> next{1};
+    thread_local std::string seen;
+    thread_local std::uint64_t current = 0;
+    const char* name = std::setlocale(LC_CTYPE, nullptr);
+    if (name == nullptr) name = "";
+    if (current == 0 || seen != name) {
+        seen = name;
+        current = next++;
+    }
+    return current;
+}
+
+const CaseMap& CurrentCaseMap() {
+    thread_local CaseMap map;
+    const std::uint64_t rules = CaseRules();
+    if (map.rules_ != rules) {
+        for (char16_t unit = 0; unit < CaseMap::kAscii; ++unit) map.ascii_[unit] = UpperUnit(unit);
+        map.rules_ = rules;
+    }
+    return map;
+}
+
 WString UpperCaseName(const WString& name) {
+    const CaseMap& map = CurrentCaseMap();
     WString upper(name);
-    for (char16_t& unit : upper) unit = UpperUnit(unit);
+    for (char16_t& unit : upper) unit = map.Upper(unit);
     return upper;
 }
 

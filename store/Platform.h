@@ -15,6 +15,26 @@ std::int64_t Time64();
 // Case mapping of one UTF-16 unit under the process's current locale.
 char16_t UpperUnit(char16_t unit);
 
+// A number for the case rules in force: it changes when the process's
+// LC_CTYPE locale does, so that what was upper-cased under other rules is
+// known to be stale. Each thread watches the locale for itself.
+std::uint64_t CaseRules();
+
+// UpperUnit for the rules in force when it was had (see CurrentCaseMap), with
+// the answers for ASCII looked up once rather than asked of the locale at
+// every unit. For one operation: the locale doesn't change within it.
+class CaseMap {
+public:
+    char16_t Upper(char16_t unit) const { return unit < kAscii ? ascii_[unit] : UpperUnit(unit); }
+
+private:
+    friend const CaseMap& CurrentCaseMap();
+    static constexpr char16_t kAscii = 0x80;
+    std::uint64_t rules_ = 0;
+    char16_t ascii_[kAscii] = {};
+};
+const CaseMap& CurrentCaseMap();
+
 // towupper on each unit of a wide string.
 WString UpperCaseName(const WString& name);
 WString UpperCaseName(const char16_t* name);
