@@ -273,6 +273,11 @@ TEST(Layout, WhereANewEntryLands) {
                 << c.order[i];
     }
     EXPECT_EQ(LhHash("ab"), 2471u);
+    // A new name equal to the last entry's narrow form (\xC4 has none in code
+    // page 936, so it compares as '?') finds no place: the create fails.
+    const EditOutcome lossy = Edit(Tree({TreeKey{"\xC4"}}, {}, ListKind::Lf), [](TestHive& t) { return Create(t.Key(), "?"); });
+    EXPECT_EQ(lossy.result, Result::CannotCreate);
+    EXPECT_EQ(Image(lossy.after).SubKeyNames(Image(lossy.after).Root()), std::vector<std::string>{"\xC4"});
 }
 
 // A leaf stays only in a cell of at least c * 8 + 24 bytes, rewritten with

@@ -50,12 +50,15 @@ TEST(Read, EveryFormOfValueData) {
     value("surplusSegments", 16400, b.AddDb(3, b.AddOffsets({seg, seg2, seg})));
     value("missingSegment", 40000, b.AddDb(2, b.AddOffsets({seg, seg2})));
     value("countPastList", 40000, b.AddDb(200, b.AddOffsets({seg, seg2, seg})));
+    value("listCutsCount", 60000, b.AddDb(200, b.AddOffsets({seg, seg2, seg})));
     value("noSegments", 20000, b.AddDb(0, b.AddOffsets({seg})));
     value("noList", 20000, b.AddDb(0, 0xFFFFFFFF));
     value("shortCell", 100, b.AddCell(Pattern(12)));
     value("zeroNoCell", 0, 0xFFFFFFFF);
     value("freeCell", 8, b.AddCell(Pattern(8), false));
     value("unaligned", 8, 0x44);
+    value("badSegment", 20000, b.AddDb(2, b.AddOffsets({seg, 0x44})));
+    value("shortSegment", 20000, b.AddDb(2, b.AddOffsets({seg, b.AddCell(Pattern(100))})));
     const std::uint32_t root = b.AddNk({"ROOT", 0x2C, 0, 0xFFFFFFFF, static_cast<std::uint32_t>(values.size()),
                                         b.AddOffsets(values)});
     b.SetRoot(root);
@@ -75,15 +78,18 @@ TEST(Read, EveryFormOfValueData) {
         Line("surplusSegments", 3, Bytes(both.begin(), both.begin() + 16400)),
         Line("missingSegment", 3, Concat(both, Bytes(40000 - both.size(), 0))),
         Line("countPastList", 3, Concat(both, Bytes(one.begin(), one.begin() + 7312))),
+        Line("listCutsCount", 3, Concat(Concat(both, one), Bytes(60000 - 3 * one.size(), 0))),
         Line("noSegments", 3, Bytes(20000, 0)),
         Line("zeroNoCell", 3, {}),
     };
     EXPECT_EQ(CompareListings(expected, listing.lines, "ours"), "");
     const std::vector<std::string> problems = {
-        "\\: RegEnumValueW read #12 gave 234",  // a db without a segment list
-        "\\: RegEnumValueW read #13 gave 234",  // a cell shorter than its length
-        "\\: RegEnumValueW read #15 gave 234",  // a free data cell
-        "\\: RegEnumValueW read #16 gave 234",  // no cell starts there
+        "\\: RegEnumValueW read #13 gave 234",  // a db without a segment list
+        "\\: RegEnumValueW read #14 gave 234",  // a cell shorter than its length
+        "\\: RegEnumValueW read #16 gave 234",  // a free data cell
+        "\\: RegEnumValueW read #17 gave 234",  // no cell starts there
+        "\\: RegEnumValueW read #18 gave 234",  // a segment that isn't a cell
+        "\\: RegEnumValueW read #19 gave 234",  // a segment shorter than its share
     };
     EXPECT_EQ(listing.problems, problems);
     // With a buffer, a length of 0 still needs a usable cell; without one it doesn't.
@@ -148,6 +154,8 @@ TEST(Read, DeliverFillsTypeDataAndSize) {
     WCHAR name[2];
     DWORD nameLength = 1, size = 0;
     EXPECT_EQ(RegEnumValueW(key, 0, name, &nameLength, 0, 0, 0, &size), Result::Invalid) << "no room for the terminator";
+    nameLength = 2;
+    EXPECT_EQ(RegEnumValueW(key, 0, name, &nameLength, 0, 0, 0, &size), Result::Ok) << "room for name and terminator";
 }
 
 // Names: narrow bytes widen one to one, wide names drop an odd byte, the
@@ -207,6 +215,22 @@ TEST(Read, NamesAndLookups) {
     EXPECT_NE(test.Key(u"key"), nullptr);
     HKEY unnamed = nullptr;
     EXPECT_EQ(RegOpenKeyExW(root_, u"\\", 0, 0, &unnamed), Result::Ok) << "an empty component finds the empty name";
+}
+
+// Bytes behind BinsSize are no part of the hive, whatever they hold.
+TEST(Read, BytesPastTheBinsAreNoCells) {
+    HiveBuilder b;
+    const std::uint32_t next = 4096 + 32;  // the first cell of the second bin
+    b.SetRoot(b.AddNk({"ROOT", 0x2C, 0, 0xFFFFFFFF, 1, b.AddOffsets({next})}));
+    b.CloseBin();
+    b.AddBin();
+    ASSERT_EQ(b.AddVk({"v", kInlineData | 1, 7}), next);
+    b.SetBinsSize(4096);
+    TestHive test(b);
+    WCHAR name[4];
+    DWORD length = 4, size = 0;
+    EXPECT_EQ(RegEnumValueW(test.Key(), 0, name, &length, 0, 0, 0, &size), Result::Corrupt);
+    EXPECT_EQ(RegQueryValueExW(test.Key(), u"v", 0, 0, 0, &size), Result::Invalid);
 }
 
 TEST(Read, InfoReportsTheRecordsCounters) {
