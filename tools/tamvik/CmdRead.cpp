@@ -51,7 +51,7 @@ int RunLs(const CommandArgs& argv) {
     bool ok = true;
     if (!args.Has("-r")) {
         LONG result = Result::Ok;
-        for (const auto& name : SubKeyNames(key, &result)) std::printf("%s\\\n", ToDisplay(name).c_str());
+        for (const SubKey& subKey : SubKeys(key, &result)) std::printf("%s\\\n", ToDisplay(subKey.name).c_str());
         if (result != Result::Ok) {
             std::fprintf(stderr, "tamvik ls: %s: subkeys of %s: %s\n", session.Path().c_str(), ShowPath(path).c_str(),
                          DescribeResult(result).c_str());
