@@ -1,9 +1,15 @@
 // Guards the tamvik command-line tool end to end: the built binary is run
 // through the shell, and its output, exit status and the files it leaves are
 // looked at; the peers (hivexregedit, regfinfo) serve as oracles.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <csignal>
 #include <filesystem>
+#include <thread>
 
 #include "store/Format.h"
 #include "support/Fixture.h"
@@ -226,6 +232,67 @@ TEST_F(Tool, UnopenableFilesSayWhy) {
             EXPECT_NE(run.err.find(why), std::string::npos) << call[0] << ": " << run.err;
         }
     }
+}
+
+// The file as it would be without the times the library stamps in keys and bins.
+Bytes Unstamped(Bytes file) {
+    const Image image(file);
+    auto clear = [&](std::uint64_t at) { std::fill_n(file.begin() + static_cast<std::ptrdiff_t>(at), 8, 0); };
+    for (const auto& [cell, size] : image.Cells())
+        if (size < 0 && image.Sig(cell) == "nk") clear(4096ull + cell + 4 + Tamvik::NkField::Timestamp);
+    for (std::uint64_t bin = 0; bin < image.BinsSize(); bin += image.Word(4096 + bin + Tamvik::BinField::BinSize))
+        clear(4096 + bin + Tamvik::BinField::Timestamp);
+    return file;
+}
+
+// An edit is made on a copy beside the hive and renamed over it once it is
+// on disk: killed or interrupted at any moment, the hive is the old one or the
+// new one. Meanwhile its lock keeps every other editor out.
+TEST_F(Tool, InterruptedImportsLeaveTheOldHiveOrTheNew) {
+    std::string text = "Windows Registry Editor Version 5.00\n";
+    for (int k = 0; k < 1500; ++k)
+        text += "\n[\\K" + std::to_string(k) + "]\n\"s\"=\"" + std::string(40, 's') + "\"\n\"b\"=hex:" +
+                std::string(300, '7') + "\n";
+    WriteText(At("r.reg"), text);
+    const std::string hive = NewHive(), full = At("full.hiv");
+    fs::copy_file(hive, full);
+    const Bytes before = ReadFileBytes(hive);
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(Cli({"import", full, At("r.reg")}).status, 0);
+    const auto duration = std::chrono::steady_clock::now() - start;
+    const Bytes after = Unstamped(ReadFileBytes(full));
+    int untouched = 0;
+    for (int i = 1; i <= 5; ++i) {
+        const pid_t pid = Start({"import", hive, At("r.reg")});
+        std::this_thread::sleep_for(duration * i / 6);
+        const int signal = i % 2 == 0 ? SIGINT : SIGKILL;
+        kill(pid, signal);
+        const int status = Finish(pid);
+        const Bytes now = ReadFileBytes(hive);
+        if (now == before) ++untouched;
+        else EXPECT_TRUE(Unstamped(now) == after) << "moment " << i << ": neither the old hive nor the new one";
+        for (const auto& entry : fs::directory_iterator(dir)) {
+            if (entry.path().filename().string().rfind("h.hiv.tmp-", 0) != 0) continue;
+            EXPECT_EQ(signal, SIGKILL) << "an interrupted edit removes its copy (exit status " << status << ")";
+            fs::remove(entry.path());
+        }
+        WriteText(hive, std::string(before.begin(), before.end()));
+    }
+    EXPECT_GT(untouched, 0) << "no interruption came before the end of the import";
+
+    const int fd = open(hive.c_str(), O_RDONLY);
+    ASSERT_EQ(flock(fd, LOCK_EX), 0);
+    const std::vector<std::vector<std::string>> edits = {
+        {"mkkey", hive, "A"}, {"set", hive, "", "v", "dword", "1"}, {"rm", hive, "", "v"}, {"rmkey", hive, "A"},
+        {"import", hive, At("r.reg")}, {"mkkey", hive, "A", "--in-place"}};
+    for (const auto& edit : edits) {
+        const ToolRun run = Cli(edit);
+        EXPECT_EQ(run.status, 4) << edit[0];
+        EXPECT_NE(run.err.find("h.hiv: can't edit (another process holds its lock"), std::string::npos) << run.err;
+    }
+    EXPECT_TRUE(ReadFileBytes(hive) == before);
+    close(fd);
+    EXPECT_EQ(Cli({"mkkey", hive, "A"}).status, 0);
 }
 
 TEST_F(Tool, InfoAndCheckLookAtTheFileItself) {

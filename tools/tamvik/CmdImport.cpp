@@ -30,11 +30,51 @@ bool StripPrefix(const std::u16string& prefix, std::u16string* path) {
     return true;
 }
 
+// Applies the operations in file order; gives how many failed, each told on stderr.
+std::size_t Apply(HiveSession& session, const std::vector<RegOp>& ops, const std::vector<KeyPath>& paths,
+                  bool windowsOrder) {
+    KeyWriter writer(session, windowsOrder ? Tamvik::ToolEdit::ListOrder::Windows : Tamvik::ToolEdit::ListOrder::Library);
+    std::size_t failures = 0;
+    Progress progress("import: entries");
+    for (std::size_t i = 0; i < ops.size(); ++i) {
+        const RegOp& op = ops[i];
+        const KeyPath& path = paths[i];
+        std::string why;
+        LONG r = Result::Ok;
+        HKEY probe = nullptr;
+        switch (op.kind) {
+            case RegOp::CreateKey: r = writer.EnsureKey(path, &why); break;
+            case RegOp::DeleteKey:
+                // Deleting a key that isn't there is no error, as in the registry editor.
+                if (writer.OpenKey(path, &probe, &why) == Result::Ok) r = writer.DeleteKey(path, true, &why);
+                break;
+            case RegOp::SetValue: r = writer.PutValue(path, op.name, op.type, op.data, &why); break;
+            case RegOp::DeleteValue:
+                // Likewise a value that isn't there.
+                r = writer.DeleteValue(path, op.name, &why);
+                if (r == Result::Invalid) r = Result::Ok;
+                break;
+        }
+        if (r != Result::Ok) {
+            ++failures;
+            std::fprintf(stderr, "tamvik import: %s: line %d: %s %s\n", session.Path().c_str(), op.line, why.c_str(),
+                         DescribeResult(r).c_str());
+        }
+        progress.Update(i + 1, ops.size());
+    }
+    std::size_t sorted = 0;
+    std::string why;
+    if (LONG r = windowsOrder ? writer.SortTouched(&sorted, &why) : Result::Ok; r != Result::Ok)
+        throw ToolError(session.Path() + ": " + why + " " + DescribeResult(r));
+    return failures;
+}
+
 }  // namespace
 
 int RunImport(const CommandArgs& argv) {
     Args args =
-        ParseArgs(argv, {{"--prefix", true}, {"--force", false}, {"--windows-order", false}}, 2, 2, "import");
+        ParseArgs(argv, {{"--prefix", true}, {"--force", false}, {"--in-place", false}, {"--windows-order", false}}, 2,
+                  2, "import");
     std::u16string prefix;
     if (auto p = args.Value("--prefix")) {
         std::optional<std::u16string> wide = FromUtf8(*p);
@@ -72,44 +112,16 @@ int RunImport(const CommandArgs& argv) {
                         kExitUsage);
     }
 
-    GuardEdit(args.positional[0], args.Has("--force"));
-    HiveSession session(args.positional[0], false);
-    const bool windowsOrder = args.Has("--windows-order");
-    KeyWriter writer(session, windowsOrder ? Tamvik::ToolEdit::ListOrder::Windows : Tamvik::ToolEdit::ListOrder::Library);
+    EditSession edit(args.positional[0], {args.Has("--force"), args.Has("--in-place")});
     std::size_t failures = 0;
-    Progress progress("import: entries");
-    for (std::size_t i = 0; i < parse.ops.size(); ++i) {
-        const RegOp& op = parse.ops[i];
-        const KeyPath& path = paths[i];
-        std::string why;
-        LONG r = Result::Ok;
-        HKEY probe = nullptr;
-        switch (op.kind) {
-            case RegOp::CreateKey: r = writer.EnsureKey(path, &why); break;
-            case RegOp::DeleteKey:
-                // Deleting a key that isn't there is no error, as in the registry editor.
-                if (writer.OpenKey(path, &probe, &why) == Result::Ok) r = writer.DeleteKey(path, true, &why);
-                break;
-            case RegOp::SetValue: r = writer.PutValue(path, op.name, op.type, op.data, &why); break;
-            case RegOp::DeleteValue:
-                // Likewise a value that isn't there.
-                r = writer.DeleteValue(path, op.name, &why);
-                if (r == Result::Invalid) r = Result::Ok;
-                break;
-        }
-        if (r != Result::Ok) {
-            ++failures;
-            std::fprintf(stderr, "tamvik import: %s: line %d: %s %s\n", session.Path().c_str(), op.line, why.c_str(),
-                         DescribeResult(r).c_str());
-        }
-        progress.Update(i + 1, parse.ops.size());
+    {
+        HiveSession session(edit.WorkPath(), false, edit.HivePath());
+        failures = Apply(session, parse.ops, paths, args.Has("--windows-order"));
     }
-    std::size_t sorted = 0;
-    std::string why;
-    if (LONG r = windowsOrder ? writer.SortTouched(&sorted, &why) : Result::Ok; r != Result::Ok)
-        throw ToolError(session.Path() + ": " + why + " " + DescribeResult(r));
+    // What could be imported is kept; each entry that couldn't was told.
+    edit.Commit();
     if (failures != 0)
-        throw ToolError(session.Path() + ": " + std::to_string(failures) + " of " + std::to_string(parse.ops.size()) +
+        throw ToolError(edit.HivePath() + ": " + std::to_string(failures) + " of " + std::to_string(parse.ops.size()) +
                         " entries not imported (each told above)");
     return kExitOk;
 }
