@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "edit/NameForms.h"
 #include "store/Format.h"
 #include "support/Fixture.h"
 #include "support/Listing.h"
@@ -295,6 +296,35 @@ TEST_F(Tool, InterruptedImportsLeaveTheOldHiveOrTheNew) {
     EXPECT_EQ(Cli({"mkkey", hive, "A"}).status, 0);
 }
 
+// New subkeys join a list where the library puts them (_stricmp order); check
+// tells a list out of Windows' order (upper case, ordinal), and --repair or
+// --windows-order puts it in that order, changing the list cells alone.
+TEST_F(Tool, WindowsOrderOnRequest) {
+    const std::string hive = NewHive();
+    for (const char* name : {"TCPIP6TUNNEL", "tcpipreg", "Tcpip_Helper", "[x]", "\xc3\xa9", "E"})
+        ASSERT_EQ(Cli({"mkkey", hive, std::string("A\\") + name}).status, 0) << name;
+    EXPECT_EQ(Cli({"ls", hive, "A"}).out, "[x]\\\nE\\\nTCPIP6TUNNEL\\\nTcpip_Helper\\\ntcpipreg\\\n\xc3\xa9\\\n");
+    const ToolRun check = Cli({"check", hive});
+    EXPECT_EQ(check.status, 0);
+    EXPECT_NE(check.out.find("warning at key \\A: subkey list not in Windows order: \"[x]\" before \"E\""),
+              std::string::npos) << check.out;
+    const Bytes before = ReadFileBytes(hive);
+    EXPECT_EQ(Cli({"check", hive, "--repair"}).status, 0);
+    const std::string windows = "E\\\nTCPIP6TUNNEL\\\ntcpipreg\\\nTcpip_Helper\\\n[x]\\\n\xc3\xa9\\\n";
+    EXPECT_EQ(Cli({"ls", hive, "A"}).out, windows);
+    const Bytes after = ReadFileBytes(hive);
+    const std::map<std::uint32_t, std::int32_t> cells = Image(after).Cells();
+    for (std::size_t i = 0; i < after.size(); ++i) {
+        if (before.at(i) == after[i]) continue;
+        EXPECT_EQ(Image(after).Sig(std::prev(cells.upper_bound(static_cast<std::uint32_t>(i - 4096)))->first), "lf")
+            << "byte " << i << " changed outside a list";
+    }
+    EXPECT_EQ(Cli({"check", hive}).out.find("warning at"), std::string::npos);
+    for (const char* name : {"B\\_", "B\\a"}) ASSERT_EQ(Cli({"mkkey", hive, name}).status, 0);
+    EXPECT_EQ(Cli({"mkkey", hive, "B\\Z", "--windows-order"}).status, 0);
+    EXPECT_EQ(Cli({"ls", hive, "B"}).out, "a\\\nZ\\\n_\\\n");
+}
+
 TEST_F(Tool, InfoAndCheckLookAtTheFileItself) {
     const std::string hive = NewHive();
     ASSERT_EQ(Cli({"mkkey", hive, "A\\B"}).status, 0);
@@ -345,6 +375,22 @@ TEST_P(ToolOnRealHives, CheckAndExportImportIdentity) {
     EXPECT_EQ(Cli({"check", copy, "-q"}).status, 0);
     ASSERT_EQ(Cli({"export", copy, "-o", At("y.reg")}).status, 0);
     EXPECT_TRUE(ReadFileBytes(At("x.reg")) == ReadFileBytes(At("y.reg"))) << "the export of the copy differs";
+    // The hints new entries get are those Windows wrote beside every name.
+    const Image image(ReadFileBytes(original));
+    for (const auto& [cell, size] : image.Cells()) {
+        const std::string sig = size < 0 ? image.Sig(cell) : "";
+        for (std::uint32_t i = 0; (sig == "lf" || sig == "lh") && i < image.U16(cell, 2); ++i) {
+            const std::uint32_t nk = image.U32(cell, 4 + 8 * i), hint = image.U32(cell, 8 + 8 * i);
+            const std::string bytes = image.Name(nk);
+            std::u16string name;
+            for (std::size_t k = 0; k < bytes.size(); ++k) {
+                if (image.U16(nk, Tamvik::NkField::Flags) & 0x20) name += static_cast<unsigned char>(bytes[k]);
+                else if (k % 2 == 1) name += static_cast<char16_t>(static_cast<unsigned char>(bytes[k - 1]) | static_cast<unsigned char>(bytes[k]) << 8);
+            }
+            EXPECT_EQ(Tamvik::HintFor(sig == "lf" ? Tamvik::kLfSignature : Tamvik::kLhSignature, name), hint)
+                << sig << " entry of " << Utf8(name);
+        }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Clean, ToolOnRealHives, ::testing::ValuesIn(SharedHiveNames("clean")),

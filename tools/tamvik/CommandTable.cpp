@@ -86,14 +86,23 @@ const std::vector<Command>& AllCommands() {
          "  --in-place        edit the hive itself instead of a copy (see tamvik --help)\n",
          RunRmkey},
         {"check", "verify the structure of a hive",
-         "usage: tamvik check HIVE [-q]\n"
+         "usage: tamvik check HIVE [-q] [--repair [--force] [--in-place]]\n"
          "Verifies the base block, every bin and cell header and every reference\n"
          "between cells by reading the file, then walks all keys and values through\n"
          "the library. Problems are listed with their offsets (cell offsets are\n"
          "relative to the bins area, file offset = cell offset + 4096). Exit status\n"
          "0 only for a sound hive; warnings don't change it. A dirty hive is a\n"
          "problem; notes tell what its logs hold and what tamvik replay would do.\n"
-         "  -q, --quiet   print problems only, no summary\n",
+         "A subkey list out of the order Windows keeps (names upper-cased, then\n"
+         "compared unit by unit) is a warning naming its key: Windows looks keys up\n"
+         "by binary search and may not find a key out of place. The library puts\n"
+         "new keys in _stricmp order, which differs for names with [\\]^_ and\n"
+         "letters beyond ASCII.\n"
+         "  -q, --quiet   print problems only, no summary\n"
+         "  --repair      rewrite those lists in Windows order (the same cells and\n"
+         "                hints, nothing else touched), as an edit: locked, on a copy\n"
+         "  --force       with --repair: edit a dirty hive anyway\n"
+         "  --in-place    with --repair: edit the hive itself instead of a copy\n",
          RunCheck},
         {"new", "write a new empty hive",
          "usage: tamvik new HIVE [--minor N] [--root-name NAME] [--force]\n"

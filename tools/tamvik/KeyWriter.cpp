@@ -150,18 +150,25 @@ LONG KeyWriter::DeleteKey(const KeyPath& path, bool recursive, std::string* why)
     return DeleteTree(walk, why);
 }
 
+LONG KeyWriter::Sort(const KeyPath& path, bool* changed, std::string* why) {
+    HKEY key = nullptr;
+    LONG r = OpenKey(path, &key, why);
+    if (r != Result::Ok) return r;
+    r = ToolEdit::SortSubKeys(key, changed);
+    if (r != Result::Ok) *why = Where(path) + ": its subkey list can't be sorted";
+    return r;
+}
+
 LONG KeyWriter::SortTouched(std::size_t* sorted, std::string* why) {
     *sorted = 0;
-    for (const KeyPath& path : touched_) {
+    const std::set<KeyPath> touched = std::move(touched_);
+    for (const KeyPath& path : touched) {
         HKEY key = nullptr;
         // A key deleted after it got a subkey has no list left to sort.
         std::string ignored;
         if (OpenKey(path, &key, &ignored) != Result::Ok) continue;
         bool changed = false;
-        if (LONG r = ToolEdit::SortSubKeys(key, &changed); r != Result::Ok) {
-            *why = Where(path) + ": its subkey list can't be sorted";
-            return r;
-        }
+        if (LONG r = Sort(path, &changed, why); r != Result::Ok) return r;
         *sorted += changed ? 1 : 0;
     }
     return Result::Ok;

@@ -39,8 +39,11 @@ public:
     RegAPI::LONG DeleteValue(const KeyPath& path, const std::u16string& name, std::string* why);
     // Deletes one key; with recursive, its subtree first, leaves upward.
     RegAPI::LONG DeleteKey(const KeyPath& path, bool recursive, std::string* why);
-    // Puts every subkey list that got a new entry in Windows order; *sorted
-    // counts the lists whose entries moved.
+    // Puts the subkey list of the key at path in Windows order; *changed
+    // tells whether entries moved.
+    RegAPI::LONG Sort(const KeyPath& path, bool* changed, std::string* why);
+    // The same for every list that got a new entry; *sorted counts those
+    // whose entries moved.
     RegAPI::LONG SortTouched(std::size_t* sorted, std::string* why);
 
 private:

@@ -17,7 +17,7 @@ void PrintOverview(std::FILE* out) {
     std::fprintf(out, "usage: tamvik COMMAND [ARGS]   (tamvik COMMAND --help for details)\n\ncommands:\n");
     for (const Command& c : AllCommands()) std::fprintf(out, "  %-8s %s\n", c.name, c.summary);
     std::fprintf(out,
-                 "\nEditing commands (import, set, mkkey, rm, rmkey) lock the hive\n"
+                 "\nEditing commands (import, set, mkkey, rm, rmkey, check --repair) lock the hive\n"
                  "(flock on the file itself), work on a copy beside it (HIVE.tmp-XXXXXX), flush it\n"
                  "to disk and rename it over the hive: interrupted at any moment, the hive is the\n"
                  "old one or the new one (a kill -9 may leave the copy behind; delete it). With\n"
