@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <thread>
 
@@ -144,6 +145,43 @@ TEST_F(Tool, OneOffEditsAndTheirFailures) {
     EXPECT_EQ(Cli({"rmkey", hive, "A", "-r"}).status, 0);
     EXPECT_EQ(Cli({"ls", hive}).out, "");
     EXPECT_EQ(Cli({"check", hive}).status, 0);
+}
+
+// set takes its data from a file or standard input; ls -l shows each key's
+// stored time with the clock it was read on; ls and get write JSON.
+TEST_F(Tool, DataFromFilesTimesAndJson) {
+    const std::string hive = NewHive(), blob(100000, '\xab');
+    WriteText(At("blob"), blob);
+    const std::pair<std::vector<std::string>, std::string> sets[] = {
+        {{"", "b", "binary", "@" + At("blob")}, ""}, {{"K", "s", "sz", "-"}, "t\xc3\xa9\n"},
+        {{"K", "m", "multi_sz", "-"}, "a\nb\r\n"},       {{"K", "n", "qword", "-"}, "0x10\n"}};
+    ASSERT_EQ(Cli({"mkkey", hive, "K\\q\"\x01"}).status, 0);
+    for (const auto& [args, input] : sets) {
+        std::vector<std::string> call = {"set", hive};
+        call.insert(call.end(), args.begin(), args.end());
+        EXPECT_EQ(Cli(call, input).status, 0) << args[1];
+    }
+    EXPECT_TRUE(Cli({"get", hive, "", "b", "--raw"}).out == blob);
+    EXPECT_EQ(Cli({"get", hive, "K", "s"}).out + Cli({"get", hive, "K", "m"}).out + Cli({"get", hive, "K", "n"}).out,
+              "t\xc3\xa9\na\nb\n16\n");
+    EXPECT_EQ(Cli({"--version"}).out.rfind("tamvik 0.", 0), 0u);
+    // The root of a new hive has a FILETIME; keys the library makes, seconds since 1970.
+    char year[8];
+    const std::time_t now = std::time(nullptr);
+    std::strftime(year, sizeof year, "%Y-", std::gmtime(&now));
+    const std::string longList = Cli({"ls", hive, "-r", "-l"}).out;
+    EXPECT_EQ(longList.rfind(year, 0), 0u) << longList;
+    for (const std::string line : {" UTC  filetime  \\\n", " UTC  unix      \\K\n", " UTC  unix      \\K\\q\"\\x01\n"})
+        EXPECT_NE(longList.find(line), std::string::npos) << line << longList;
+    EXPECT_EQ(Cli({"get", hive, "K", "s", "--json"}).out,
+              "{\"path\": \"\\\\K\", \"name\": \"s\", \"type\": \"REG_SZ\", \"type_number\": 1, \"data\": \"t\xc3\xa9\"}\n");
+    const std::string json = Cli({"ls", hive, "K", "--json"}).out;
+    for (const char* part : {"{\"path\": \"\\\\K\", \"last_write\": \"", "\"clock\": \"unix\", \"subkey_count\": 1, \"value_count\": 3",
+                             "\"subkeys\": [{\"name\": \"q\\\"\\u0001\", ", "{\"name\": \"m\", \"type\": \"REG_MULTI_SZ\", \"type_number\": 7, \"data\": \"a\\nb\"}"})
+        EXPECT_NE(json.find(part), std::string::npos) << part << "\n" << json;
+    const std::string parse = " | /usr/bin/python3 -c 'import json, sys; json.load(sys.stdin)'";
+    for (const char* args : {" ls --json ", " ls -r --json "})
+        EXPECT_EQ(Capture(Quoted(TAMVIK_TOOL) + args + Quoted(hive) + parse).first, 0) << args;
 }
 
 // A command that fails its argument checks writes nothing and says why, with status 2.

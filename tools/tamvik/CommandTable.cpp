@@ -13,17 +13,29 @@ const std::vector<Command>& AllCommands() {
          "hive, also what each log beside it holds and what tamvik replay would apply.\n",
          RunInfo},
         {"ls", "list the subkeys and values of a key",
-         "usage: tamvik ls HIVE [PATH] [-r]\n"
+         "usage: tamvik ls HIVE [PATH] [-r] [-l] [--json]\n"
          "Lists the subkeys (with a trailing backslash) and the values of the key at\n"
          "PATH (default: the root). PATH is relative to the root: A\\B or \\A\\B.\n"
-         "  -r, --recursive   list every key below PATH with its values\n",
+         "  -r, --recursive   list every key below PATH with its values\n"
+         "  -l, --long        show each key's last-write time before it, as stored,\n"
+         "                    with the clock it was read on: filetime (Windows writes\n"
+         "                    100 ns ticks since 1601) or unix (seconds since 1970,\n"
+         "                    which the library writes into the keys it makes)\n"
+         "  --json            one JSON object for the key: path, last_write (ISO 8601,\n"
+         "                    UTC, or null), clock, subkey_count, value_count, subkeys\n"
+         "                    (name, last_write, clock and counts of each) and values\n"
+         "                    (name, type, type_number, data as tamvik get prints it,\n"
+         "                    or error); with -r an array of such objects, one a key,\n"
+         "                    without the subkeys member\n",
          RunLs},
         {"get", "print the data of one value",
-         "usage: tamvik get HIVE PATH NAME [--raw] [--type]\n"
+         "usage: tamvik get HIVE PATH NAME [--raw] [--type] [--json]\n"
          "Prints a value by its type: strings as text, multi-strings one per line,\n"
          "numbers in decimal, everything else as hex. NAME '' is the default value.\n"
          "  --raw    write the stored bytes unchanged\n"
-         "  --type   print the type name before the data\n",
+         "  --type   print the type name before the data\n"
+         "  --json   {\"path\", \"name\", \"type\", \"type_number\", \"data\"}, data the\n"
+         "           text printed without --json, lines joined by \\n\n",
          RunGet},
         {"export", "write a key and everything below it as a .reg file",
          "usage: tamvik export HIVE [PATH] [--prefix P] [--utf8] [-o FILE]\n"

@@ -14,7 +14,9 @@ using namespace TamvikTool;
 namespace {
 
 void PrintOverview(std::FILE* out) {
-    std::fprintf(out, "usage: tamvik COMMAND [ARGS]   (tamvik COMMAND --help for details)\n\ncommands:\n");
+    std::fprintf(out,
+                 "usage: tamvik COMMAND [ARGS]   (tamvik COMMAND --help for details; tamvik --version)\n\n"
+                 "commands:\n");
     for (const Command& c : AllCommands()) std::fprintf(out, "  %-8s %s\n", c.name, c.summary);
     std::fprintf(out,
                  "\nEditing commands (import, set, mkkey, rm, rmkey, check --repair) lock the hive\n"
@@ -46,6 +48,10 @@ int main(int argc, char** argv) {
     const std::string name = argv[1];
     if (name == "--help" || name == "-h" || name == "help") {
         PrintOverview(stdout);
+        return kExitOk;
+    }
+    if (name == "--version") {
+        std::printf("tamvik %s\n", TAMVIK_VERSION);
         return kExitOk;
     }
     for (const Command& command : AllCommands()) {
