@@ -323,7 +323,8 @@ TEST_F(Tool, InterruptedImportsLeaveTheOldHiveOrTheNew) {
     ASSERT_EQ(flock(fd, LOCK_EX), 0);
     const std::vector<std::vector<std::string>> edits = {
         {"mkkey", hive, "A"}, {"set", hive, "", "v", "dword", "1"}, {"rm", hive, "", "v"}, {"rmkey", hive, "A"},
-        {"import", hive, At("r.reg")}, {"mkkey", hive, "A", "--in-place"}};
+        {"import", hive, At("r.reg")}, {"mkkey", hive, "A", "--in-place"},
+        {"replay", hive, "-o", hive, "--force"}, {"new", hive, "--force"}};
     for (const auto& edit : edits) {
         const ToolRun run = Cli(edit);
         EXPECT_EQ(run.status, 4) << edit[0];
