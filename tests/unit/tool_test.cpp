@@ -145,6 +145,11 @@ TEST_F(Tool, OneOffEditsAndTheirFailures) {
     EXPECT_EQ(Cli({"rmkey", hive, "A", "-r"}).status, 0);
     EXPECT_EQ(Cli({"ls", hive}).out, "");
     EXPECT_EQ(Cli({"check", hive}).status, 0);
+    // An edit through a symbolic link replaces the file behind it, not the link.
+    fs::create_symlink(hive, At("link.hiv"));
+    EXPECT_EQ(Cli({"mkkey", At("link.hiv"), "L"}).status, 0);
+    EXPECT_TRUE(fs::is_symlink(At("link.hiv")));
+    EXPECT_EQ(Cli({"ls", hive}).out, "L\\\n");
 }
 
 // set takes its data from a file or standard input; ls -l shows each key's

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 
 #include "DirtyState.h"
 #include "Session.h"
@@ -98,14 +99,26 @@ HiveLock::~HiveLock() {
     if (fd_ >= 0) ::close(fd_);
 }
 
+namespace {
+
+// The file a path names after its symbolic links: renaming over the link
+// itself would put a file in its place.
+std::string FileBehind(const std::string& path) {
+    std::error_code error;
+    const std::filesystem::path real = std::filesystem::canonical(path, error);
+    return error ? path : real.string();
+}
+
+}  // namespace
+
 EditSession::EditSession(const std::string& hivePath, const EditOptions& options)
-    : hivePath_(hivePath), lock_(hivePath) {
+    : hivePath_(hivePath), filePath_(FileBehind(hivePath)), lock_(filePath_) {
     if (!options.force) RefuseDirty(hivePath_);
     if (options.inPlace) return;
-    const int from = ::open(hivePath_.c_str(), O_RDONLY | O_CLOEXEC);
+    const int from = ::open(filePath_.c_str(), O_RDONLY | O_CLOEXEC);
     if (from < 0) throw ToolError(hivePath_ + ": can't open (" + std::strerror(errno) + ")");
     try {
-        copy_ = std::make_unique<PendingFile>(hivePath_);
+        copy_ = std::make_unique<PendingFile>(filePath_);
         WatchSignals(copy_->Path());
         CopyContents(from, copy_->Fd(), hivePath_);
     } catch (...) {
@@ -125,7 +138,7 @@ const std::string& EditSession::WorkPath() const { return copy_ != nullptr ? cop
 void EditSession::Commit() {
     if (copy_ == nullptr) return;
     copy_->Sync();
-    copy_->Place(hivePath_, true);
+    copy_->Place(filePath_, true);
     StopWatching();
 }
 

@@ -51,6 +51,7 @@ public:
 
 private:
     std::string hivePath_;
+    std::string filePath_;  // the file behind a symbolic link, which the copy replaces
     HiveLock lock_;
     std::unique_ptr<PendingFile> copy_;
 };

@@ -21,7 +21,7 @@ std::string Format(std::int64_t seconds, const char* pattern) {
 }  // namespace
 
 KeyTime DecodeKeyTime(std::uint64_t stamp) {
-    if (stamp == 0) return {"none", "", "none"};
+    if (stamp == 0) return {};
     const bool unix = stamp < kLargestUnixStamp;
     const std::int64_t seconds = unix ? static_cast<std::int64_t>(stamp)
                                       : static_cast<std::int64_t>(stamp / kTicksPerSecond) - kSecondsFrom1601To1970;

@@ -10,9 +10,9 @@
 namespace TamvikTool {
 
 struct KeyTime {
-    std::string text;   // "2023-01-18 11:39:48 UTC", or "none" for 0
-    std::string iso;    // "2023-01-18T11:39:48Z", or "" for 0
-    const char* clock;  // "filetime", "unix" or "none": how the stored number was read
+    std::string text = "none";    // "2023-01-18 11:39:48 UTC", or "none" for 0
+    std::string iso;              // "2023-01-18T11:39:48Z", or "" for 0
+    const char* clock = "none";   // "filetime", "unix" or "none": how the stored number was read
 };
 
 KeyTime DecodeKeyTime(std::uint64_t stamp);
