@@ -118,7 +118,11 @@ EditSession::EditSession(const std::string& hivePath, const EditOptions& options
     const int from = ::open(filePath_.c_str(), O_RDONLY | O_CLOEXEC);
     if (from < 0) throw ToolError(hivePath_ + ": can't open (" + std::strerror(errno) + ")");
     try {
-        copy_ = std::make_unique<PendingFile>(filePath_);
+        try {
+            copy_ = std::make_unique<PendingFile>(filePath_);
+        } catch (const ToolError& e) {
+            throw ToolError(std::string(e.what()) + " (--in-place edits the hive without a copy)", e.Status());
+        }
         WatchSignals(copy_->Path());
         CopyContents(from, copy_->Fd(), hivePath_);
     } catch (...) {
