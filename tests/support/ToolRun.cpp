@@ -1,5 +1,8 @@
 #include "support/ToolRun.h"
 
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -30,6 +33,27 @@ ToolRun ToolTest::Cli(const std::vector<std::string>& args, const std::string& i
     WriteText(At(".in"), input);
     const auto [status, out] = Capture(command + " <" + Quoted(At(".in")) + " 2>" + Quoted(At(".err")));
     return {status, out, ReadText(At(".err"))};
+}
+
+pid_t ToolTest::Start(const std::vector<std::string>& args) const {
+    std::vector<std::string> words = {TAMVIK_TOOL};
+    words.insert(words.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (std::string& word : words) argv.push_back(word.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    for (int fd : {1, 2}) posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_WRONLY, 0);
+    pid_t pid = -1;
+    EXPECT_EQ(posix_spawn(&pid, TAMVIK_TOOL, &actions, nullptr, argv.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+int ToolTest::Finish(pid_t pid) {
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
 std::string ToolTest::NewHive(const std::string& name) const {

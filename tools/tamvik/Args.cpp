@@ -39,22 +39,22 @@ Args ParseArgs(const std::vector<std::string>& argv, const std::vector<OptionSpe
         const OptionSpec* chosen = nullptr;
         for (const auto& option : options)
             if (option.name == name || (!option.alias.empty() && option.alias == name)) chosen = &option;
-        if (chosen == nullptr) UsageError(command + ": unknown option " + name + " (see tamvik " + command + " --help)");
+        if (chosen == nullptr) UsageError("unknown option " + name + " (see tamvik " + command + " --help)");
         if (chosen->takesValue) {
             if (!inlineValue) {
-                if (i + 1 >= argv.size()) UsageError(command + ": option " + name + " needs a value");
+                if (i + 1 >= argv.size()) UsageError("option " + name + " needs a value");
                 inlineValue = argv[++i];
             }
             args.values[chosen->name] = *inlineValue;
             args.lists[chosen->name].push_back(*inlineValue);
         } else {
-            if (inlineValue) UsageError(command + ": option " + name + " takes no value");
+            if (inlineValue) UsageError("option " + name + " takes no value");
             args.flags.insert(chosen->name);
         }
     }
     const int count = static_cast<int>(args.positional.size());
     if (count < minPositional || (maxPositional >= 0 && count > maxPositional))
-        UsageError(command + ": wrong number of arguments (see tamvik " + command + " --help)");
+        UsageError("wrong number of arguments (see tamvik " + command + " --help)");
     return args;
 }
 

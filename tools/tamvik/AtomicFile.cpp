@@ -14,37 +14,8 @@ namespace TamvikTool {
 
 namespace {
 
-// A temporary file that is removed unless it was moved into place.
-class PendingFile {
-public:
-    explicit PendingFile(const std::string& beside) {
-        std::string pattern = beside + ".tmp-XXXXXX";
-        fd_ = ::mkstemp(pattern.data());
-        if (fd_ >= 0) path_ = pattern;
-    }
-    ~PendingFile() {
-        if (fd_ >= 0) ::close(fd_);
-        if (!path_.empty()) ::unlink(path_.c_str());
-    }
-    PendingFile(const PendingFile&) = delete;
-    PendingFile& operator=(const PendingFile&) = delete;
-
-    int Fd() const { return fd_; }
-    const std::string& Path() const { return path_; }
-    bool Close() {
-        const int fd = fd_;
-        fd_ = -1;
-        return ::close(fd) == 0;
-    }
-    void Placed() { path_.clear(); }
-
-private:
-    int fd_ = -1;
-    std::string path_;
-};
-
 [[noreturn]] void Fail(const std::string& path, const std::string& what) {
-    throw ToolError(path + ": " + what + ": " + std::strerror(errno) + "; nothing written");
+    throw ToolError(path + ": " + what + " (" + std::strerror(errno) + "); nothing written");
 }
 
 void SyncFolder(const std::string& path) {
@@ -57,24 +28,55 @@ void SyncFolder(const std::string& path) {
 
 }  // namespace
 
+PendingFile::PendingFile(const std::string& beside) {
+    std::string pattern = beside + ".tmp-XXXXXX";
+    fd_ = ::mkstemp(pattern.data());
+    if (fd_ < 0) Fail(beside, "can't create a temporary file beside it");
+    path_ = pattern;
+}
+
+PendingFile::~PendingFile() {
+    if (fd_ >= 0) ::close(fd_);
+    if (!path_.empty()) ::unlink(path_.c_str());
+}
+
+void PendingFile::Sync() {
+    const int fd = fd_;
+    fd_ = -1;
+    if (::fsync(fd) != 0) {
+        ::close(fd);
+        Fail(path_, "can't flush");
+    }
+    if (::close(fd) != 0) Fail(path_, "can't flush");
+}
+
+void PendingFile::Place(const std::string& target, bool replace) {
+    if (replace) {
+        if (::rename(path_.c_str(), target.c_str()) != 0) Fail(target, "can't move the new file into place");
+        path_.clear();
+    } else if (::link(path_.c_str(), target.c_str()) != 0) {
+        Fail(target, "can't move the new file into place");
+    }
+    SyncFolder(target);
+}
+
+mode_t NewFileMode() {
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    return 0666 & ~mask;
+}
+
 void WriteFileAtomically(const std::string& path, const std::vector<std::uint8_t>& bytes, mode_t mode, bool replace) {
     PendingFile temp(path);
-    if (temp.Fd() < 0) Fail(path, "can't create a temporary file beside it");
     for (std::size_t done = 0; done < bytes.size();) {
         const ssize_t n = ::write(temp.Fd(), bytes.data() + done, bytes.size() - done);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) Fail(temp.Path(), "write failed");
         done += static_cast<std::size_t>(n);
     }
-    if (::fchmod(temp.Fd(), mode) != 0 || ::fsync(temp.Fd()) != 0 || !temp.Close()) Fail(temp.Path(), "can't flush");
-    if (replace) {
-        if (::rename(temp.Path().c_str(), path.c_str()) != 0) Fail(path, "can't move the new file into place");
-        temp.Placed();
-    } else if (::link(temp.Path().c_str(), path.c_str()) != 0) {
-        // A link replaces nothing: a file that appeared meanwhile stays.
-        Fail(path, "can't move the new file into place");
-    }
-    SyncFolder(path);
+    if (::fchmod(temp.Fd(), mode) != 0) Fail(temp.Path(), "can't set its mode");
+    temp.Sync();
+    temp.Place(path, replace);
 }
 
 }  // namespace TamvikTool

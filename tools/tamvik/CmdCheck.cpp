@@ -4,11 +4,15 @@
 #include "Args.h"
 #include "Commands.h"
 #include "DirtyState.h"
+#include "EditGuard.h"
 #include "HiveFile.h"
+#include "KeyWriter.h"
 #include "Progress.h"
 #include "Session.h"
 #include "StructureCheck.h"
 #include "Walk.h"
+#include "api/ToolEntry.h"
+#include "edit/NameForms.h"
 
 namespace TamvikTool {
 
@@ -34,9 +38,41 @@ void ReportKey(const std::string& hive, const KeyPath& path, const std::string& 
 
 }  // namespace
 
+// The first pair of neighbours out of the order Windows keeps, as a warning; empty when in order.
+std::string OrderProblem(const std::vector<SubKey>& subKeys) {
+    for (std::size_t i = 1; i < subKeys.size(); ++i) {
+        const int order = Tamvik::CompareWindowsOrder(subKeys[i - 1].name, subKeys[i].name);
+        if (order == 0) return "two subkeys named alike in upper case: \"" + ToDisplay(subKeys[i].name) + "\"";
+        if (order > 0)
+            return "subkey list not in Windows order: \"" + ToDisplay(subKeys[i - 1].name) + "\" before \"" +
+                   ToDisplay(subKeys[i].name) + "\" (tamvik check --repair sorts it)";
+    }
+    return {};
+}
+
+// Puts the lists in Windows order, in a copy that replaces the hive.
+void Repair(const std::string& hive, const std::vector<KeyPath>& lists, const Args& args) {
+    EditSession edit(hive, {args.Has("--force"), args.Has("--in-place")});
+    {
+        HiveSession session(edit.WorkPath(), false, edit.HivePath());
+        KeyWriter writer(session);
+        for (const KeyPath& path : lists) {
+            bool changed = false;
+            std::string why;
+            if (LONG r = writer.Sort(path, &changed, &why); r != Result::Ok)
+                throw ToolError(hive + ": " + why + " " + DescribeResult(r) + "; the hive is unchanged");
+            if (changed) std::printf("%s: repaired at key %s: subkey list put in Windows order\n", hive.c_str(),
+                                     ShowPath(path).c_str());
+        }
+    }
+    edit.Commit();
+}
+
 int RunCheck(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"-q", false, "--quiet"}}, 1, 1, "check");
+    Args args = ParseArgs(
+        argv, {{"-q", false, "--quiet"}, {"--repair", false}, {"--force", false}, {"--in-place", false}}, 1, 1, "check");
     const std::string& hive = args.positional[0];
+    std::vector<KeyPath> unordered;
     Tally tally;
     HiveFile file(hive);
     for (const Finding& f : file.Findings()) Report(hive, f, &tally);
@@ -64,28 +100,34 @@ int RunCheck(const CommandArgs& argv) {
                 ++values;
                 if (v.result != Result::Ok)
                     ReportKey(hive, at, "value #" + std::to_string(v.index) + " \"" + ToUtf8(v.name) +
-                                            "\" unreadable: " + DescribeResult(v.result), false, &tally);
+                                            "\" unreadable " + DescribeResult(v.result), false, &tally);
             }
             if (result != Result::Ok && result != Result::MoreData)
-                ReportKey(hive, at, "values can't be listed: " + DescribeResult(result), false, &tally);
+                ReportKey(hive, at, "values can't be listed " + DescribeResult(result), false, &tally);
             progress.Update(keys, structure.keys);
         };
         events.onUnreachable = [&](const KeyPath& at, LONG r) {
-            const std::u16string& name = at.back();
-            bool unusable = name.find(u'\0') != std::u16string::npos || name.find(u'\\') != std::u16string::npos;
-            ReportKey(hive, at,
-                      unusable ? "name holds a NUL or a backslash: the key can't be opened by path"
-                               : "can't be opened: " + DescribeResult(r),
-                      unusable, &tally);
+            ReportKey(hive, at, "can't be opened " + DescribeResult(r), false, &tally);
+        };
+        events.onSubKeys = [&](const KeyPath& at, const std::vector<SubKey>& subKeys) {
+            for (const SubKey& subKey : subKeys)
+                if (subKey.name.find(u'\\') != std::u16string::npos)
+                    ReportKey(hive, at, "subkey \"" + ToDisplay(subKey.name) + "\" holds a backslash: no path names it",
+                              true, &tally);
+            const std::string problem = OrderProblem(subKeys);
+            if (problem.empty()) return;
+            ReportKey(hive, at, problem, true, &tally);
+            if (problem.rfind("subkey list", 0) == 0) unordered.push_back(at);
         };
         events.onListError = [&](const KeyPath& at, LONG r) {
-            ReportKey(hive, at, "subkeys can't be listed: " + DescribeResult(r), false, &tally);
+            ReportKey(hive, at, "subkeys can't be listed " + DescribeResult(r), false, &tally);
         };
         WalkTree(session.Root(), {}, events);
     } catch (const ToolError& e) {
         ++tally.problems;
         std::printf("%s\n", e.what());
     }
+    if (args.Has("--repair") && !unordered.empty()) Repair(hive, unordered, args);
     if (!args.Has("-q"))
         std::printf("%s: %llu problem(s), %llu warning(s); %llu keys and %llu values in the file's tree, %llu keys "
                     "and %llu values read through the library\n",

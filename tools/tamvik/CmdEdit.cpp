@@ -5,6 +5,7 @@
 #include "Args.h"
 #include "Commands.h"
 #include "EditGuard.h"
+#include "Input.h"
 #include "KeyWriter.h"
 #include "Session.h"
 #include "ValueText.h"
@@ -21,74 +22,100 @@ std::u16string WideArgument(const std::string& text, const char* what) {
     return *wide;
 }
 
+// A value name from the command line: any text, '' for the default value.
+std::u16string ValueName(const std::string& text) {
+    std::u16string name = WideArgument(text, "value name");
+    if (std::string problem = NameProblem(name, false); !problem.empty()) UsageError(problem);
+    return name;
+}
+
+EditOptions Options(const Args& args) { return {args.Has("--force"), args.Has("--in-place")}; }
+
 [[noreturn]] void Failed(const HiveSession& session, const std::string& why, LONG r) {
-    throw ToolError(session.Path() + ": " + why + ": " + DescribeResult(r));
+    throw ToolError(session.Path() + ": " + why + " " + DescribeResult(r));
 }
 
 }  // namespace
 
 int RunSet(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--force", false}}, 5, -1, "set");
+    Args args = ParseArgs(argv, {{"--force", false}, {"--in-place", false}}, 5, -1, "set");
     const KeyPath path = ParseKeyPath(args.positional[1]);
-    const std::u16string name = WideArgument(args.positional[2], "value name");
+    const std::u16string name = ValueName(args.positional[2]);
     std::optional<std::uint32_t> type = ParseTypeName(args.positional[3]);
     if (!type) UsageError("unknown type " + args.positional[3] + " (see tamvik set --help)");
-    const Bytes data =
-        DataFromArguments(*type, std::vector<std::string>(args.positional.begin() + 4, args.positional.end()));
-    if (data.empty()) UsageError("the library can't store a value with no data");
-    GuardEdit(args.positional[0], args.Has("--force"));
-    HiveSession session(args.positional[0], false);
-    KeyWriter writer(session);
-    HKEY key = nullptr;
-    LONG r = writer.OpenKey(path, &key);
-    if (r != Result::Ok) Failed(session, "key " + ShowPath(path) + ": can't open", r);
-    std::string why;
-    r = writer.PutValue(path, name, *type, data, &why);
-    if (r != Result::Ok) Failed(session, why, r);
+    const std::vector<std::string> values(args.positional.begin() + 4, args.positional.end());
+    // "-" and "@FILE" give the data from standard input or a file.
+    const bool fromInput = values.size() == 1 && (values[0] == "-" || values[0].rfind('@', 0) == 0);
+    const Bytes data = fromInput ? DataFromInput(*type, ReadInput(values[0] == "-" ? values[0] : values[0].substr(1)))
+                                 : DataFromArguments(*type, values);
+    EditSession edit(args.positional[0], Options(args));
+    {
+        HiveSession session(edit.WorkPath(), false, edit.HivePath());
+        KeyWriter writer(session);
+        HKEY key = nullptr;
+        std::string why;
+        LONG r = writer.OpenKey(path, &key, &why);
+        if (r == Result::Ok) r = writer.PutValue(path, name, *type, data, &why);
+        if (r != Result::Ok) Failed(session, why, r);
+    }
+    edit.Commit();
     return kExitOk;
 }
 
 int RunMkkey(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--force", false}}, 2, 2, "mkkey");
+    Args args = ParseArgs(argv, {{"--force", false}, {"--in-place", false}, {"--windows-order", false}}, 2, 2, "mkkey");
     const KeyPath path = ParseKeyPath(args.positional[1]);
     if (path.empty()) UsageError("the root key exists already");
     for (const auto& part : path)
         if (std::string problem = NameProblem(part, true); !problem.empty())
             UsageError("key " + ShowPath(path) + ": " + problem);
-    GuardEdit(args.positional[0], args.Has("--force"));
-    HiveSession session(args.positional[0], false);
-    KeyWriter writer(session);
-    std::string why;
-    bool created = false;
-    LONG r = writer.EnsureKey(path, &why, &created);
-    if (r != Result::Ok) Failed(session, why, r);
-    if (!created) Failed(session, "key " + ShowPath(path), Result::AlreadyExists);
+    EditSession edit(args.positional[0], Options(args));
+    {
+        HiveSession session(edit.WorkPath(), false, edit.HivePath());
+        const bool windowsOrder = args.Has("--windows-order");
+        KeyWriter writer(session,
+                         windowsOrder ? Tamvik::ToolEdit::ListOrder::Windows : Tamvik::ToolEdit::ListOrder::Library);
+        std::string why;
+        bool created = false;
+        LONG r = writer.EnsureKey(path, &why, &created);
+        if (r != Result::Ok) Failed(session, why, r);
+        if (!created) Failed(session, "key " + ShowPath(path) + ": can't create", Result::AlreadyExists);
+        std::size_t sorted = 0;
+        if (windowsOrder && (r = writer.SortTouched(&sorted, &why)) != Result::Ok) Failed(session, why, r);
+    }
+    edit.Commit();
     return kExitOk;
 }
 
 int RunRm(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--force", false}}, 3, 3, "rm");
+    Args args = ParseArgs(argv, {{"--force", false}, {"--in-place", false}}, 3, 3, "rm");
     const KeyPath path = ParseKeyPath(args.positional[1]);
-    const std::u16string name = WideArgument(args.positional[2], "value name");
-    GuardEdit(args.positional[0], args.Has("--force"));
-    HiveSession session(args.positional[0], false);
-    KeyWriter writer(session);
-    std::string why;
-    LONG r = writer.DeleteValue(path, name, &why);
-    if (r != Result::Ok) Failed(session, why, r);
+    const std::u16string name = ValueName(args.positional[2]);
+    EditSession edit(args.positional[0], Options(args));
+    {
+        HiveSession session(edit.WorkPath(), false, edit.HivePath());
+        KeyWriter writer(session);
+        std::string why;
+        LONG r = writer.DeleteValue(path, name, &why);
+        if (r != Result::Ok) Failed(session, why, r);
+    }
+    edit.Commit();
     return kExitOk;
 }
 
 int RunRmkey(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"-r", false, "--recursive"}, {"--force", false}}, 2, 2, "rmkey");
+    Args args = ParseArgs(argv, {{"-r", false, "--recursive"}, {"--force", false}, {"--in-place", false}}, 2, 2, "rmkey");
     const KeyPath path = ParseKeyPath(args.positional[1]);
     if (path.empty()) UsageError("the root key can't be deleted");
-    GuardEdit(args.positional[0], args.Has("--force"));
-    HiveSession session(args.positional[0], false);
-    KeyWriter writer(session);
-    std::string why;
-    LONG r = writer.DeleteKey(path, args.Has("-r"), &why);
-    if (r != Result::Ok) Failed(session, why, r);
+    EditSession edit(args.positional[0], Options(args));
+    {
+        HiveSession session(edit.WorkPath(), false, edit.HivePath());
+        KeyWriter writer(session);
+        std::string why;
+        LONG r = writer.DeleteKey(path, args.Has("-r"), &why);
+        if (r != Result::Ok) Failed(session, why, r);
+    }
+    edit.Commit();
     return kExitOk;
 }
 

@@ -5,6 +5,7 @@
 #include "Commands.h"
 #include "EditGuard.h"
 #include "KeyWriter.h"
+#include "Input.h"
 #include "Progress.h"
 #include "RegText.h"
 #include "Session.h"
@@ -14,19 +15,6 @@ namespace TamvikTool {
 using namespace RegAPI;
 
 namespace {
-
-Bytes ReadInput(const std::string& name) {
-    std::FILE* in = name == "-" ? stdin : std::fopen(name.c_str(), "rb");
-    if (in == nullptr) UsageError(name + ": can't open the .reg file");
-    Bytes bytes;
-    std::uint8_t buffer[65536];
-    std::size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, in)) > 0) bytes.insert(bytes.end(), buffer, buffer + n);
-    bool failed = std::ferror(in) != 0;
-    if (in != stdin) std::fclose(in);
-    if (failed) UsageError(name + ": read error");
-    return bytes;
-}
 
 // Case-insensitive (ASCII) test that path starts with prefix as whole components.
 bool StripPrefix(const std::u16string& prefix, std::u16string* path) {
@@ -42,10 +30,51 @@ bool StripPrefix(const std::u16string& prefix, std::u16string* path) {
     return true;
 }
 
+// Applies the operations in file order; gives how many failed, each told on stderr.
+std::size_t Apply(HiveSession& session, const std::vector<RegOp>& ops, const std::vector<KeyPath>& paths,
+                  bool windowsOrder) {
+    KeyWriter writer(session, windowsOrder ? Tamvik::ToolEdit::ListOrder::Windows : Tamvik::ToolEdit::ListOrder::Library);
+    std::size_t failures = 0;
+    Progress progress("import: entries");
+    for (std::size_t i = 0; i < ops.size(); ++i) {
+        const RegOp& op = ops[i];
+        const KeyPath& path = paths[i];
+        std::string why;
+        LONG r = Result::Ok;
+        HKEY probe = nullptr;
+        switch (op.kind) {
+            case RegOp::CreateKey: r = writer.EnsureKey(path, &why); break;
+            case RegOp::DeleteKey:
+                // Deleting a key that isn't there is no error, as in the registry editor.
+                if (writer.OpenKey(path, &probe, &why) == Result::Ok) r = writer.DeleteKey(path, true, &why);
+                break;
+            case RegOp::SetValue: r = writer.PutValue(path, op.name, op.type, op.data, &why); break;
+            case RegOp::DeleteValue:
+                // Likewise a value that isn't there.
+                r = writer.DeleteValue(path, op.name, &why);
+                if (r == Result::Invalid) r = Result::Ok;
+                break;
+        }
+        if (r != Result::Ok) {
+            ++failures;
+            std::fprintf(stderr, "tamvik import: %s: line %d: %s %s\n", session.Path().c_str(), op.line, why.c_str(),
+                         DescribeResult(r).c_str());
+        }
+        progress.Update(i + 1, ops.size());
+    }
+    std::size_t sorted = 0;
+    std::string why;
+    if (LONG r = windowsOrder ? writer.SortTouched(&sorted, &why) : Result::Ok; r != Result::Ok)
+        throw ToolError(session.Path() + ": " + why + " " + DescribeResult(r));
+    return failures;
+}
+
 }  // namespace
 
 int RunImport(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--prefix", true}, {"--force", false}}, 2, 2, "import");
+    Args args =
+        ParseArgs(argv, {{"--prefix", true}, {"--force", false}, {"--in-place", false}, {"--windows-order", false}}, 2,
+                  2, "import");
     std::u16string prefix;
     if (auto p = args.Value("--prefix")) {
         std::optional<std::u16string> wide = FromUtf8(*p);
@@ -54,64 +83,46 @@ int RunImport(const CommandArgs& argv) {
         while (!prefix.empty() && prefix.back() == u'\\') prefix.pop_back();
     }
     const std::string& regName = args.positional[1];
-    // Everything is parsed and every key path checked before the hive opens,
-    // so that a bad file changes nothing.
+    // Everything is parsed and every key path and name checked before the
+    // hive opens, so that a bad file changes nothing.
     RegParse parse = ParseRegText(ReadInput(regName));
     std::vector<KeyPath> paths;
     paths.reserve(parse.ops.size());
     for (const RegOp& op : parse.ops) {
+        const std::string line = "line " + std::to_string(op.line) + ": ";
         std::u16string keyPath = op.keyPath;
         if (!StripPrefix(prefix, &keyPath)) {
-            parse.errors.push_back("line " + std::to_string(op.line) + ": key " + ToUtf8(op.keyPath) +
-                                   " is outside the prefix " + (prefix.empty() ? "\\" : ToUtf8(prefix)));
-            continue;
+            parse.errors.push_back(line + "key " + ToUtf8(op.keyPath) + " is outside the prefix " +
+                                   (prefix.empty() ? "\\" : ToUtf8(prefix)));
+            keyPath.clear();
         }
         paths.push_back(SplitKeyPath(keyPath));
+        for (const std::u16string& part : paths.back())
+            if (std::string problem = NameProblem(part, true); !problem.empty())
+                parse.errors.push_back(line + "key " + ToUtf8(op.keyPath) + ": " + problem);
+        if (op.kind == RegOp::DeleteKey && paths.back().empty())
+            parse.errors.push_back(line + "the root key can't be deleted");
+        if (std::string problem = NameProblem(op.name, false); !problem.empty())
+            parse.errors.push_back(line + "value \"" + ToUtf8(op.name) + "\": " + problem);
     }
     if (!parse.errors.empty()) {
         for (const auto& e : parse.errors) std::fprintf(stderr, "tamvik import: %s: %s\n", regName.c_str(), e.c_str());
-        throw ToolError(regName + ": " + std::to_string(parse.errors.size()) + " error(s), hive not changed", kExitUsage);
+        throw ToolError(regName + ": not imported (" + std::to_string(parse.errors.size()) +
+                            " error(s) in the file; the hive is unchanged)",
+                        kExitUsage);
     }
 
-    GuardEdit(args.positional[0], args.Has("--force"));
-    HiveSession session(args.positional[0], false);
-    KeyWriter writer(session);
+    EditSession edit(args.positional[0], {args.Has("--force"), args.Has("--in-place")});
     std::size_t failures = 0;
-    Progress progress("import: entries");
-    for (std::size_t i = 0; i < parse.ops.size(); ++i) {
-        const RegOp& op = parse.ops[i];
-        const KeyPath& path = paths[i];
-        std::string why;
-        LONG r = Result::Ok;
-        switch (op.kind) {
-            case RegOp::CreateKey: r = writer.EnsureKey(path, &why); break;
-            case RegOp::DeleteKey: {
-                HKEY probe = nullptr;
-                // Deleting a key that isn't there is no error, as in the registry editor.
-                if (session.TryOpen(path, &probe) == Result::Ok) r = writer.DeleteKey(path, true, &why);
-                break;
-            }
-            case RegOp::SetValue: r = writer.PutValue(path, op.name, op.type, op.data, &why); break;
-            case RegOp::DeleteValue: {
-                HKEY key = nullptr;
-                DWORD type = 0;
-                // Likewise a value that isn't there.
-                if (writer.OpenKey(path, &key) == Result::Ok &&
-                    RegQueryValueExW(key, op.name.c_str(), nullptr, &type, nullptr, nullptr) == Result::Ok)
-                    r = writer.DeleteValue(path, op.name, &why);
-                break;
-            }
-        }
-        if (r != Result::Ok) {
-            ++failures;
-            std::fprintf(stderr, "tamvik import: %s: line %d: %s: %s\n", session.Path().c_str(), op.line, why.c_str(),
-                         DescribeResult(r).c_str());
-        }
-        progress.Update(i + 1, parse.ops.size());
+    {
+        HiveSession session(edit.WorkPath(), false, edit.HivePath());
+        failures = Apply(session, parse.ops, paths, args.Has("--windows-order"));
     }
+    // What could be imported is kept; each entry that couldn't was told.
+    edit.Commit();
     if (failures != 0)
-        throw ToolError(session.Path() + ": " + std::to_string(failures) + " of " + std::to_string(parse.ops.size()) +
-                        " entries not imported");
+        throw ToolError(edit.HivePath() + ": " + std::to_string(failures) + " of " + std::to_string(parse.ops.size()) +
+                        " entries not imported (each told above)");
     return kExitOk;
 }
 

@@ -12,6 +12,9 @@ namespace TamvikTool {
 int RunInfo(const CommandArgs& argv) {
     Args args = ParseArgs(argv, {}, 1, 1, "info");
     HiveFile file(args.positional[0]);
+    // A file without a base block has no facts to show.
+    if (file.FileSize() < kBaseBlockBytes || !file.Base().signatureOk)
+        throw ToolError(args.positional[0] + ": not a hive (" + WhyNotAHive(args.positional[0]) + ")");
     const BaseBlock& b = file.Base();
     const CellCounts& c = file.Counts();
     std::printf("signature       %s\n", b.signatureOk ? "regf" : "(not regf)");

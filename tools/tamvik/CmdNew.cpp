@@ -1,6 +1,12 @@
 // new: writes an empty hive.
+#include <sys/stat.h>
+
+#include <memory>
+
 #include "Args.h"
+#include "AtomicFile.h"
 #include "Commands.h"
+#include "EditGuard.h"
 #include "NewHive.h"
 #include "Session.h"
 #include "Text.h"
@@ -21,8 +27,15 @@ int RunNew(const CommandArgs& argv) {
         options.rootName = *wide;
     }
     std::string error;
-    if (!WriteNewHive(args.positional[0], options, args.Has("--force"), &error))
-        throw ToolError(args.positional[0] + ": can't write the new hive: " + error);
+    const Bytes image = BuildEmptyHive(options, FileTimeNow(), &error);
+    if (image.empty()) UsageError(error);
+    const std::string& path = args.positional[0];
+    struct stat existing {};
+    const bool replace = ::stat(path.c_str(), &existing) == 0;
+    if (replace && !args.Has("--force")) throw ToolError(path + ": can't write the new hive (the file exists; --force replaces it)");
+    // A file replaced is locked like a hive being edited, and replaced whole.
+    std::unique_ptr<HiveLock> lock = replace ? std::make_unique<HiveLock>(path) : nullptr;
+    WriteFileAtomically(path, image, replace ? existing.st_mode & 07777 : NewFileMode(), replace);
     return kExitOk;
 }
 

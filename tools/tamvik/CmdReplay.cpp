@@ -5,11 +5,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "Args.h"
 #include "AtomicFile.h"
 #include "Commands.h"
 #include "DirtyState.h"
+#include "EditGuard.h"
 #include "Session.h"
 #include "logs/Files.h"
 
@@ -20,13 +22,6 @@ using namespace TamvikLogs;
 namespace {
 
 constexpr char kReplayedSuffix[] = ".replayed";
-
-// The mode a new file gets from open(2) under the current umask.
-mode_t NewFileMode() {
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    return 0666 & ~mask;
-}
 
 }  // namespace
 
@@ -45,6 +40,8 @@ int RunReplay(const CommandArgs& argv) {
     if (exists && !force)
         UsageError(out + (inPlace ? " is the hive itself: give --force to replace it with the replayed hive"
                                   : " exists: give --force to replace it"));
+    // A file replaced is locked like a hive being edited, before it is read.
+    std::unique_ptr<HiveLock> lock = exists ? std::make_unique<HiveLock>(out) : nullptr;
 
     Bytes bytes;
     std::string error;

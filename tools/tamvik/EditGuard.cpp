@@ -1,13 +1,28 @@
 #include "EditGuard.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+
 #include "DirtyState.h"
 #include "Session.h"
 #include "logs/Files.h"
 
 namespace TamvikTool {
 
-void GuardEdit(const std::string& hivePath, bool force) {
-    if (force) return;
+namespace {
+
+// A dirty hive's latest changes may be only in its logs, which Windows would
+// replay over an edit. A file that can't be read is let through: opening it
+// will say why.
+void RefuseDirty(const std::string& hivePath) {
     TamvikLogs::Bytes head;
     std::string error;
     if (!TamvikLogs::ReadFile(hivePath, &head, &error, TamvikLogs::kBaseBlockBytes)) return;
@@ -18,6 +33,117 @@ void GuardEdit(const std::string& hivePath, bool force) {
                         "): its latest changes may be only in its transaction logs, and Windows would replay them "
                         "over an edit. Run 'tamvik replay' on it first, or give --force to edit it as it is",
                     kExitDirty);
+}
+
+// The copy an interrupted edit leaves behind is removed by the signal's
+// handler; a buffer it can read without allocating holds its name.
+char pendingCopy[4096];
+
+void RemoveCopyAndDie(int signal) {
+    if (pendingCopy[0] != 0) ::unlink(pendingCopy);
+    ::raise(signal);  // the handler was reset: the signal now ends the process as it would have
+}
+
+void WatchSignals(const std::string& copy) {
+    if (copy.size() >= sizeof pendingCopy) return;
+    std::memcpy(pendingCopy, copy.c_str(), copy.size() + 1);
+    struct sigaction action {};
+    action.sa_handler = RemoveCopyAndDie;
+    action.sa_flags = SA_RESETHAND;
+    sigemptyset(&action.sa_mask);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) ::sigaction(signal, &action, nullptr);
+}
+
+void StopWatching() { pendingCopy[0] = 0; }
+
+void CopyContents(int from, int to, const std::string& path) {
+    struct stat info {};
+    if (::fstat(from, &info) != 0) throw ToolError(path + ": can't read (" + std::strerror(errno) + ")");
+    for (off_t done = 0; done < info.st_size;) {
+        const ssize_t n = ::sendfile(to, from, &done, static_cast<std::size_t>(info.st_size - done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0)
+            throw ToolError(path + ": can't copy it for the edit (" + std::string(n < 0 ? std::strerror(errno) : "short read") +
+                            "; --in-place edits it without a copy)");
+    }
+    // The copy looks like the hive: same mode, and same owner where allowed.
+    if (::fchmod(to, info.st_mode & 07777) != 0 || (::fchown(to, info.st_uid, info.st_gid) != 0 && errno != EPERM))
+        throw ToolError(path + ": can't give the copy the hive's mode (" + std::strerror(errno) + ")");
+}
+
+}  // namespace
+
+HiveLock::HiveLock(const std::string& path) {
+    while (true) {
+        fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd_ < 0) throw ToolError(path + ": can't open (" + std::strerror(errno) + ")");
+        if (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+            const int error = errno;
+            ::close(fd_);
+            fd_ = -1;
+            if (error == EWOULDBLOCK)
+                throw ToolError(path + ": can't edit (another process holds its lock: an edit is under way)",
+                                kExitLocked);
+            throw ToolError(path + ": can't lock (" + std::strerror(error) + ")");
+        }
+        struct stat locked {}, named {};
+        if (::fstat(fd_, &locked) == 0 && ::stat(path.c_str(), &named) == 0 && locked.st_dev == named.st_dev &&
+            locked.st_ino == named.st_ino)
+            return;
+        ::close(fd_);  // replaced meanwhile: lock the file that stands there now
+        fd_ = -1;
+    }
+}
+
+HiveLock::~HiveLock() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+namespace {
+
+// The file a path names after its symbolic links: renaming over the link
+// itself would put a file in its place.
+std::string FileBehind(const std::string& path) {
+    std::error_code error;
+    const std::filesystem::path real = std::filesystem::canonical(path, error);
+    return error ? path : real.string();
+}
+
+}  // namespace
+
+EditSession::EditSession(const std::string& hivePath, const EditOptions& options)
+    : hivePath_(hivePath), filePath_(FileBehind(hivePath)), lock_(filePath_) {
+    if (!options.force) RefuseDirty(hivePath_);
+    if (options.inPlace) return;
+    const int from = ::open(filePath_.c_str(), O_RDONLY | O_CLOEXEC);
+    if (from < 0) throw ToolError(hivePath_ + ": can't open (" + std::strerror(errno) + ")");
+    try {
+        try {
+            copy_ = std::make_unique<PendingFile>(filePath_);
+        } catch (const ToolError& e) {
+            throw ToolError(std::string(e.what()) + " (--in-place edits the hive without a copy)", e.Status());
+        }
+        WatchSignals(copy_->Path());
+        CopyContents(from, copy_->Fd(), hivePath_);
+    } catch (...) {
+        ::close(from);
+        throw;
+    }
+    ::close(from);
+}
+
+EditSession::~EditSession() {
+    copy_.reset();  // an uncommitted copy goes first, then the handler that would remove it
+    StopWatching();
+}
+
+const std::string& EditSession::WorkPath() const { return copy_ != nullptr ? copy_->Path() : hivePath_; }
+
+void EditSession::Commit() {
+    if (copy_ == nullptr) return;
+    copy_->Sync();
+    copy_->Place(filePath_, true);
+    StopWatching();
 }
 
 }  // namespace TamvikTool

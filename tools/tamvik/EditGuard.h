@@ -1,14 +1,59 @@
-// The one check every editing command passes before it opens a hive for
-// writing. Refusals are ToolErrors with a status of their own.
+// The one gate every editing command passes before it writes to a hive: an
+// exclusive lock, the refusal of a dirty hive, and the copy the edit is made
+// on, which replaces the hive only once it is complete and on disk, so that an
+// interruption at any moment leaves either the old hive or the new one.
+// Refusals are ToolErrors with statuses of their own (see Session.h).
 #pragma once
 
+#include <memory>
 #include <string>
+
+#include "AtomicFile.h"
 
 namespace TamvikTool {
 
-// A dirty hive is refused with kExitDirty unless force is set: its latest
-// changes may be only in its logs, which Windows would replay over an edit.
-// A file that can't be read is let through: opening it will say why.
-void GuardEdit(const std::string& hivePath, bool force);
+// An exclusive flock on the hive file itself, taken without waiting: a second
+// editor is refused with kExitLocked rather than queued behind the first.
+// Read commands take no lock. When the file was replaced (by an edit that
+// ended while this one waited for the lock) the new file is locked instead.
+class HiveLock {
+public:
+    explicit HiveLock(const std::string& path);
+    ~HiveLock();
+    HiveLock(const HiveLock&) = delete;
+    HiveLock& operator=(const HiveLock&) = delete;
+
+private:
+    int fd_ = -1;
+};
+
+struct EditOptions {
+    bool force = false;    // edit a dirty hive as it is (kExitDirty without it)
+    bool inPlace = false;  // edit the hive itself: no copy, nothing guards it from an interruption
+};
+
+class EditSession {
+public:
+    // Locks the hive, refuses it when dirty, and copies it to a temporary
+    // file beside it (HIVE.tmp-XXXXXX) unless options.inPlace.
+    EditSession(const std::string& hivePath, const EditOptions& options);
+    // Removes the copy unless it was committed.
+    ~EditSession();
+    EditSession(const EditSession&) = delete;
+    EditSession& operator=(const EditSession&) = delete;
+
+    // The file the edit opens: the copy, or with --in-place the hive.
+    const std::string& WorkPath() const;
+    const std::string& HivePath() const { return hivePath_; }
+    // Once the library has closed the file: flushes the copy to disk,
+    // renames it over the hive and flushes the folder.
+    void Commit();
+
+private:
+    std::string hivePath_;
+    std::string filePath_;  // the file behind a symbolic link, which the copy replaces
+    HiveLock lock_;
+    std::unique_ptr<PendingFile> copy_;
+};
 
 }  // namespace TamvikTool

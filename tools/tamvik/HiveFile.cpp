@@ -1,9 +1,11 @@
 #include "HiveFile.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 #include "logs/BaseBlock.h"
+#include "logs/Files.h"
 #include "Session.h"
 
 namespace TamvikTool {
@@ -21,15 +23,30 @@ std::string Hex(std::uint64_t value) {
 
 HiveFile::HiveFile(const std::string& path) {
     std::FILE* f = std::fopen(path.c_str(), "rb");
-    if (f == nullptr) throw ToolError(path + ": can't open the file");
+    if (f == nullptr) throw ToolError(path + ": can't open (" + std::strerror(errno) + ")");
     std::uint8_t buffer[65536];
     std::size_t n;
     while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0) bytes_.insert(bytes_.end(), buffer, buffer + n);
     bool failed = std::ferror(f) != 0;
     std::fclose(f);
-    if (failed) throw ToolError(path + ": read error");
+    if (failed) throw ToolError(path + ": can't read (read error)");
+    fileSize_ = bytes_.size();
     ReadBaseBlock();
     ScanBins();
+}
+
+std::string WhyNotAHive(const std::string& path) {
+    TamvikLogs::Bytes head;
+    std::string error;
+    if (!TamvikLogs::ReadFile(path, &head, &error, kBaseBlockBytes)) return error;
+    if (head.empty()) return "empty file";
+    if (head.size() < kBaseBlockBytes)
+        return "only " + std::to_string(head.size()) + " bytes, fewer than the 4096 of a base block";
+    if (std::memcmp(head.data(), "regf", 4) != 0) return "no regf signature";
+    const std::uint32_t stored = LoadU32(head.data() + 0x1FC), computed = TamvikLogs::BaseBlockChecksum(head.data());
+    if (stored != computed)
+        return "base block checksum is wrong: stored " + Hex(stored) + ", computed " + Hex(computed);
+    return {};
 }
 
 void HiveFile::Add(std::uint64_t fileOffset, std::string text, bool warning) {

@@ -51,7 +51,7 @@ public:
     const std::vector<Bin>& Bins() const { return bins_; }
     const CellCounts& Counts() const { return counts_; }
     const std::vector<Finding>& Findings() const { return findings_; }
-    std::uint64_t FileSize() const { return bytes_.size(); }
+    std::uint64_t FileSize() const { return fileSize_; }
 
     // Offset of the payload inside a cell: 8 in version 1.1, 4 otherwise.
     std::uint32_t PayloadStart() const { return base_.minor == 1 ? 8 : 4; }
@@ -76,9 +76,15 @@ private:
     std::unordered_map<std::uint32_t, std::int32_t> cells_;
     std::vector<std::uint32_t> allocated_;
     bool fileTooShort_ = false;
+    std::uint64_t fileSize_ = 0;  // before a short file is padded to a base block
 };
 
 // "0x1234".
 std::string Hex(std::uint64_t value);
+
+// Why the library won't open a file as a hive, read from its base block:
+// "empty file", "only 12 bytes, ...", "no regf signature", "base block
+// checksum is wrong: ..."; empty when none of these holds.
+std::string WhyNotAHive(const std::string& path);
 
 }  // namespace TamvikTool

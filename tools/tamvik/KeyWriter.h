@@ -1,55 +1,68 @@
-// Changes to a hive through the library, made so that its handle rules hold:
-// keys are re-opened by path from the hive after every change to the tree.
-// The handle of a key made by RegCreateKeyExW is a node of its own: it serves
-// only the work that follows at once (its values, its own new subkeys), and
-// is dropped as soon as another key is opened, so that no second node of the
-// same key ever writes a stale copy.
+// Changes to a hive by key path, made through the library's internal edit
+// functions so that every name and every data stores as written. It keeps one
+// open handle per level of the last path it reached: an entry under the same
+// key, or a sibling, opens only what differs, and the library's rule (opening
+// a key ends the handle of its sibling and everything below) holds because a
+// level is dropped before anything beside or above it is opened or changed.
 #pragma once
 
 #include <set>
 #include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
 
 #include "RegAPI.h"
 #include "Session.h"
 #include "Text.h"
+#include "api/ToolEntry.h"
 
 namespace TamvikTool {
 
-// Why a new name can't be stored faithfully, or empty when it can. The
-// library writes new names in code page 936 and reads stored narrow names one
-// byte a character, so only 7-bit ASCII names read back as written.
+// Why a name can't be stored, or empty when it can.
 std::string NameProblem(const std::u16string& name, bool isKey);
 
 class KeyWriter {
 public:
-    explicit KeyWriter(HiveSession& session) : session_(session) {}
+    // order: where new subkeys go in their parent's list.
+    KeyWriter(HiveSession& session, Tamvik::ToolEdit::ListOrder order = Tamvik::ToolEdit::ListOrder::Library)
+        : session_(session), order_(order) {}
 
-    // Opens the key at path, creating missing keys on the way. *created
-    // (may be null) tells whether the last component was made.
+    // Opens the key at path, creating missing keys on the way. *created (may
+    // be null) tells whether the last component was made.
     RegAPI::LONG EnsureKey(const KeyPath& path, std::string* why, bool* created = nullptr);
-    // Opens an existing key (cached while the tree doesn't change).
-    RegAPI::LONG OpenKey(const KeyPath& path, RegAPI::HKEY* handle);
-    // Creates the value or replaces it; a value of another type, or one that
-    // can't be rewritten in place, is deleted and created anew.
+    // Opens an existing key; the handle is good until the next call.
+    RegAPI::LONG OpenKey(const KeyPath& path, RegAPI::HKEY* handle, std::string* why);
+    // Creates the value or gives it the new type and data in its place.
     RegAPI::LONG PutValue(const KeyPath& path, const std::u16string& name, RegAPI::DWORD type, const Bytes& data,
                           std::string* why);
     RegAPI::LONG DeleteValue(const KeyPath& path, const std::u16string& name, std::string* why);
     // Deletes one key; with recursive, its subtree first, leaves upward.
     RegAPI::LONG DeleteKey(const KeyPath& path, bool recursive, std::string* why);
+    // Puts the subkey list of the key at path in Windows order; *changed
+    // tells whether entries moved.
+    RegAPI::LONG Sort(const KeyPath& path, bool* changed, std::string* why);
+    // The same for every list that got a new entry; *sorted counts those
+    // whose entries moved.
+    RegAPI::LONG SortTouched(std::size_t* sorted, std::string* why);
 
 private:
-    RegAPI::LONG DeleteSubtree(const KeyPath& path, std::string* why);
-    void Forget() { cachedValid_ = false; }
-    static std::u16string Folded(const KeyPath& path);
+    struct Level {
+        std::u16string folded;  // the component, as the library matches names
+        std::u16string path;    // the folded path from the root
+        RegAPI::HKEY handle;
+        bool made;              // made by this writer: it holds only what was made here
+    };
+    RegAPI::LONG Reach(const KeyPath& path, bool create, std::string* why, bool* created);
+    RegAPI::LONG DeleteTree(KeyPath& path, std::string* why);
 
     HiveSession& session_;
-    // Keys made in this session, by ASCII-folded path: such a key has no
-    // children but those made here too, so a child that isn't in the set
-    // needn't be looked for before it is created.
-    std::set<std::u16string> made_;
-    bool cachedValid_ = false;
-    KeyPath cachedPath_;
-    RegAPI::HKEY cachedHandle_ = nullptr;
+    Tamvik::ToolEdit::ListOrder order_;
+    std::vector<Level> levels_;  // [0] the root, [i] the key at the first i components
+    // Keys made here by folded path, with the folded names of the values set
+    // in them: a name not in the set needn't be looked for.
+    std::unordered_map<std::u16string, std::unordered_set<std::u16string>> made_;
+    std::set<KeyPath> touched_;  // keys whose subkey lists got new entries
 };
 
 }  // namespace TamvikTool

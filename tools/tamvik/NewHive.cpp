@@ -1,9 +1,5 @@
 #include "NewHive.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <chrono>
 #include <cstring>
 
@@ -183,31 +179,6 @@ Image BuildEmptyHive(const NewHiveOptions& options, std::uint64_t timestamp, std
 
     Put32(bin + freeCell, kBinSize - freeCell);  // positive size: free
     return file;
-}
-
-bool WriteNewHive(const std::string& path, const NewHiveOptions& options, bool overwrite, std::string* error) {
-    Image image = BuildEmptyHive(options, FileTimeNow(), error);
-    if (image.empty()) return false;
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | (overwrite ? 0 : O_EXCL), 0644);
-    if (fd < 0) {
-        *error = std::strerror(errno);
-        return false;
-    }
-    std::size_t written = 0;
-    while (written < image.size()) {
-        ssize_t n = ::write(fd, image.data() + written, image.size() - written);
-        if (n <= 0) {
-            *error = std::strerror(errno);
-            ::close(fd);
-            return false;
-        }
-        written += static_cast<std::size_t>(n);
-    }
-    if (::close(fd) != 0) {
-        *error = std::strerror(errno);
-        return false;
-    }
-    return true;
 }
 
 }  // namespace TamvikTool

@@ -1,6 +1,6 @@
-// Writes a new, empty hive file: a base block and one bin holding the root
-// key and its security cell. It writes bytes only and needs nothing of the
-// library, so any tool can make a hive to start from.
+// A new, empty hive file: a base block and one bin holding the root key and
+// its security cell. It makes bytes only and needs nothing of the library,
+// so any tool can make a hive to start from.
 #pragma once
 
 #include <cstdint>
@@ -25,9 +25,5 @@ std::vector<std::uint8_t> DefaultSecurityDescriptor();
 
 // The current time as a FILETIME.
 std::uint64_t FileTimeNow();
-
-// Writes the image to a new file; refuses to replace an existing one unless
-// overwrite is set. False with *error on failure.
-bool WriteNewHive(const std::string& path, const NewHiveOptions& options, bool overwrite, std::string* error);
 
 }  // namespace TamvikTool

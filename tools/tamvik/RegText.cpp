@@ -147,7 +147,7 @@ std::vector<std::u16string> DecodeLines(const Bytes& file) {
         auto flushRaw = [&] {
             std::string_view view(raw);
             std::optional<std::u16string> wide = FromUtf8(view);
-            current = wide ? *wide : FromLatin1(view);
+            current = wide ? *wide : FromWindows1252(view);
             flush();
             raw.clear();
         };
@@ -194,8 +194,18 @@ bool ReadQuoted(const std::u16string& text, std::size_t* pos, std::u16string* ou
 
 std::string Narrow(std::u16string_view s) { return ToUtf8(s); }
 
-// Parses the part behind '=' of a value line into op (type and data, or a deletion).
-bool ParseData(const std::u16string& text, RegOp* op, std::string* error) {
+// The ANSI bytes of a REGEDIT4 string as the UTF-16 data Windows stores.
+Bytes AnsiToUtf16(const Bytes& ansi) {
+    Bytes out;
+    out.reserve(ansi.size() * 2);
+    for (char16_t c : FromWindows1252(std::string_view(reinterpret_cast<const char*>(ansi.data()), ansi.size())))
+        AppendU16(out, c);
+    return out;
+}
+
+// Parses the part behind '=' of a value line into op (type and data, or a
+// deletion). ansi: a REGEDIT4 file, whose hex string data is ANSI text.
+bool ParseData(const std::u16string& text, RegOp* op, std::string* error, bool ansi) {
     if (text == u"-") {
         op->kind = RegOp::DeleteValue;
         return true;
@@ -250,7 +260,8 @@ bool ParseData(const std::u16string& text, RegOp* op, std::string* error) {
         *error = "malformed hex bytes";
         return false;
     }
-    op->data = std::move(*bytes);
+    const bool stringType = op->type == 1 || op->type == 2 || op->type == 7;
+    op->data = ansi && stringType ? AnsiToUtf16(*bytes) : std::move(*bytes);
     return true;
 }
 
@@ -260,6 +271,7 @@ RegParse ParseRegText(const Bytes& file) {
     RegParse parse;
     std::vector<std::u16string> lines = DecodeLines(file);
     bool header = false;
+    bool ansi = false;  // REGEDIT4
     bool haveKey = false;
     std::u16string currentKey;
     for (std::size_t i = 0; i < lines.size(); ++i) {
@@ -276,6 +288,7 @@ RegParse ParseRegText(const Bytes& file) {
                 return parse;
             }
             header = true;
+            ansi = trimmed == u"REGEDIT4";
             continue;
         }
         std::u16string trimmed = TrimLeft(line);
@@ -335,7 +348,7 @@ RegParse ParseRegText(const Bytes& file) {
         }
         std::u16string data = TrimLeft(std::u16string_view(joined).substr(pos + 1));
         std::string why;
-        if (!ParseData(data, &op, &why)) {
+        if (!ParseData(data, &op, &why, ansi)) {
             error(why);
             continue;
         }

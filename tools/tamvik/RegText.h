@@ -57,8 +57,9 @@ struct RegParse {
 };
 
 // Parses .reg text: UTF-16LE with a byte order mark, or UTF-8 with or without
-// one (lines that are not UTF-8 are read as Latin-1). Lines ending in a
-// backslash continue on the next line.
+// one (lines that are not UTF-8 are read as code page 1252). The hex data
+// of string types in a REGEDIT4 file is ANSI text, and becomes UTF-16. Lines
+// ending in a backslash continue on the next line.
 RegParse ParseRegText(const Bytes& file);
 
 }  // namespace TamvikTool

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "HiveFile.h"
 #include "Text.h"
 
 namespace TamvikTool {
@@ -26,7 +27,7 @@ std::string ResultMeaning(LONG result) {
 }
 
 std::string DescribeResult(LONG result) {
-    return "result " + std::to_string(result) + " (" + ResultMeaning(result) + ")";
+    return "(" + ResultMeaning(result) + ", result " + std::to_string(result) + ")";
 }
 
 void UsageError(const std::string& message) { throw ToolError(message, kExitUsage); }
@@ -59,11 +60,12 @@ std::u16string JoinPath(const KeyPath& path) {
 
 std::string ShowPath(const KeyPath& path) { return ToDisplay(JoinPath(path)); }
 
-HiveSession::HiveSession(const std::string& path, bool readOnly) : path_(path) {
+HiveSession::HiveSession(const std::string& path, bool readOnly, const std::string& shownAs)
+    : path_(shownAs.empty() ? path : shownAs) {
     // Test the file first: the library answers a missing or unreadable file
     // with 87 only, and errno says more.
     int fd = ::open(path.c_str(), readOnly ? O_RDONLY : O_RDWR);
-    if (fd < 0) throw ToolError(path + ": can't open: " + std::strerror(errno));
+    if (fd < 0) throw ToolError(path_ + ": can't open (" + std::strerror(errno) + ")");
     std::u16string wide;
     bool ascii = true;
     for (char c : path) ascii = ascii && static_cast<unsigned char>(c) < 0x80;
@@ -81,7 +83,9 @@ HiveSession::HiveSession(const std::string& path, bool readOnly) : path_(path) {
         if (fd_ >= 0) ::close(fd_);
         fd_ = -1;
         hive_ = nullptr;
-        throw ToolError(path + ": can't open hive: " + DescribeResult(result));
+        // The library gives one number for every refusal; the file tells why.
+        const std::string why = WhyNotAHive(path);
+        throw ToolError(path_ + ": can't open as a hive " + (why.empty() ? DescribeResult(result) : "(" + why + ")"));
     }
 }
 
@@ -93,7 +97,7 @@ HiveSession::~HiveSession() {
 HKEY HiveSession::Root() {
     HKEY root = nullptr;
     LONG result = RegOpenKeyExW(hive_, u"", 0, 0, &root);
-    if (result != Result::Ok) throw ToolError(path_ + ": root key unreadable: " + DescribeResult(result));
+    if (result != Result::Ok) throw ToolError(path_ + ": root key unreadable " + DescribeResult(result));
     return root;
 }
 
@@ -116,7 +120,7 @@ HKEY HiveSession::Open(const KeyPath& path) {
     HKEY handle = nullptr;
     LONG result = TryOpen(path, &handle);
     if (result != Result::Ok)
-        throw ToolError(path_ + ": key " + ShowPath(path) + ": can't open: " + DescribeResult(result));
+        throw ToolError(path_ + ": key " + ShowPath(path) + ": can't open " + DescribeResult(result));
     return handle;
 }
 

@@ -14,10 +14,12 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;  // the hive or an operation failed, or check found problems
 constexpr int kExitUsage = 2;   // bad arguments: nothing was opened for writing
 constexpr int kExitDirty = 3;   // an editing command refused a dirty hive (see tamvik replay)
+constexpr int kExitLocked = 4;  // an editing command found the hive locked by another process
 
 // Meaning of a library result number, for messages.
 std::string ResultMeaning(RegAPI::LONG result);
-// "result 87 (invalid argument or not found)".
+// The why of a message: "(invalid argument or not found, result 87)". Every
+// message reads "PATH: what happened (why)".
 std::string DescribeResult(RegAPI::LONG result);
 
 // A failure that ends the command: the message is printed as one line on stderr.
@@ -49,7 +51,8 @@ std::u16string JoinPath(const KeyPath& path);
 // per level: every lookup may end handles below the level it touches.
 class HiveSession {
 public:
-    HiveSession(const std::string& path, bool readOnly);
+    // shownAs: the name messages give the hive (an edit works on a copy).
+    HiveSession(const std::string& path, bool readOnly, const std::string& shownAs = {});
     ~HiveSession();
     HiveSession(const HiveSession&) = delete;
     HiveSession& operator=(const HiveSession&) = delete;

@@ -1,6 +1,5 @@
 #include "StructureCheck.h"
 
-#include <cwctype>
 #include <map>
 #include <set>
 
@@ -58,24 +57,6 @@ private:
         referenced_.insert(offset);
         if (size != nullptr) *size = length;
         return p;
-    }
-
-    std::u16string KeyName(const std::uint8_t* nk, std::uint32_t length) {
-        const std::uint16_t flags = LoadU16(nk + 2);
-        const std::uint16_t n = LoadU16(nk + 0x48);
-        std::u16string name;
-        if (0x4Cu + n > length) return name;
-        if (flags & 0x20) {
-            for (std::uint16_t i = 0; i < n; ++i) name += static_cast<char16_t>(nk[0x4C + i]);
-        } else {
-            for (std::uint16_t i = 0; i + 1 < n; i += 2) name += static_cast<char16_t>(LoadU16(nk + 0x4C + i));
-        }
-        return name;
-    }
-
-    static std::u16string Upper(std::u16string s) {
-        for (char16_t& c : s) c = static_cast<char16_t>(std::towupper(c));
-        return s;
     }
 
     void CheckKey(std::uint32_t key, std::uint32_t parent, Stack* stack) {
@@ -136,21 +117,9 @@ private:
         if (entries.size() != count)
             Problem(key, "key counts " + std::to_string(count) + " subkeys, its list holds " +
                              std::to_string(entries.size()));
-        std::u16string previous;
-        bool first = true;
-        for (std::uint32_t entry : entries) {
-            std::uint32_t entrySize = 0;
-            const std::uint8_t* child = Cell(entry, "subkey list entry", listCell, &entrySize);
-            if (child == nullptr) continue;
-            if (entrySize >= 0x4C && child[0] == 'n' && child[1] == 'k') {
-                std::u16string name = Upper(KeyName(child, entrySize));
-                if (!first && !(previous < name))
-                    Problem(listCell, "subkey list not in name order at entry " + Hex(entry), true);
-                previous = name;
-                first = false;
-            }
-            stack->push_back({entry, key});
-        }
+        // Their order is checked by name, on the walk through the library.
+        for (std::uint32_t entry : entries)
+            if (Cell(entry, "subkey list entry", listCell) != nullptr) stack->push_back({entry, key});
     }
 
     bool ReadLeaf(std::uint32_t cell, const std::uint8_t* list, std::uint32_t size, std::vector<std::uint32_t>* out) {

@@ -1,6 +1,7 @@
 #include "Text.h"
 
 #include <cstdio>
+#include <limits>
 
 namespace TamvikTool {
 
@@ -93,17 +94,23 @@ std::optional<std::u16string> FromUtf8(std::string_view text) {
     return out;
 }
 
+std::u16string FromWindows1252(std::string_view text) {
+    // 0x80 to 0x9F: the characters Windows puts where Latin-1 has controls.
+    static const char16_t kHigh[32] = {0x20AC, 0x81,   0x201A, 0x192,  0x201E, 0x2026, 0x2020, 0x2021,
+                                       0x2C6,  0x2030, 0x160,  0x2039, 0x152,  0x8D,   0x17D,  0x8F,
+                                       0x90,   0x2018, 0x2019, 0x201C, 0x201D, 0x2022, 0x2013, 0x2014,
+                                       0x2DC,  0x2122, 0x161,  0x203A, 0x153,  0x9D,   0x17E,  0x178};
+    std::u16string out = FromLatin1(text);
+    for (char16_t& c : out)
+        if (c >= 0x80 && c < 0xA0) c = kHigh[c - 0x80];
+    return out;
+}
+
 std::u16string FromLatin1(std::string_view text) {
     std::u16string out;
     out.reserve(text.size());
     for (char c : text) out += static_cast<char16_t>(static_cast<std::uint8_t>(c));
     return out;
-}
-
-bool IsAscii(std::u16string_view text) {
-    for (char16_t c : text)
-        if (c >= 0x80) return false;
-    return true;
 }
 
 std::string HexBytes(const std::uint8_t* data, std::size_t size, std::string_view separator) {
@@ -156,13 +163,15 @@ std::optional<std::uint64_t> ParseNumber(std::string_view text) {
         base = 16;
         text.remove_prefix(2);
     }
+    constexpr std::uint64_t kMax = std::numeric_limits<std::uint64_t>::max();
     std::uint64_t value = 0;
     for (char c : text) {
-        int d = HexDigit(c);
+        const int d = HexDigit(c);
         if (d < 0 || d >= base) return std::nullopt;
-        std::uint64_t next = value * static_cast<std::uint64_t>(base) + static_cast<std::uint64_t>(d);
-        if ((next - static_cast<std::uint64_t>(d)) / static_cast<std::uint64_t>(base) != value) return std::nullopt;
-        value = next;
+        const auto digit = static_cast<std::uint64_t>(d), radix = static_cast<std::uint64_t>(base);
+        // Both the product and the sum must stay within 64 bits.
+        if (value > (kMax - digit) / radix) return std::nullopt;
+        value = value * radix + digit;
     }
     return value;
 }

@@ -19,12 +19,11 @@ std::string ToUtf8(std::u16string_view text);
 std::string ToDisplay(std::u16string_view text);
 // UTF-8 to UTF-16; nullopt for malformed input.
 std::optional<std::u16string> FromUtf8(std::string_view text);
-// Every byte one character (for text that isn't UTF-8).
+// Every byte one character.
 std::u16string FromLatin1(std::string_view text);
-
-// True when every character is 7-bit ASCII: only such names are stored by the
-// library so that they read back as written.
-bool IsAscii(std::u16string_view text);
+// Every byte one character of the Windows ANSI code page 1252 (for text that
+// isn't UTF-8, and the ANSI data of REGEDIT4 files).
+std::u16string FromWindows1252(std::string_view text);
 
 // "01,ab,ff" style, lowercase, with the given separator.
 std::string HexBytes(const std::uint8_t* data, std::size_t size, std::string_view separator);

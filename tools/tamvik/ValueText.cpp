@@ -167,3 +167,26 @@ Bytes DataFromArguments(std::uint32_t type, const std::vector<std::string>& valu
 }
 
 }  // namespace TamvikTool
+
+namespace TamvikTool {
+
+Bytes DataFromInput(std::uint32_t type, const Bytes& input) {
+    const bool text = type == 1 || type == 2 || type == 6 || type == 7 || type == 4 || type == 5 || type == 11;
+    if (!text) return input;
+    std::string all(input.begin(), input.end());
+    if (!all.empty() && all.back() == '\n') all.pop_back();
+    if (!all.empty() && all.back() == '\r') all.pop_back();
+    if (type != 7) return DataFromArguments(type, {all});
+    std::vector<std::string> lines;  // none for an empty list
+    for (std::size_t start = 0; !all.empty() && start <= all.size();) {
+        std::size_t end = all.find('\n', start);
+        if (end == std::string::npos) end = all.size();
+        std::string line = all.substr(start, end - start);
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        lines.push_back(std::move(line));
+        start = end + 1;
+    }
+    return DataFromArguments(type, lines);
+}
+
+}  // namespace TamvikTool

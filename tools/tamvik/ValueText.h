@@ -25,5 +25,9 @@ std::string PrintData(std::uint32_t type, const Bytes& data);
 
 // The data for set from its arguments (UTF-8); throws a usage ToolError.
 Bytes DataFromArguments(std::uint32_t type, const std::vector<std::string>& values);
+// The data for set from a file or standard input: the bytes as they are for
+// binary types; for the others the text an argument would hold (UTF-8, one
+// final line break dropped), a multi-string one string a line.
+Bytes DataFromInput(std::uint32_t type, const Bytes& input);
 
 }  // namespace TamvikTool

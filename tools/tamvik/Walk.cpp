@@ -1,5 +1,7 @@
 #include "Walk.h"
 
+#include "api/ToolEntry.h"
+
 namespace TamvikTool {
 
 using namespace RegAPI;
@@ -10,9 +12,9 @@ namespace {
 constexpr DWORD kNameCapacity = 65537;
 }  // namespace
 
-std::vector<std::u16string> SubKeyNames(HKEY key, LONG* result) {
+std::vector<SubKey> SubKeys(HKEY key, LONG* result) {
     *result = Result::Ok;
-    std::vector<std::u16string> names;
+    std::vector<SubKey> names;
     DWORD count = 0;
     LONG r = RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, &count, nullptr, nullptr, nullptr, nullptr, nullptr,
                               nullptr, nullptr);
@@ -28,7 +30,7 @@ std::vector<std::u16string> SubKeyNames(HKEY key, LONG* result) {
             if (*result == Result::Ok) *result = r;
             continue;
         }
-        names.emplace_back(buffer.data(), length);
+        names.push_back({i, std::u16string(buffer.data(), length)});
     }
     return names;
 }
@@ -91,18 +93,16 @@ void WalkTree(HKEY handle, const KeyPath& path, const WalkEvents& events, bool r
     if (!recursive) return;
     LONG listResult = Result::Ok;
     // The names are taken first: enumeration ends no handle, opening does.
-    std::vector<std::u16string> names = SubKeyNames(handle, &listResult);
+    const std::vector<SubKey> subKeys = SubKeys(handle, &listResult);
     if (listResult != Result::Ok && events.onListError) events.onListError(path, listResult);
+    if (events.onSubKeys) events.onSubKeys(path, subKeys);
     KeyPath childPath = path;
     childPath.emplace_back();
-    for (const auto& name : names) {
-        childPath.back() = name;
-        if (name.find(u'\0') != std::u16string::npos || name.find(u'\\') != std::u16string::npos) {
-            if (events.onUnreachable) events.onUnreachable(childPath, Result::Invalid);
-            continue;
-        }
+    for (const SubKey& subKey : subKeys) {
+        childPath.back() = subKey.name;
+        if (events.enter && !events.enter(childPath)) continue;
         HKEY child = nullptr;
-        LONG r = RegOpenKeyExW(handle, name.c_str(), 0, 0, &child);
+        LONG r = Tamvik::ToolEdit::OpenSubKeyAt(handle, subKey.index, &child);
         if (r != Result::Ok) {
             if (events.onUnreachable) events.onUnreachable(childPath, r);
             continue;

@@ -22,8 +22,13 @@ struct ValueEntry {
     RegAPI::DWORD index = 0;
 };
 
-// Names of the subkeys in stored order; *result gets the first failure (0 if none).
-std::vector<std::u16string> SubKeyNames(RegAPI::HKEY key, RegAPI::LONG* result);
+// A subkey by its position in the list and its name.
+struct SubKey {
+    RegAPI::DWORD index = 0;
+    std::u16string name;
+};
+// The subkeys in stored order; *result gets the first failure (0 if none).
+std::vector<SubKey> SubKeys(RegAPI::HKEY key, RegAPI::LONG* result);
 // Every value in stored order; an unreadable one is listed with its result.
 std::vector<ValueEntry> ReadValues(RegAPI::HKEY key, RegAPI::LONG* result);
 // One value by name; returns the result, fills entry on 0.
@@ -33,15 +38,20 @@ RegAPI::LONG ReadValue(RegAPI::HKEY key, const std::u16string& name, ValueEntry*
 struct WalkEvents {
     // A key that was opened; the handle is good until the callback returns.
     std::function<void(const KeyPath&, RegAPI::HKEY)> onKey;
-    // A subkey that can't be entered: name unusable as a path, or the open failed.
+    // A subkey that can't be entered: the open failed.
     std::function<void(const KeyPath& child, RegAPI::LONG)> onUnreachable;
+    // Whether to enter a subkey (default: every one).
+    std::function<bool(const KeyPath& child)> enter;
+    // The subkeys of a key, in stored order, before any of them is entered.
+    std::function<void(const KeyPath&, const std::vector<SubKey>&)> onSubKeys;
     // The subkey list of a key couldn't be enumerated completely.
     std::function<void(const KeyPath&, RegAPI::LONG)> onListError;
 };
 
 // Walks from the key at path (already open as handle) downward, depth first.
-// Subkeys are opened by name from their parent's handle, so the parent's
-// handle stays good while its children are visited.
+// Subkeys are opened by position from their parent's handle, so the parent's
+// handle stays good while its children are visited, and a name that no path
+// can give (one with a NUL or a backslash) is reached too.
 void WalkTree(RegAPI::HKEY handle, const KeyPath& path, const WalkEvents& events, bool recursive = true);
 
 }  // namespace TamvikTool

@@ -14,11 +14,20 @@ using namespace TamvikTool;
 namespace {
 
 void PrintOverview(std::FILE* out) {
-    std::fprintf(out, "usage: tamvik COMMAND [ARGS]   (tamvik COMMAND --help for details)\n\ncommands:\n");
+    std::fprintf(out,
+                 "usage: tamvik COMMAND [ARGS]   (tamvik COMMAND --help for details; tamvik --version)\n\n"
+                 "commands:\n");
     for (const Command& c : AllCommands()) std::fprintf(out, "  %-8s %s\n", c.name, c.summary);
     std::fprintf(out,
+                 "\nEditing commands (import, set, mkkey, rm, rmkey, check --repair) lock the hive\n"
+                 "(flock on the file itself), work on a copy beside it (HIVE.tmp-XXXXXX), flush it\n"
+                 "to disk and rename it over the hive: interrupted at any moment, the hive is the\n"
+                 "old one or the new one (a kill -9 may leave the copy behind; delete it). With\n"
+                 "--in-place they edit the hive itself, for hives too large to copy: an\n"
+                 "interruption then leaves a half-made edit.\n"
                  "\nexit status: 0 done, 1 failed (or check found problems), 2 bad arguments,\n"
-                 "3 an editing command refused a dirty hive (see tamvik replay --help)\n");
+                 "3 an editing command refused a dirty hive (see tamvik replay --help),\n"
+                 "4 an editing command found the hive locked by another process\n");
 }
 
 bool WantsHelp(const CommandArgs& args) {
@@ -39,6 +48,10 @@ int main(int argc, char** argv) {
     const std::string name = argv[1];
     if (name == "--help" || name == "-h" || name == "help") {
         PrintOverview(stdout);
+        return kExitOk;
+    }
+    if (name == "--version") {
+        std::printf("tamvik %s\n", TAMVIK_VERSION);
         return kExitOk;
     }
     for (const Command& command : AllCommands()) {

@@ -1,0 +1,31 @@
+#include "KeyTime.h"
+
+#include <ctime>
+
+namespace TamvikTool {
+
+namespace {
+constexpr std::uint64_t kTicksPerSecond = 10000000;
+constexpr std::int64_t kSecondsFrom1601To1970 = 11644473600;
+// 2^34 seconds since 1970 reach past the year 2500; as a FILETIME, 2^34 ticks
+// are less than half an hour after 1601.
+constexpr std::uint64_t kLargestUnixStamp = 1ull << 34;
+
+std::string Format(std::int64_t seconds, const char* pattern) {
+    const std::time_t time = static_cast<std::time_t>(seconds);
+    std::tm parts{};
+    char buffer[64];
+    if (gmtime_r(&time, &parts) == nullptr || std::strftime(buffer, sizeof buffer, pattern, &parts) == 0) return "?";
+    return buffer;
+}
+}  // namespace
+
+KeyTime DecodeKeyTime(std::uint64_t stamp) {
+    if (stamp == 0) return {};
+    const bool unix = stamp < kLargestUnixStamp;
+    const std::int64_t seconds = unix ? static_cast<std::int64_t>(stamp)
+                                      : static_cast<std::int64_t>(stamp / kTicksPerSecond) - kSecondsFrom1601To1970;
+    return {Format(seconds, "%Y-%m-%d %H:%M:%S UTC"), Format(seconds, "%Y-%m-%dT%H:%M:%SZ"), unix ? "unix" : "filetime"};
+}
+
+}  // namespace TamvikTool
