@@ -118,9 +118,11 @@ std::uint32_t WriteBigData(Hive* hive, const std::uint8_t* data, std::uint32_t l
 
 namespace {
 // After a successful addition: the carried names learn the new last position.
-void LearnAppendedName(Key* owner, const std::string& name, std::uint32_t position) {
+void LearnAppendedName(Key* owner, Hive* hive, const std::string& name, std::uint32_t position) {
     if (!owner->carriedValueNames) return;
     NameIndex& names = *owner->carriedValueNames;
+    // The entries before the new one stand where they stood, with their cells unchanged.
+    names.Confirm(hive->Generation());
     if (names.scanned != position) return;
     const CaseMap& map = CurrentCaseMap();
     LookupHash hash;  // the name is stored narrow: a unit per byte
@@ -133,7 +135,7 @@ void LearnAppendedName(Key* owner, const std::string& name, std::uint32_t positi
 bool AddValue(Key* owner, Hive* hive, const std::string& name, const std::uint8_t* data, std::uint32_t type,
               std::uint32_t length) {
     const bool added = AddValueCells(owner, hive, name, data, type, length);
-    if (added) LearnAppendedName(owner, name, owner->ValueCount() - 1);
+    if (added) LearnAppendedName(owner, hive, name, owner->ValueCount() - 1);
     else owner->carriedValueNames.reset();
     return added;
 }

@@ -117,8 +117,12 @@ SubValList* Key::EnumValueList(Hive* hive) {
 
 Key* Key::FindSubKey(Hive* hive, const char16_t* name) {
     if (SubKeyCount() == 0) return nullptr;
-    if (subKeyList == nullptr) subKeyList = GetSubKeyList(hive);
-    if (subKeyList == nullptr) return nullptr;
+    if (subKeyList == nullptr) {
+        subKeyList = GetSubKeyList(hive);
+        if (subKeyList == nullptr) return nullptr;
+        if (std::optional<NameIndex> learnt = hive->TakeNames(subKeyList->GetOffset(), false))
+            subKeyList->AdoptNames(std::move(*learnt));
+    }
     return NodeAs<Key>(subKeyList->FindChild(hive, name));
 }
 
@@ -126,6 +130,7 @@ Val* Key::FindValue(Hive* hive, const char16_t* name) {
     if (ValueCount() == 0) return nullptr;
     if (valueList == nullptr) {
         valueList = GetValueList(hive);
+        if (!carriedValueNames && valueList != nullptr) carriedValueNames = hive->TakeNames(valueList->GetOffset(), true);
         if (valueList != nullptr && carriedValueNames) valueList->AdoptNames(std::move(*carriedValueNames));
         carriedValueNames.reset();
     }

@@ -12,7 +12,7 @@
 #include <optional>
 #include <string_view>
 
-#include "nodes/NameIndex.h"
+#include "store/NameIndex.h"
 
 namespace Tamvik {
 

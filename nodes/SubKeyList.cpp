@@ -21,7 +21,9 @@ SubKeyList::SubKeyList(std::uint32_t offset_, Node* parent_, std::uint8_t* buffe
     : Node(offset_, parent_, buffer_, bufferSize_),
       record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
-SubKeyList::~SubKeyList() = default;
+SubKeyList::~SubKeyList() {
+    if (Hive* hive = NodeAs<Hive>(GetRoot())) hive->ParkNames(offset, false, std::move(names));
+}
 
 WString SubKeyList::GetName() const { return u"SubKeyList"; }
 
@@ -49,7 +51,7 @@ Node* SubKeyList::FindChild(Hive* hive, const char16_t* name) {
         return ScanLiterally(child, count, wanted, [&](std::uint32_t i) { return GetAt(hive, i); },
                              [&](std::uint64_t i) { return NothingFrom(i); });
     }
-    names.Refresh();
+    names.Refresh(hive->Generation());
     if (!names.limit) names.limit = PositionLimit(hive);
     // Positions past the limit build nothing, so the scan ends as it would after them.
     const std::uint64_t limit = std::min<std::uint64_t>(count, *names.limit);

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "nodes/Key.h"
-#include "nodes/NameIndex.h"
+#include "store/NameIndex.h"
 #include "store/Node.h"
 #include "store/Record.h"
 
@@ -40,6 +40,8 @@ public:
     virtual std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index);
 
     std::uint16_t Signature() const { return record.U16(ListField::Signature); }
+    // Takes over what the scans of an earlier node of this list learnt.
+    void AdoptNames(NameIndex&& learnt) { names = std::move(learnt); }
 
     RecordRef record;
     std::unique_ptr<Key> child;

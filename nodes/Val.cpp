@@ -56,7 +56,9 @@ SubValList::SubValList(std::uint32_t offset_, Node* parent_, std::uint8_t* buffe
     : Node(offset_, parent_, buffer_, bufferSize_),
       record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
-SubValList::~SubValList() = default;
+SubValList::~SubValList() {
+    if (Hive* hive = NodeAs<Hive>(GetRoot())) hive->ParkNames(offset, true, std::move(names));
+}
 
 WString SubValList::GetName() const { return u"SubValList"; }
 
@@ -73,7 +75,7 @@ Node* SubValList::FindChild(Hive* hive, const char16_t* name) {
         return ScanLiterally(child, count, wanted, [&](std::uint32_t i) { return GetAt(hive, i); },
                              [&](std::uint64_t i) { return i >= limit; });
     }
-    names.Refresh();
+    names.Refresh(hive->Generation());
     return ScanByName(
         child, names, count, limit, wanted, [&](std::uint32_t i) { return NameHashAt(hive, i); },
         [&](std::uint32_t i) { return GetAt(hive, i); });

@@ -6,7 +6,7 @@
 #include <memory>
 #include <optional>
 
-#include "nodes/NameIndex.h"
+#include "store/NameIndex.h"
 #include "store/Format.h"
 #include "store/Node.h"
 #include "store/Record.h"

@@ -41,7 +41,37 @@ Hive::Hive(const WString& fileName_, void* context, SeekOp seek, ReadOp read, Wr
     ReadElement(baseBlock, kBaseBlockSize);
 }
 
-Hive::~Hive() = default;
+Hive::~Hive() {
+    // The nodes go first, while what they hand over on their way can still be taken (and is not).
+    closing_ = true;
+    rootKey.reset();
+    createdKeys.clear();
+}
+
+void Hive::ParkNames(std::uint32_t listCell, bool values, NameIndex&& names) {
+    if (image_ == nullptr || closing_ || names.Empty()) return;
+    if (parkedGeneration_ != generation_) {
+        parked_.clear();
+        parkedGeneration_ = generation_;
+    }
+    try {
+        parked_.insert_or_assign(std::uint64_t{listCell} << 1 | values, std::move(names));
+    } catch (const std::bad_alloc&) {
+        // What isn't kept is learnt again.
+    }
+}
+
+std::optional<NameIndex> Hive::TakeNames(std::uint32_t listCell, bool values) {
+    if (parkedGeneration_ != generation_) {
+        parked_.clear();
+        return std::nullopt;
+    }
+    auto it = parked_.find(std::uint64_t{listCell} << 1 | values);
+    if (it == parked_.end()) return std::nullopt;
+    NameIndex names = std::move(it->second);
+    parked_.erase(it);
+    return names;
+}
 
 WString Hive::GetName() const { return fileName; }
 

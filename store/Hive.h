@@ -7,11 +7,13 @@
 
 #include <cstdint>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include "store/BinIndex.h"
 #include "store/FileImage.h"
 #include "store/Format.h"
+#include "store/NameIndex.h"
 #include "store/Node.h"
 #include "store/StorageOps.h"
 
@@ -114,6 +116,12 @@ public:
     WString fileName;
     std::unique_ptr<Node> rootKey;
 
+    // What the scans of a list learnt, handed over when its node goes, for the
+    // next node of the same list cell (values: a value list) to take back.
+    // Kept while the hive takes no write; hives in memory only.
+    void ParkNames(std::uint32_t listCell, bool values, NameIndex&& names);
+    std::optional<NameIndex> TakeNames(std::uint32_t listCell, bool values);
+
     // Keys made by the create functions: handed to callers, owned here, and
     // released with the hive so that a caller's handle stays good until the close.
     std::vector<std::unique_ptr<Node>> createdKeys;
@@ -128,6 +136,9 @@ private:
     std::unique_ptr<FileImage> image_;
     std::unique_ptr<BinIndex> bins_;
     std::uint64_t generation_ = 0;
+    std::unordered_map<std::uint64_t, NameIndex> parked_;
+    std::uint64_t parkedGeneration_ = 0;
+    bool closing_ = false;
 };
 
 // Sum of the first 127 words of the base block, with 0 and 0xFFFFFFFF replaced.

@@ -91,6 +91,26 @@ TEST(Storage, AFileThatCantGrowLosesNothing) {
     EXPECT_EQ(ListFile(file.Path()).lines.back(), "V\t\\Data\tSmall\t3\t09090909");
 }
 
+// What a key's node learnt of its list holds only while the file stays: here
+// a key deleted and another made through a second handle take the first one's
+// cell, and a lookup through the first handle's older list finds the new name
+// there, as reading the list afresh does.
+TEST(Storage, LookupsAnswerForTheFileAsItIsNow) {
+    HiveBuilder builder;
+    builder.AddTree(TreeKey{"Root"});
+    TestHive test(builder);
+    HKEY made = nullptr, a = nullptr, c = nullptr, seen = nullptr, found = nullptr, e = nullptr;
+    ASSERT_EQ(RegCreateKeyExW(test.Key(), u"X", &made), Result::Ok);
+    ASSERT_EQ(RegCreateKeyExW(made, u"C", &c) + RegCreateKeyExW(made, u"A", &a), Result::Ok);
+    ASSERT_EQ(RegOpenKeyExW(test.hive, u"R\\X", 0, 0, &seen), Result::Ok);
+    ASSERT_EQ(RegOpenKeyExW(seen, u"C", 0, 0, &found), Result::Ok);
+    const std::uint32_t cOffset = reinterpret_cast<Tamvik::Node*>(found)->GetOffset();
+    ASSERT_EQ(RegDeleteKeyW(made, u"C"), Result::Ok);
+    ASSERT_EQ(RegCreateKeyExW(made, u"E", &e), Result::Ok);
+    ASSERT_EQ(reinterpret_cast<Tamvik::Node*>(e)->GetOffset(), cOffset) << "E takes C's cell";
+    EXPECT_EQ(RegOpenKeyExW(seen, u"E", 0, 0, &found), Result::Ok);
+}
+
 // The first fit as the walk from the first bin finds it, worked out from the
 // bytes alone: the cell offset for a cell of need bytes, or none.
 std::optional<std::uint32_t> ReferenceFirstFit(const std::uint8_t* file, std::uint64_t fileSize, std::uint32_t need) {

@@ -1,12 +1,13 @@
-#include "nodes/NameIndex.h"
+#include "store/NameIndex.h"
 
 namespace Tamvik {
 
-void NameIndex::Refresh() {
+void NameIndex::Refresh(std::uint64_t generation) {
     const std::uint64_t rules = CaseRules();
-    if (rules != rules_) {
+    if (rules != rules_ || generation != generation_) {
         Clear();
         rules_ = rules;
+        generation_ = generation;
     }
 }
 

@@ -1,8 +1,9 @@
 // What a list's scans by name have learnt so far: for each position read, a
 // hash of its upper-case name, so that a repeated lookup needs no build per
-// position. It is kept with the list node, whose image it describes, and
-// dropped when the list changes or the case rules (the locale) change. A hash
-// only points at a position; the name found there is always compared whole.
+// position. It is kept with the list node, and when that goes, with the hive
+// for the next node of the same list. It holds while the hive takes no write
+// and the case rules (the locale) stay. A hash only points at a position; the
+// name found there is always compared whole.
 #pragma once
 
 #include <cstdint>
@@ -34,9 +35,13 @@ private:
 
 class NameIndex {
 public:
-    // Forgets everything when the case rules that upper-cased the names have changed.
-    void Refresh();
+    // Forgets everything when the case rules that upper-cased the names, or
+    // the hive's generation (see Hive::Generation), have changed since.
+    void Refresh(std::uint64_t generation);
     void Clear();
+    // After a write whose effect on the names the caller has recorded: what is known holds at generation.
+    void Confirm(std::uint64_t generation) { generation_ = generation; }
+    bool Empty() const { return scanned == 0; }
     // First position read whose name has this hash, if any.
     std::optional<std::uint32_t> Find(std::uint64_t hash) const;
     // Records the hash of the next position read (positions come in order).
@@ -53,6 +58,7 @@ private:
     std::size_t Home(std::uint64_t hash) const { return static_cast<std::size_t>(hash) & (slots_.size() - 1); }
 
     std::uint64_t rules_ = 0;
+    std::uint64_t generation_ = 0;
     std::vector<Slot> slots_;  // open addressing, a power of two in size, at most half full
     std::size_t used_ = 0;
 };
