@@ -22,7 +22,7 @@ SubKeyList::SubKeyList(std::uint32_t offset_, Node* parent_, std::uint8_t* buffe
       record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 SubKeyList::~SubKeyList() {
-    if (Hive* hive = NodeAs<Hive>(GetRoot())) hive->ParkNames(offset, false, std::move(names));
+    if (Hive* hive = NodeAs<Hive>(RootAbove())) hive->ParkNames(offset, false, std::move(names));
 }
 
 WString SubKeyList::GetName() const { return u"SubKeyList"; }

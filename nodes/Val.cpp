@@ -57,7 +57,7 @@ SubValList::SubValList(std::uint32_t offset_, Node* parent_, std::uint8_t* buffe
       record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 SubValList::~SubValList() {
-    if (Hive* hive = NodeAs<Hive>(GetRoot())) hive->ParkNames(offset, true, std::move(names));
+    if (Hive* hive = NodeAs<Hive>(RootAbove())) hive->ParkNames(offset, true, std::move(names));
 }
 
 WString SubValList::GetName() const { return u"SubValList"; }

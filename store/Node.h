@@ -55,6 +55,9 @@ public:
     virtual ~Node();
 
     std::uint32_t GetBufferSize() const { return bufferSize; }
+    // The top of the parent chain when it is another node: safe in a
+    // destructor, where asking a parentless node its own class is not.
+    Node* RootAbove() const { return root != this ? root : nullptr; }
 
 protected:
     std::uint32_t offset;

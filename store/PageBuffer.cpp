@@ -4,6 +4,17 @@
 
 #include <cstring>
 
+#if defined(__SANITIZE_ADDRESS__)
+#define TAMVIK_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define TAMVIK_ASAN 1
+#endif
+#endif
+#ifdef TAMVIK_ASAN
+#include <sanitizer/asan_interface.h>
+#endif
+
 namespace Tamvik {
 
 namespace {
@@ -13,14 +24,41 @@ constexpr int MADV_POPULATE_WRITE = 23;  // older headers lack it; older kernels
 #endif
 
 std::uint64_t RoundUp(std::uint64_t value, std::uint64_t unit) { return (value + unit - 1) / unit * unit; }
+
+// Under the address sanitizer the mapped bytes past the size count as out of
+// bounds, as a vector's spare capacity would: a read past the end of the
+// image is then reported instead of landing in mapped zeros.
+void MarkInBounds(std::uint8_t* data, std::uint64_t size, std::uint64_t capacity) {
+#ifdef TAMVIK_ASAN
+    ASAN_UNPOISON_MEMORY_REGION(data, size);
+    ASAN_POISON_MEMORY_REGION(data + size, capacity - size);
+#else
+    (void)data, (void)size, (void)capacity;
+#endif
+}
 }  // namespace
 
 PageBuffer::~PageBuffer() {
-    if (data_ != nullptr) ::munmap(data_, capacity_);
+    if (data_ == nullptr) return;
+    MarkInBounds(data_, capacity_, capacity_);
+    ::munmap(data_, capacity_);
 }
 
 bool PageBuffer::Reserve(std::uint64_t needed, std::uint64_t capacity) {
     capacity = RoundUp(capacity, kHugePage);
+    if (data_ != nullptr) {
+        MarkInBounds(data_, capacity_, capacity_);
+        // Growing: the pages move as they are, without a copy; new ones come when first written.
+        void* moved = ::mremap(data_, capacity_, capacity, MREMAP_MAYMOVE);
+        if (moved == MAP_FAILED) {
+            MarkInBounds(data_, size_, capacity_);
+            return false;
+        }
+        data_ = static_cast<std::uint8_t*>(moved);
+        capacity_ = capacity;
+        ::madvise(data_, capacity_, MADV_HUGEPAGE);
+        return true;
+    }
     // One huge page more than asked, so that the start can move to a huge page boundary.
     const std::uint64_t mapped = capacity + kHugePage;
     void* block = ::mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
@@ -33,10 +71,6 @@ bool PageBuffer::Reserve(std::uint64_t needed, std::uint64_t capacity) {
     ::madvise(aligned, capacity, MADV_HUGEPAGE);
     // The pages in use now, had in one go rather than one fault at a time.
     ::madvise(aligned, RoundUp(needed, kHugePage), MADV_POPULATE_WRITE);
-    if (data_ != nullptr) {
-        std::memcpy(aligned, data_, size_);
-        ::munmap(data_, capacity_);
-    }
     data_ = aligned;
     capacity_ = capacity;
     return true;
@@ -47,6 +81,7 @@ bool PageBuffer::Resize(std::uint64_t size) {
     // Bytes given up are cleared, so that growing again brings zeros.
     if (size < size_) std::memset(data_ + size, 0, size_ - size);
     size_ = size;
+    MarkInBounds(data_, size_, capacity_);
     return true;
 }
 
