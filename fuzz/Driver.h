@@ -15,6 +15,10 @@ namespace TamvikFuzz {
 
 using Bytes = std::vector<std::uint8_t>;
 
+// How far a harness walks a hive: far enough to reach what a small hive
+// holds, short enough to keep hundreds of inputs a second under ASan.
+constexpr TamvikTest::ProbeLimits kWalkLimits{24, 300, 32, 16 << 10};
+
 // Each harness defines this; the driver hands it every input.
 void Harness(Bytes input);
 

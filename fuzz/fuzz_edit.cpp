@@ -127,7 +127,7 @@ void Harness(Bytes input) {
     FixBaseBlock(bytes);
     HiveUnderTest hive(bytes, (input[0] & 0x20) != 0);
     if (hive.Open() != Result::Ok) return;
-    TamvikTest::ProbeResult first = TamvikTest::Probe(hive.Handle(), {24, 300, 32, 1 << 16});
+    TamvikTest::ProbeResult first = TamvikTest::Probe(hive.Handle(), kWalkLimits);
     Require(first);
     first.paths.insert(first.paths.begin(), u"");
     for (std::size_t i = 0; i < steps; ++i) {
@@ -138,7 +138,7 @@ void Harness(Bytes input) {
         Check(opened, "open a target");
         if (opened == Result::Ok) Step(key, &input[1 + 4 * i]);
     }
-    Require(TamvikTest::Probe(hive.Handle(), {24, 300, 32, 1 << 16}));
+    Require(TamvikTest::Probe(hive.Handle(), kWalkLimits));
     hive.Close();
     Require(hive.Open() == Result::Ok, "an edited hive no longer opens");
 }

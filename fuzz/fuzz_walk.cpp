@@ -9,8 +9,8 @@ void Harness(Bytes bytes) {
     FixBaseBlock(bytes);
     HiveUnderTest hive(bytes);
     if (hive.Open() != RegAPI::Result::Ok) return;
-    Require(TamvikTest::Probe(hive.Handle()));
-    Require(TamvikTest::Probe(hive.Handle(), {24, 200, 16, 4096}));  // over the caches the first walk left
+    Require(TamvikTest::Probe(hive.Handle(), kWalkLimits));
+    Require(TamvikTest::Probe(hive.Handle(), {8, 100, 8, 4096}));  // over the caches the first walk left
     hive.Close();
     Require(hive.DeviceWrites() == 0 && hive.Contents() == bytes, "a walk changed the file");
 }

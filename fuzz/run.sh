@@ -23,8 +23,8 @@ ninja -C "$build" fuzz_walk fuzz_edit make_seeds >/dev/null || exit 1
 bash "$here/seed.sh" "$build" || exit 1
 mkdir -p "$artifacts"
 
-common=(-rss_limit_mb=2048 -timeout=10 -max_len=524288 -dict="$here/hive.dict" -print_final_stats=1)
-export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+common=(-rss_limit_mb=2048 -timeout=10 -max_len=65600 -dict="$here/hive.dict" -print_final_stats=1)
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:quarantine_size_mb=16:max_malloc_fill_size=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 status=0
 pids=()
 for harness in "${harnesses[@]}"; do

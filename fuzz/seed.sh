@@ -10,7 +10,7 @@ here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 build="${1:?usage: seed.sh BUILD_DIR}"
 work="$here/corpus-work"
 shared="${TAMVIK_SHARED_HIVES:-$here/../../shared/hives}"
-max_bytes=$((1024 * 1024))
+max_bytes=$((64 * 1024))  # small hives: hundreds of inputs a second
 
 mkdir -p "$work/walk" "$work/edit"
 

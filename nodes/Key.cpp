@@ -1,5 +1,7 @@
 #include "nodes/Key.h"
 
+#include <algorithm>
+
 #include "nodes/MakeNode.h"
 #include "nodes/SubKeyList.h"
 #include "nodes/Val.h"
@@ -29,12 +31,14 @@ namespace {
 // Calls unit(u) for each UTF-16 unit of a record's name: one unit per byte
 // when narrow, pairs of bytes when wide (an odd last byte dropped), cut at the
 // end of the record. Gives the number of units.
+std::uint32_t NameBytes(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField) {
+    return std::min<std::uint32_t>(record.U16(lengthField), record.Available(nameField));
+}
+
 template <class Unit>
 std::uint32_t ForEachNameUnit(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField,
                               bool narrow, Unit unit) {
-    std::uint32_t length = record.U16(lengthField);
-    const std::uint32_t available = record.Available(nameField);
-    if (length > available) length = available;
+    const std::uint32_t length = NameBytes(record, lengthField, nameField);
     const std::uint8_t* bytes = record.Data() + nameField;
     if (narrow) {
         for (std::uint32_t i = 0; i < length; ++i) unit(static_cast<char16_t>(bytes[i]));
@@ -46,10 +50,10 @@ std::uint32_t ForEachNameUnit(const RecordRef& record, std::uint32_t lengthField
 }  // namespace
 
 WString RecordName(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField, bool narrow) {
-    WString name(record.U16(lengthField), u'\0');
+    const std::uint32_t bytes = NameBytes(record, lengthField, nameField);
+    WString name(narrow ? bytes : bytes / 2, u'\0');
     std::size_t length = 0;
     ForEachNameUnit(record, lengthField, nameField, narrow, [&](char16_t unit) { name[length++] = unit; });
-    name.resize(length);
     return name;
 }
 
