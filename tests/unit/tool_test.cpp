@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "edit/NameForms.h"
+#include "store/ByteOrder.h"
 #include "store/Format.h"
 #include "support/Fixture.h"
 #include "support/Listing.h"
@@ -476,6 +477,43 @@ TEST_F(Tool, DamagedHivesEndWithAStatus) {
     }
     const ToolRun sum = Cli({"check", SharedHives() + "/damaged/EZ-Registry__SAN_OTHER"});
     EXPECT_NE(sum.out.find("offset 0x1fc: base block: checksum"), std::string::npos) << sum.out;
+
+    // Hives an edit would harm more are refused whole, and taken with --force:
+    // a file shorter than its bins, a list two keys share, a lying cell size.
+    const auto write = [](const std::string& path, const Bytes& bytes) { WriteText(path, std::string(bytes.begin(), bytes.end())); };
+    Bytes lying = ReadFileBytes(SharedHives() + "/clean/nt-hive__testhive");
+    Tamvik::StoreU32(lying.data() + Tamvik::kBaseBlockSize + 0x3C8, static_cast<std::uint32_t>(-32));
+    write(At("lying"), lying);
+    for (const std::string name : {"truncated", "shared", "lying"}) {
+        if (name != "lying")
+            fs::copy_file(SharedHives() + (name == "truncated" ? "/damaged/yarp__TruncatedHive" : "/damaged/yarp__BadListHive"),
+                          At(name));
+        fs::permissions(At(name), fs::perms::owner_write, fs::perm_options::add);
+        const Bytes before = ReadFileBytes(At(name));
+        const ToolRun refused = Cli({"mkkey", At(name), "New"});
+        EXPECT_EQ(refused.status, 5) << name << refused.err;
+        EXPECT_EQ(ReadFileBytes(At(name)), before) << name;
+        EXPECT_EQ(Cli({"mkkey", "--force", At(name), "New"}).status, 0) << name;
+    }
+    EXPECT_NE(Cli({"mkkey", At("shared"), "X"}).err.find("cross-linked"), std::string::npos);
+
+    // A count of billions ends a walk at the list's real end, at once.
+    const Bytes clean = ReadFileBytes(SharedHives() + "/clean/plaso__100_sub_keys.hiv");
+    for (std::uint32_t field : {Tamvik::NkField::SubKeyCount, Tamvik::NkField::ValueCount}) {
+        for (std::uint32_t count : {0xFFFFFFFFu, 7667712u}) {
+            Bytes bytes = clean;
+            Tamvik::StoreU32(bytes.data() + Tamvik::kBaseBlockSize + Tamvik::LoadU32(bytes.data() + Tamvik::BaseBlockField::RootCell) + 4 +
+                         field, count);
+            write(At("counted"), bytes);
+            for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+                     {"ls", "-r", At("counted")}, {"export", At("counted")}, {"check", At("counted")}}) {
+                const auto start = std::chrono::steady_clock::now();
+                const ToolRun run = Cli(args);
+                EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1)) << args[0] << " " << count;
+                EXPECT_LT(run.out.size(), 64u << 10) << args[0];
+            }
+        }
+    }
 }
 
 }  // namespace

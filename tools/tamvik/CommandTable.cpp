@@ -58,7 +58,7 @@ const std::vector<Command>& AllCommands() {
          "  --prefix P        prefix to strip from every key path\n"
          "  --windows-order   put new subkeys, and every list they join, in the\n"
          "                    order Windows keeps (see tamvik check --help)\n"
-         "  --force           edit a dirty hive anyway (exit status 3 without it)\n"
+         "  --force           edit a dirty (status 3) or damaged (5) hive anyway\n"
          "  --in-place        edit the hive itself instead of a copy (see tamvik --help)\n",
          RunImport},
         {"set", "create or replace one value",
@@ -73,7 +73,7 @@ const std::vector<Command>& AllCommands() {
          "@FILE or - (standard input) gives the data instead: the bytes as they\n"
          "are for the hex types, else the text an argument would hold (one final\n"
          "line break dropped; multi_sz one string a line).\n"
-         "  --force      edit a dirty hive anyway (exit status 3 without it)\n"
+         "  --force      edit a dirty (status 3) or damaged (5) hive anyway\n"
          "  --in-place   edit the hive itself instead of a copy (see tamvik --help)\n",
          RunSet},
         {"mkkey", "create a key and any missing keys above it",
@@ -81,20 +81,20 @@ const std::vector<Command>& AllCommands() {
          "Fails with 72 (already exists) when the key is there already. A new key\n"
          "joins its parent's list where the library puts it (_stricmp order).\n"
          "  --windows-order   put the lists it joins in the order Windows keeps\n"
-         "  --force      edit a dirty hive anyway (exit status 3 without it)\n"
+         "  --force      edit a dirty (status 3) or damaged (5) hive anyway\n"
          "  --in-place   edit the hive itself instead of a copy (see tamvik --help)\n",
          RunMkkey},
         {"rm", "delete one value",
          "usage: tamvik rm HIVE PATH NAME [--force] [--in-place]\n"
          "NAME '' is the default value.\n"
-         "  --force      edit a dirty hive anyway (exit status 3 without it)\n"
+         "  --force      edit a dirty (status 3) or damaged (5) hive anyway\n"
          "  --in-place   edit the hive itself instead of a copy (see tamvik --help)\n",
          RunRm},
         {"rmkey", "delete a key",
          "usage: tamvik rmkey HIVE PATH [-r] [--force] [--in-place]\n"
          "Deletes the key at PATH, which must have no subkeys unless -r is given.\n"
          "  -r, --recursive   delete the whole subtree, leaves first\n"
-         "  --force           edit a dirty hive anyway (exit status 3 without it)\n"
+         "  --force           edit a dirty (status 3) or damaged (5) hive anyway\n"
          "  --in-place        edit the hive itself instead of a copy (see tamvik --help)\n",
          RunRmkey},
         {"check", "verify the structure of a hive",
@@ -113,7 +113,7 @@ const std::vector<Command>& AllCommands() {
          "  -q, --quiet   print problems only, no summary\n"
          "  --repair      rewrite those lists in Windows order (the same cells and\n"
          "                hints, nothing else touched), as an edit: locked, on a copy\n"
-         "  --force       with --repair: edit a dirty hive anyway\n"
+         "  --force       with --repair: edit a dirty or damaged hive anyway\n"
          "  --in-place    with --repair: edit the hive itself instead of a copy\n",
          RunCheck},
         {"new", "write a new empty hive",

@@ -12,7 +12,9 @@
 #include <filesystem>
 
 #include "DirtyState.h"
+#include "HiveFile.h"
 #include "Session.h"
+#include "StructureCheck.h"
 #include "logs/Files.h"
 
 namespace TamvikTool {
@@ -33,6 +35,37 @@ void RefuseDirty(const std::string& hivePath) {
                         "): its latest changes may be only in its transaction logs, and Windows would replay them "
                         "over an edit. Run 'tamvik replay' on it first, or give --force to edit it as it is",
                     kExitDirty);
+}
+
+// The library edits a hive by the rules of its format and trusts what it
+// reads: in a file shorter than its bins, with cells that overlap or lists
+// that two keys share, an edit could write past the file's end, overwrite a
+// neighbour or free a list another key still uses. Such a hive is edited only
+// with --force. A file that can't be read is let through: opening it will say
+// why.
+void RefuseDamaged(const std::string& hivePath) {
+    std::vector<Finding> problems;
+    try {
+        const HiveFile file(hivePath);
+        if (!file.Base().signatureOk) return;
+        problems = file.Findings();
+        const StructureReport report = CheckStructure(file);
+        problems.insert(problems.end(), report.findings.begin(), report.findings.end());
+    } catch (const ToolError&) {
+        return;
+    }
+    std::size_t count = 0;
+    const Finding* first = nullptr;
+    for (const Finding& finding : problems) {
+        if (finding.warning) continue;
+        if (++count == 1) first = &finding;
+    }
+    if (first == nullptr) return;
+    throw ToolError(hivePath + ": the hive is damaged (" + std::to_string(count) + " problem(s), the first at file offset " +
+                        Hex(first->fileOffset) + ": " + first->text +
+                        "): an edit could lose keys or overwrite other cells. 'tamvik check' lists the problems; "
+                        "--force edits it as it is",
+                    kExitDamaged);
 }
 
 // The copy an interrupted edit leaves behind is removed by the signal's
@@ -113,7 +146,10 @@ std::string FileBehind(const std::string& path) {
 
 EditSession::EditSession(const std::string& hivePath, const EditOptions& options)
     : hivePath_(hivePath), filePath_(FileBehind(hivePath)), lock_(filePath_) {
-    if (!options.force) RefuseDirty(hivePath_);
+    if (!options.force) {
+        RefuseDirty(hivePath_);
+        RefuseDamaged(hivePath_);
+    }
     if (options.inPlace) return;
     const int from = ::open(filePath_.c_str(), O_RDONLY | O_CLOEXEC);
     if (from < 0) throw ToolError(hivePath_ + ": can't open (" + std::strerror(errno) + ")");

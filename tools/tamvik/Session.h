@@ -15,6 +15,7 @@ constexpr int kExitFailed = 1;  // the hive or an operation failed, or check fou
 constexpr int kExitUsage = 2;   // bad arguments: nothing was opened for writing
 constexpr int kExitDirty = 3;   // an editing command refused a dirty hive (see tamvik replay)
 constexpr int kExitLocked = 4;  // an editing command found the hive locked by another process
+constexpr int kExitDamaged = 5; // an editing command refused a hive whose structure check found problems
 
 // Meaning of a library result number, for messages.
 std::string ResultMeaning(RegAPI::LONG result);

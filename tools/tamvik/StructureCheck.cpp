@@ -44,9 +44,11 @@ private:
     }
 
     // The payload of an allocated cell that a reference names, or null with a
-    // problem told against the referring cell.
+    // problem told against the referring cell. Only keys' security cells are
+    // shared by design; any other cell named twice is cross-linked, and an
+    // edit through one owner would free or rewrite it under the other.
     const std::uint8_t* Cell(std::uint32_t offset, const std::string& what, std::uint32_t from,
-                             std::uint32_t* size = nullptr) {
+                             std::uint32_t* size = nullptr, bool shared = false) {
         std::uint32_t length = 0;
         const std::uint8_t* p = offset == kNoCellOffset || offset % 8 != 0 ? nullptr : file_.Payload(offset, &length);
         if (p == nullptr) {
@@ -54,7 +56,8 @@ private:
             Problem(from, what + " " + Hex(offset) + " names " + why);
             return nullptr;
         }
-        referenced_.insert(offset);
+        if (!referenced_.insert(offset).second && !shared)
+            Problem(from, what + " " + Hex(offset) + " is also named elsewhere (cross-linked cells)");
         if (size != nullptr) *size = length;
         return p;
     }
@@ -80,7 +83,7 @@ private:
             Problem(key, "root key lacks the hive entry flag", true);
 
         const std::uint32_t security = LoadU32(nk + 0x2C);
-        if (Cell(security, "security cell", key) != nullptr) ++securityRefs_[security];
+        if (Cell(security, "security cell", key, nullptr, true) != nullptr) ++securityRefs_[security];
         const std::uint16_t classLength = LoadU16(nk + 0x4A);
         if (classLength != 0) {
             std::uint32_t size = 0;
@@ -117,9 +120,10 @@ private:
         if (entries.size() != count)
             Problem(key, "key counts " + std::to_string(count) + " subkeys, its list holds " +
                              std::to_string(entries.size()));
-        // Their order is checked by name, on the walk through the library.
+        // Their order is checked by name, on the walk through the library; a
+        // key named twice is told by CheckKey.
         for (std::uint32_t entry : entries)
-            if (Cell(entry, "subkey list entry", listCell) != nullptr) stack->push_back({entry, key});
+            if (Cell(entry, "subkey list entry", listCell, nullptr, true) != nullptr) stack->push_back({entry, key});
     }
 
     bool ReadLeaf(std::uint32_t cell, const std::uint8_t* list, std::uint32_t size, std::vector<std::uint32_t>* out) {
@@ -222,7 +226,7 @@ private:
             // The ring: the next cell must point back here.
             const std::uint32_t next = LoadU32(p + 0x04);
             std::uint32_t nextSize = 0;
-            const std::uint8_t* n = Cell(next, "sk ring link", sk, &nextSize);
+            const std::uint8_t* n = Cell(next, "sk ring link", sk, &nextSize, true);
             if (n != nullptr && (nextSize < 0x14 || n[0] != 's' || n[1] != 'k' || LoadU32(n + 0x08) != sk))
                 Problem(sk, "sk ring broken: next " + Hex(next) + " doesn't point back");
         }

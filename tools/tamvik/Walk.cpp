@@ -10,6 +10,30 @@ namespace {
 // Room for the longest name a record can hold (65535 bytes, one character
 // each when narrow) and its terminator, so the capacity test never refuses.
 constexpr DWORD kNameCapacity = 65537;
+
+// A count read from a damaged key can claim billions of entries its list
+// doesn't hold. A walk over one stops where the library says there is no
+// such entry (87), or after this many failures in a row: real damage
+// leaves a few unreadable entries, not thousands.
+constexpr DWORD kFailureRun = 64;
+
+// Goes through entries 0 to count - 1 with read(i), which gives the result
+// for entry i; stops early as said above. The result: the first failure.
+template <class Read>
+LONG ForEachEntry(DWORD count, Read read) {
+    LONG first = Result::Ok;
+    DWORD failures = 0;
+    for (DWORD i = 0; i < count; ++i) {
+        const LONG r = read(i);
+        if (r == Result::Ok) {
+            failures = 0;
+            continue;
+        }
+        if (first == Result::Ok) first = r;
+        if (r == Result::Invalid || ++failures >= kFailureRun) break;
+    }
+    return first;
+}
 }  // namespace
 
 std::vector<SubKey> SubKeys(HKEY key, LONG* result) {
@@ -23,15 +47,12 @@ std::vector<SubKey> SubKeys(HKEY key, LONG* result) {
         return names;
     }
     std::u16string buffer(kNameCapacity, u'\0');
-    for (DWORD i = 0; i < count; ++i) {
+    *result = ForEachEntry(count, [&](DWORD i) {
         DWORD length = kNameCapacity;
-        r = RegEnumKeyExW(key, i, buffer.data(), &length, nullptr, nullptr, nullptr, nullptr);
-        if (r != Result::Ok) {
-            if (*result == Result::Ok) *result = r;
-            continue;
-        }
-        names.push_back({i, std::u16string(buffer.data(), length)});
-    }
+        const LONG r = RegEnumKeyExW(key, i, buffer.data(), &length, nullptr, nullptr, nullptr, nullptr);
+        if (r == Result::Ok) names.push_back({i, std::u16string(buffer.data(), length)});
+        return r;
+    });
     return names;
 }
 
@@ -46,13 +67,13 @@ std::vector<ValueEntry> ReadValues(HKEY key, LONG* result) {
         return values;
     }
     std::u16string buffer(kNameCapacity, u'\0');
-    for (DWORD i = 0; i < count; ++i) {
+    *result = ForEachEntry(count, [&](DWORD i) {
         ValueEntry entry;
         entry.index = i;
         DWORD length = kNameCapacity;
         DWORD size = 0;
         // First the size (a null data pointer), then the data itself.
-        r = RegEnumValueW(key, i, buffer.data(), &length, nullptr, &entry.type, nullptr, &size);
+        LONG r = RegEnumValueW(key, i, buffer.data(), &length, nullptr, &entry.type, nullptr, &size);
         if (r == Result::Ok) {
             entry.name.assign(buffer.data(), length);
             if (size != 0) {
@@ -65,9 +86,10 @@ std::vector<ValueEntry> ReadValues(HKEY key, LONG* result) {
             }
         }
         entry.result = r;
-        if (r != Result::Ok && *result == Result::Ok) *result = r;
-        values.push_back(std::move(entry));
-    }
+        // An index the library says isn't there is no entry to list.
+        if (r != Result::Invalid) values.push_back(std::move(entry));
+        return r;
+    });
     return values;
 }
 
