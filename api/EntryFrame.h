@@ -5,11 +5,19 @@
 #include "RegAPI.h"
 #include "nodes/Key.h"
 #include "store/Hive.h"
+#include "store/LiveHandles.h"
 
 namespace Tamvik {
 
-inline Node* NodeOf(RegAPI::HKEY handle) { return reinterpret_cast<Node*>(handle); }
-inline RegAPI::HKEY HandleOf(Node* node) { return reinterpret_cast<RegAPI::HKEY>(node); }
+// A handle's node, or null when it isn't a live handle: never handed out, or
+// ended with its node or with its node's hive.
+// Every key handed out dies with its hive (the hive owns its chain and the
+// keys created in it), so a live key means a live hive.
+inline Node* NodeOf(RegAPI::HKEY handle) { return IsLiveHandle(handle) ? reinterpret_cast<Node*>(handle) : nullptr; }
+inline RegAPI::HKEY HandleOf(Node* node) {
+    PublishHandle(node);
+    return reinterpret_cast<RegAPI::HKEY>(node);
+}
 // The run-time class tests of the entry points; null for null and for another class.
 inline Key* KeyOf(RegAPI::HKEY handle) { return NodeAs<Key>(NodeOf(handle)); }
 inline Hive* HiveOf(RegAPI::HKEY handle) { return NodeAs<Hive>(NodeOf(handle)); }

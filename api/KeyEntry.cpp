@@ -33,7 +33,7 @@ LONG EnumKeyName(HKEY handle, DWORD index, DWORD* nameLength, WString* name) {
 LONG RegOpenKeyExW(HKEY key, const WCHAR* path, DWORD, DWORD, HKEY* result) {
     if (key == nullptr || path == nullptr || result == nullptr) return Result::Invalid;
     Node* start = NodeOf(key);
-    Hive* hive = HiveAbove(start);
+    Hive* hive = start != nullptr ? HiveAbove(start) : nullptr;
     if (hive == nullptr) return Result::Invalid;
     Key* found = NodeAs<Key>(WalkPath(start, hive, path));
     if (found == nullptr) return Result::Invalid;

@@ -5,6 +5,7 @@
 
 #include "store/ByteOrder.h"
 #include "store/Hive.h"
+#include "store/LiveHandles.h"
 
 namespace Tamvik {
 
@@ -13,6 +14,13 @@ Node::Node(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_, std::uin
       bufferSize(bufferSize_) {}
 
 Node::~Node() = default;
+
+void Node::operator delete(Node* node, std::destroying_delete_t) {
+    const bool handle = node->published;
+    node->~Node();
+    if (handle) ReleaseHandleBlock(node);
+    else ::operator delete(static_cast<void*>(node));
+}
 
 Node* Node::GetParent() const { return parent; }
 std::uint8_t* Node::GetBuffer() const { return buffer; }

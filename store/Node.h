@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <new>
 #include <string_view>
 
 #include "store/Platform.h"
@@ -36,8 +37,11 @@ public:
     Node(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize);
     Node(const Node&) = delete;
     Node& operator=(const Node&) = delete;
-    // A node and its image are one block of memory (see MakeNode), released as one.
-    static void operator delete(void* block) { ::operator delete(block); }
+    // A node and its image are one block of memory (see MakeNode), released
+    // as one. The block of a node that was a handle is held back a while
+    // (see LiveHandles.h), so that the next node isn't built at the address
+    // a caller may still hold.
+    static void operator delete(Node* node, std::destroying_delete_t);
 
     virtual NodeClass Class() const = 0;
 
@@ -55,6 +59,9 @@ public:
     virtual ~Node();
 
     std::uint32_t GetBufferSize() const { return bufferSize; }
+    // Whether the node was handed to a caller as a handle (see LiveHandles.h).
+    bool Published() const { return published; }
+    void MarkPublished() { published = true; }
     // The top of the parent chain when it is another node: safe in a
     // destructor, where asking a parentless node its own class is not.
     Node* RootAbove() const { return root != this ? root : nullptr; }
@@ -65,6 +72,9 @@ protected:
     Node* root;    // the top of the parent chain, fixed with it
     std::uint8_t* buffer;  // not owned: it lives in the node's block
     std::uint32_t bufferSize;  // bytes in buffer; the bound of every access to the image
+
+private:
+    bool published = false;
 };
 
 // The node as a T when its class is T or derives from it, else null.

@@ -271,6 +271,60 @@ TEST(Contract, WhichCallsEndHandles) {
     EXPECT_EQ(Tamvik::KeyOf(mixed)->subKeyList, nullptr);
 }
 
+// A handle whose node has died, or that never was one, is refused by every
+// entry point that takes a handle, before anything follows it.
+TEST(Contract, EndedHandlesGive87) {
+    const BYTE data[4] = {1, 2, 3, 4};
+    const std::vector<std::function<LONG(HKEY)>> calls = {
+        [](HKEY k) { HKEY out = nullptr; return RegOpenKeyExW(k, u"B", 0, 0, &out); },
+        [](HKEY k) { HKEY out = nullptr; return RegOpenKeyExA(k, "", 0, 0, &out); },
+        [](HKEY k) { return RegCloseKey(k); },
+        [](HKEY k) { DWORD n = 0; return RegQueryInfoKeyW(k, 0, 0, 0, &n, 0, 0, 0, 0, 0, 0, 0); },
+        [](HKEY k) { DWORD n = 0; return RegQueryInfoKeyA(k, 0, 0, 0, &n, 0, 0, 0, 0, 0, 0, 0); },
+        [](HKEY k) { WCHAR name[8]; DWORD n = 8; return RegEnumKeyExW(k, 0, name, &n, 0, 0, 0, 0); },
+        [](HKEY k) { char name[8]; DWORD n = 8; return RegEnumKeyExA(k, 0, name, &n, 0, 0, 0, 0); },
+        [](HKEY k) { WCHAR name[8]; DWORD n = 8; return RegEnumValueW(k, 0, name, &n, 0, 0, 0, 0); },
+        [](HKEY k) { char name[8]; DWORD n = 8; return RegEnumValueA(k, 0, name, &n, 0, 0, 0, 0); },
+        [](HKEY k) { DWORD n = 0; return RegQueryValueExW(k, u"val", 0, 0, 0, &n); },
+        [](HKEY k) { DWORD n = 0; return RegQueryValueExA(k, "val", 0, 0, 0, &n); },
+        [](HKEY k) { HKEY out = nullptr; return RegCreateKeyExW(k, u"N", &out); },
+        [](HKEY k) { HKEY out = nullptr; return RegCreateKeyExA(k, "N", &out); },
+        [&](HKEY k) { return RegSetValueExW(k, u"val", 0, 4, data, 4); },
+        [&](HKEY k) { return RegSetValueExA(k, "val", 0, 4, data, 4); },
+        [&](HKEY k) { return RegSetValueNewW(k, u"w", 0, 4, data, 4); },
+        [&](HKEY k) { return RegSetValueNewA(k, "w", 0, 4, data, 4); },
+        [](HKEY k) { return RegDeleteKeyW(k, u"B"); },
+        [](HKEY k) { return RegDeleteKeyA(k, "B"); },
+        [](HKEY k) { return RegDeleteValueW(k, u"val"); },
+        [](HKEY k) { return RegDeleteValueA(k, "val"); },
+        [](HKEY k) { HKEY copy = k; return CloseHive(&copy); },
+        [](HKEY k) { HKEY copy = k; return CloseHiveByVolume(&copy, nullptr); },
+    };
+    const auto expectRefused = [&](HKEY handle, const char* how) {
+        for (std::size_t i = 0; i < calls.size(); ++i) EXPECT_EQ(calls[i](handle), Result::Invalid) << how << ", call " << i;
+    };
+    TestHive test(PathHive());
+    const Bytes before = test.Disk();
+    HKEY b = test.Key(u"A\\B");
+    ASSERT_NE(test.Key(u"A\\C"), nullptr);
+    expectRefused(b, "a sibling opened");
+    HKEY a = test.Key(u"A");
+    ASSERT_NE(test.Key(u"E"), nullptr);
+    expectRefused(a, "another branch opened");
+    int local = 0;
+    expectRefused(reinterpret_cast<HKEY>(&local), "never a handle");
+    expectRefused(reinterpret_cast<HKEY>(reinterpret_cast<char*>(test.Key()) + 8), "inside a key");
+    EXPECT_EQ(test.Disk(), before) << "nothing reached the file";
+    HKEY mixed = test.Key(u"MiXed");
+    ASSERT_EQ(RegDeleteKeyW(test.Key(), u"MiXed"), Result::Ok);
+    expectRefused(mixed, "the key deleted");
+    HKEY root = test.Key(), hive = test.hive;
+    test.Close();
+    expectRefused(root, "the hive closed");
+    expectRefused(hive, "the hive closed (its own handle)");
+    EXPECT_EQ(RegFlushKey(nullptr), Result::Ok);
+}
+
 TEST(Contract, RootCellThatIsNoKeyGives87) {
     HiveBuilder builder = PathHive();
     builder.SetRoot(builder.TreeSecurity());
