@@ -13,13 +13,13 @@ source_dir="$(cd "$here/.." && pwd)"
 build="${TAMVIK_FUZZ_BUILD:-$source_dir/build-fuzz}"
 work="$here/corpus-work"
 artifacts="$work/artifacts"
-harnesses=(walk edit)
+harnesses=(walk edit model)
 
 if [ ! -f "$build/CMakeCache.txt" ]; then
   CC=clang CXX=clang++ cmake -S "$source_dir" -B "$build" -G Ninja -DTAMVIK_SANITIZE=ON -DTAMVIK_FUZZ=ON \
     -DTAMVIK_TESTS=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null || exit 1
 fi
-ninja -C "$build" fuzz_walk fuzz_edit make_seeds >/dev/null || exit 1
+ninja -C "$build" fuzz_walk fuzz_edit fuzz_model make_seeds >/dev/null || exit 1
 bash "$here/seed.sh" "$build" || exit 1
 mkdir -p "$artifacts"
 

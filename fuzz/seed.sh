@@ -12,7 +12,13 @@ work="$here/corpus-work"
 shared="${TAMVIK_SHARED_HIVES:-$here/../../shared/hives}"
 max_bytes=$((64 * 1024))  # small hives: hundreds of inputs a second
 
-mkdir -p "$work/walk" "$work/edit"
+mkdir -p "$work/walk" "$work/edit" "$work/model"
+
+# Model scripts (see fuzz_model.cpp): keys made, filled, rewritten and deleted.
+printf '\x01\x00\x00\x03\x00\x00\x02\x01\x01\x01\x05\x08\x02\x01\x05\x0a\x03\x01\x05\x00\x04\x00\x02\x00' \
+  > "$work/model/seed-0"
+printf '\x02\x00\x00\x00\x00\x00\x00\x03\x01\x00\x00\x01\x01\x01\x09\x02\x00\x03\x09\x04\x00\x00\x00' \
+  > "$work/model/seed-1"
 
 # Edit scripts put ahead of a hive: a step count and four bytes per step (see
 # fuzz_edit.cpp). Create a key, add a value, rewrite, delete a value, delete
