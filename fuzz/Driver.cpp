@@ -1,3 +1,4 @@
+// The fuzz driver: memory devices and files for the hive under test (see Driver.h).
 #include "Driver.h"
 
 #include <sys/mman.h>

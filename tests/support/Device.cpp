@@ -1,3 +1,4 @@
+// A volume device over an ordinary file that records its calls (see Device.h).
 #include "support/Device.h"
 
 #include <sys/types.h>

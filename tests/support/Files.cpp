@@ -1,3 +1,4 @@
+// Temporary files and the shared hives' folder (see Files.h).
 #include "support/Files.h"
 
 #include <dirent.h>

@@ -1,3 +1,4 @@
+// The suite's one fixture: a built hive opened in the suite's mode (see Fixture.h).
 #include "support/Fixture.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Hives laid out byte by byte for the tests (see HiveBuilder.h).
 #include "support/HiveBuilder.h"
 
 #include <algorithm>

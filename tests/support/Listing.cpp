@@ -1,3 +1,4 @@
+// Normalised listings of a hive through the public functions (see Listing.h).
 #include "support/Listing.h"
 
 #include <cwctype>

@@ -1,3 +1,4 @@
+// The model of keys and values the edit tests compare against (see ModelTree.h).
 #include "support/ModelTree.h"
 
 #include <algorithm>

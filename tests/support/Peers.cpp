@@ -1,3 +1,4 @@
+// hivex and libregf as oracles (see Peers.h).
 #include "support/Peers.h"
 
 #include <sys/wait.h>

@@ -1,3 +1,4 @@
+// A bounded walk through every read function, checking each answer (see Probe.h).
 #include "support/Probe.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Small sound and damaged hives shared by the damage tests and fuzzers (see Samples.h).
 #include "support/Samples.h"
 
 #include <functional>

@@ -1,3 +1,4 @@
+// Runs the tamvik tool from a scratch folder (see ToolRun.h).
 #include "support/ToolRun.h"
 
 #include <fcntl.h>
