@@ -1,5 +1,6 @@
 #include "api/EntryFrame.h"
 
+#include <iterator>
 #include <vector>
 
 namespace Tamvik {
@@ -9,9 +10,17 @@ Node* WalkPath(Node* start, Hive* hive, const char16_t* path) {
     // with NUL as they are found, and the search for the next one goes by the
     // length, past such NULs.
     const std::size_t length = WideLength(path);
-    std::vector<char16_t> copy(length + 1, 0);
+    // Most paths fit on the stack; a longer one takes the heap.
+    char16_t onStack[256];
+    std::vector<char16_t> onHeap;
+    char16_t* copy = onStack;
+    if (length >= std::size(onStack)) {
+        onHeap.resize(length + 1);
+        copy = onHeap.data();
+    }
     const CaseMap& map = CurrentCaseMap();
     for (std::size_t i = 0; i < length; ++i) copy[i] = map.Upper(path[i]);
+    copy[length] = 0;
     Node* current = start;
     std::size_t component = 0;
     std::size_t search = 0;
@@ -26,7 +35,7 @@ Node* WalkPath(Node* start, Hive* hive, const char16_t* path) {
             search = 0;
             continue;
         }
-        current = current->FindChild(hive, copy.data() + component);
+        current = current->FindChild(hive, copy + component);
         if (current == nullptr) return nullptr;
         if (!found) return current;
         component = separator + 1;

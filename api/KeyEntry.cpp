@@ -12,8 +12,9 @@ using namespace Tamvik;
 
 namespace {
 
-// The name of subkey index of key, for the enumeration functions.
-LONG EnumKeyName(HKEY handle, DWORD index, DWORD* nameLength, WString* name) {
+// The name of subkey index of key, for the enumeration functions, copied to
+// name; *nameLength is the room the caller has, terminator included.
+LONG EnumKeyName(HKEY handle, DWORD index, DWORD* nameLength, NameTarget name) {
     Key* key = KeyOf(handle);
     if (key == nullptr || nameLength == nullptr) return Result::Invalid;
     if (key->SubKeyCount() == 0 || index >= key->SubKeyCount()) return Result::Invalid;
@@ -21,10 +22,10 @@ LONG EnumKeyName(HKEY handle, DWORD index, DWORD* nameLength, WString* name) {
     if (hive == nullptr) return Result::Invalid;
     SubKeyList* list = key->EnumSubKeyList(hive);
     if (list == nullptr) return Result::Corrupt;
-    std::optional<WString> found = list->NameAt(hive, index);
-    if (!found) return Result::Corrupt;
-    *name = std::move(*found);
-    if (*nameLength < name->size() + 1) return Result::Invalid;
+    const std::optional<std::size_t> length = list->NameInto(hive, index, name);
+    if (!length) return Result::Corrupt;
+    if (*nameLength < *length + 1) return Result::Invalid;
+    *nameLength = static_cast<DWORD>(*length);
     return Result::Ok;
 }
 
@@ -73,13 +74,7 @@ LONG RegQueryInfoKeyA(HKEY key, char*, DWORD* classLength, DWORD* reserved, DWOR
 
 LONG RegEnumKeyExW(HKEY key, DWORD index, WCHAR* name, DWORD* nameLength, DWORD*, WCHAR*, DWORD*, FILETIME*) {
     if (KeyOf(key) == nullptr || name == nullptr || nameLength == nullptr) return Result::Invalid;
-    WString found;
-    LONG result = EnumKeyName(key, index, nameLength, &found);
-    if (result != Result::Ok) return result;
-    std::copy(found.begin(), found.end(), name);
-    name[found.size()] = 0;
-    *nameLength = static_cast<DWORD>(found.size());
-    return Result::Ok;
+    return EnumKeyName(key, index, nameLength, NameTarget{name, *nameLength});
 }
 
 LONG RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* nameLength, DWORD*, char*, DWORD*, FILETIME*) {
@@ -87,7 +82,7 @@ LONG RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* nameLength, DWORD*,
     // name holds *nameLength + 1 bytes; the text is always terminated within them.
     const std::uint64_t room = static_cast<std::uint64_t>(*nameLength) + 1;
     WString found;
-    LONG result = KeyOf(key) == nullptr ? Result::Invalid : EnumKeyName(key, index, nameLength, &found);
+    LONG result = KeyOf(key) == nullptr ? Result::Invalid : EnumKeyName(key, index, nameLength, NameTarget{nullptr, 0, &found});
     if (result != Result::Ok) {
         name[0] = 0;
         return result;

@@ -46,12 +46,10 @@ LONG RegEnumValueW(HKEY key, DWORD index, WCHAR* name, DWORD* nameLength, DWORD*
     Key* node = KeyOf(key);
     if (node == nullptr || name == nullptr || nameLength == nullptr) return Result::Invalid;
     return WithValueAt(node, index, [&](Val* value, Hive* hive) {
-        const WString found = value->GetName();
         // *nameLength is the room in name, terminator included: nothing is written past it.
-        if (*nameLength < found.size() + 1) return Result::Invalid;
-        std::copy(found.begin(), found.end(), name);
-        name[found.size()] = 0;
-        *nameLength = static_cast<DWORD>(found.size());
+        const std::size_t length = value->NameInto(NameTarget{name, *nameLength});
+        if (*nameLength < length + 1) return Result::Invalid;
+        *nameLength = static_cast<DWORD>(length);
         return Deliver(value, hive, type, data, dataSize);
     });
 }

@@ -49,12 +49,33 @@ std::uint32_t ForEachNameUnit(const RecordRef& record, std::uint32_t lengthField
 }
 }  // namespace
 
-WString RecordName(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField, bool narrow) {
+namespace {
+std::size_t NameUnits(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField, bool narrow) {
     const std::uint32_t bytes = NameBytes(record, lengthField, nameField);
-    WString name(narrow ? bytes : bytes / 2, u'\0');
-    std::size_t length = 0;
-    ForEachNameUnit(record, lengthField, nameField, narrow, [&](char16_t unit) { name[length++] = unit; });
+    return narrow ? bytes : bytes / 2;
+}
+}  // namespace
+
+WString RecordName(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField, bool narrow) {
+    WString name;
+    RecordNameInto(record, lengthField, nameField, narrow, NameTarget{nullptr, 0, &name});
     return name;
+}
+
+std::size_t RecordNameInto(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField, bool narrow,
+                           NameTarget target) {
+    const std::size_t units = NameUnits(record, lengthField, nameField, narrow);
+    char16_t* out = target.out;
+    if (target.whole != nullptr) {
+        target.whole->resize(units);
+        out = target.whole->data();
+    } else if (target.room < units + 1) {
+        return units;
+    }
+    std::size_t length = 0;
+    ForEachNameUnit(record, lengthField, nameField, narrow, [&](char16_t unit) { out[length++] = unit; });
+    if (target.whole == nullptr) out[length] = 0;
+    return length;
 }
 
 std::uint64_t RecordNameHash(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField,
@@ -80,6 +101,10 @@ bool RecordNameMatches(const RecordRef& record, std::uint32_t lengthField, std::
 bool Key::NarrowName() const { return (record.U16(NkField::Flags) & NkField::NarrowNameFlag) != 0; }
 
 WString Key::GetName() const { return RecordName(record, NkField::NameLength, NkField::Name, NarrowName()); }
+
+std::size_t Key::NameInto(NameTarget target) const {
+    return RecordNameInto(record, NkField::NameLength, NkField::Name, NarrowName(), target);
+}
 
 bool Key::NameMatches(std::u16string_view upper) const {
     return RecordNameMatches(record, NkField::NameLength, NkField::Name, NarrowName(), upper);
@@ -146,6 +171,12 @@ std::optional<WString> KeyNameAt(Hive* hive, std::uint32_t cellOffset) {
     const Transient<Key> key(hive, cellOffset, nullptr, CellKind::BySignature);
     if (!key) return std::nullopt;
     return key->GetName();
+}
+
+std::optional<std::size_t> KeyNameInto(Hive* hive, std::uint32_t cellOffset, NameTarget target) {
+    const Transient<Key> key(hive, cellOffset, nullptr, CellKind::BySignature);
+    if (!key) return std::nullopt;
+    return key->NameInto(target);
 }
 
 std::optional<std::uint64_t> KeyNameHashAt(Hive* hive, std::uint32_t cellOffset) {

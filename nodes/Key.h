@@ -27,6 +27,8 @@ public:
     ~Key() override;
 
     WString GetName() const override;
+    // The name into out; see RecordNameInto.
+    std::size_t NameInto(NameTarget target) const;
     bool NameMatches(std::u16string_view upper) const override;
     // LookupHash of the upper-case name.
     std::uint64_t UpperNameHash() const;
@@ -77,6 +79,7 @@ private:
 // The name of the key whose nk cell is at cellOffset, when a Key can be built
 // there; and the hash of that name upper-cased.
 std::optional<WString> KeyNameAt(Hive* hive, std::uint32_t cellOffset);
+std::optional<std::size_t> KeyNameInto(Hive* hive, std::uint32_t cellOffset, NameTarget target);
 std::optional<std::uint64_t> KeyNameHashAt(Hive* hive, std::uint32_t cellOffset);
 
 // The nearest Key strictly above node, or null.
@@ -85,6 +88,9 @@ Key* OwnerKey(const Node* node);
 // A record's name as a wide string: one unit per byte when narrow, UTF-16 units
 // when wide (an odd last byte dropped), cut at the end of the record.
 WString RecordName(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField, bool narrow);
+// The same name copied to target; gives its length in units.
+std::size_t RecordNameInto(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField, bool narrow,
+                           NameTarget target);
 // LookupHash of the same name upper-cased, and whether it equals upper, without building it.
 std::uint64_t RecordNameHash(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField,
                              bool narrow);

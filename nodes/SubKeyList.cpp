@@ -63,9 +63,15 @@ Node* SubKeyList::FindChild(Hive* hive, const char16_t* name) {
 bool SubKeyList::NothingFrom(std::uint64_t position) const { return position >= LeafLimit(); }
 
 std::optional<WString> SubKeyList::NameAt(Hive* hive, std::uint32_t index) {
+    WString name;
+    if (!NameInto(hive, index, NameTarget{nullptr, 0, &name})) return std::nullopt;
+    return name;
+}
+
+std::optional<std::size_t> SubKeyList::NameInto(Hive* hive, std::uint32_t index, NameTarget target) {
     std::unique_ptr<Key> key = GetAt(hive, index);
     if (key == nullptr) return std::nullopt;
-    return key->GetName();
+    return key->NameInto(target);
 }
 
 std::optional<std::uint64_t> SubKeyList::NameHashAt(Hive* hive, std::uint32_t index) {
@@ -79,9 +85,10 @@ std::optional<std::uint64_t> SubKeyList::LeafNameHashAt(Hive* hive, std::uint32_
     return KeyNameHashAt(hive, record.U32(ListField::Entries + index * entrySize));
 }
 
-std::optional<WString> SubKeyList::LeafNameAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize) {
+std::optional<std::size_t> SubKeyList::LeafNameInto(Hive* hive, std::uint32_t index, std::uint32_t entrySize,
+                                                    NameTarget target) {
     if (index >= GetCount() || index >= EntriesHeld(entrySize)) return std::nullopt;
-    return KeyNameAt(hive, record.U32(ListField::Entries + index * entrySize));
+    return KeyNameInto(hive, record.U32(ListField::Entries + index * entrySize), target);
 }
 
 std::unique_ptr<Key> SubKeyList::LeafGetAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize) {
@@ -118,8 +125,8 @@ void SubKeyList::LeafRemoveAt(Hive* hive, std::uint32_t index, bool* emptied, st
 }
 
 std::unique_ptr<Key> IndxLeaf::GetAt(Hive* hive, std::uint32_t index) { return LeafGetAt(hive, index, kLeafEntry); }
-std::optional<WString> IndxLeaf::NameAt(Hive* hive, std::uint32_t index) {
-    return LeafNameAt(hive, index, kLeafEntry);
+std::optional<std::size_t> IndxLeaf::NameInto(Hive* hive, std::uint32_t index, NameTarget target) {
+    return LeafNameInto(hive, index, kLeafEntry, target);
 }
 std::optional<std::uint64_t> IndxLeaf::NameHashAt(Hive* hive, std::uint32_t index) {
     return LeafNameHashAt(hive, index, kLeafEntry);
@@ -128,8 +135,8 @@ void IndxLeaf::RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) {
     LeafRemoveAt(hive, index, emptied, kLeafEntry);
 }
 std::unique_ptr<Key> FastLeaf::GetAt(Hive* hive, std::uint32_t index) { return LeafGetAt(hive, index, kFastEntry); }
-std::optional<WString> FastLeaf::NameAt(Hive* hive, std::uint32_t index) {
-    return LeafNameAt(hive, index, kFastEntry);
+std::optional<std::size_t> FastLeaf::NameInto(Hive* hive, std::uint32_t index, NameTarget target) {
+    return LeafNameInto(hive, index, kFastEntry, target);
 }
 std::optional<std::uint64_t> FastLeaf::NameHashAt(Hive* hive, std::uint32_t index) {
     return LeafNameHashAt(hive, index, kFastEntry);
@@ -213,8 +220,8 @@ std::unique_ptr<Key> Indirect::GetAt(Hive* hive, std::uint32_t index) {
     return key;
 }
 
-std::optional<WString> Indirect::NameAt(Hive* hive, std::uint32_t index) {
-    return WalkTo(hive, index, [&](SubKeyList* leaf, std::uint32_t at) { return leaf->NameAt(hive, at); });
+std::optional<std::size_t> Indirect::NameInto(Hive* hive, std::uint32_t index, NameTarget target) {
+    return WalkTo(hive, index, [&](SubKeyList* leaf, std::uint32_t at) { return leaf->NameInto(hive, at, target); });
 }
 
 std::optional<std::uint64_t> Indirect::NameHashAt(Hive* hive, std::uint32_t index) {

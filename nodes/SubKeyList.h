@@ -36,8 +36,10 @@ public:
     virtual std::uint32_t GetCount() const;
     // The name GetAt's key would have, or nothing when GetAt gives null; and
     // the LookupHash of that name upper-cased.
-    virtual std::optional<WString> NameAt(Hive* hive, std::uint32_t index);
+    std::optional<WString> NameAt(Hive* hive, std::uint32_t index);
     virtual std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index);
+    // The length of that name, written to out as RecordNameInto writes it.
+    virtual std::optional<std::size_t> NameInto(Hive* hive, std::uint32_t index, NameTarget target);
 
     std::uint16_t Signature() const { return record.U16(ListField::Signature); }
     // Takes over what the scans of an earlier node of this list learnt.
@@ -56,7 +58,8 @@ protected:
     // Shared by the leaves, which differ only in their entry size.
     std::unique_ptr<Key> LeafGetAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize);
     void LeafRemoveAt(Hive* hive, std::uint32_t index, bool* emptied, std::uint32_t entrySize);
-    std::optional<WString> LeafNameAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize);
+    std::optional<std::size_t> LeafNameInto(Hive* hive, std::uint32_t index, std::uint32_t entrySize,
+                                            NameTarget target);
     std::optional<std::uint64_t> LeafNameHashAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize);
     // Positions of a leaf that can give a key: Count, cut to what the record holds.
     std::uint64_t LeafLimit() const;
@@ -71,7 +74,7 @@ public:
     static bool Holds(NodeClass c) { return c == NodeClass::Indirect; }
     using SubKeyList::SubKeyList;
     std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
-    std::optional<WString> NameAt(Hive* hive, std::uint32_t index) override;
+    std::optional<std::size_t> NameInto(Hive* hive, std::uint32_t index, NameTarget target) override;
     std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index) override;
     void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) override;
 
@@ -105,7 +108,7 @@ public:
     static bool Holds(NodeClass c) { return c == NodeClass::IndexLeaf; }
     using SubKeyList::SubKeyList;
     std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
-    std::optional<WString> NameAt(Hive* hive, std::uint32_t index) override;
+    std::optional<std::size_t> NameInto(Hive* hive, std::uint32_t index, NameTarget target) override;
     std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index) override;
     void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) override;
 };
@@ -117,7 +120,7 @@ public:
     static bool Holds(NodeClass c) { return c == NodeClass::FastLeaf || c == NodeClass::HashLeaf; }
     using SubKeyList::SubKeyList;
     std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
-    std::optional<WString> NameAt(Hive* hive, std::uint32_t index) override;
+    std::optional<std::size_t> NameInto(Hive* hive, std::uint32_t index, NameTarget target) override;
     std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index) override;
     void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) override;
 };

@@ -24,6 +24,10 @@ bool Val::NarrowName() const { return (record.U16(VkField::Flags) & VkField::Nar
 
 WString Val::GetName() const { return RecordName(record, VkField::NameLength, VkField::Name, NarrowName()); }
 
+std::size_t Val::NameInto(NameTarget target) const {
+    return RecordNameInto(record, VkField::NameLength, VkField::Name, NarrowName(), target);
+}
+
 bool Val::NameMatches(std::u16string_view upper) const {
     return RecordNameMatches(record, VkField::NameLength, VkField::Name, NarrowName(), upper);
 }

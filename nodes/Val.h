@@ -21,6 +21,8 @@ public:
         std::uint32_t payloadOffset);
 
     WString GetName() const override;
+    // The name into out; see RecordNameInto.
+    std::size_t NameInto(NameTarget target) const;
     bool NameMatches(std::u16string_view upper) const override;
     // LookupHash of the upper-case name.
     std::uint64_t UpperNameHash() const;

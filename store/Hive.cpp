@@ -49,7 +49,8 @@ Hive::~Hive() {
 }
 
 void Hive::ParkNames(std::uint32_t listCell, bool values, NameIndex&& names) {
-    if (image_ == nullptr || closing_ || names.Empty()) return;
+    // A short list is scanned again for less than keeping its index costs.
+    if (image_ == nullptr || closing_ || names.scanned < kPositionsWorthParking) return;
     if (parkedGeneration_ != generation_) {
         parked_.clear();
         parkedGeneration_ = generation_;

@@ -119,6 +119,7 @@ public:
     // What the scans of a list learnt, handed over when its node goes, for the
     // next node of the same list cell (values: a value list) to take back.
     // Kept while the hive takes no write; hives in memory only.
+    static constexpr std::uint64_t kPositionsWorthParking = 32;
     void ParkNames(std::uint32_t listCell, bool values, NameIndex&& names);
     std::optional<NameIndex> TakeNames(std::uint32_t listCell, bool values);
 

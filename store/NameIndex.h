@@ -14,14 +14,13 @@
 
 namespace Tamvik {
 
-// FNV-1a over the UTF-16 units of an upper-case name.
+// FNV-1a over the UTF-16 units of an upper-case name, a unit per step (one
+// multiply, not two), mixed at the end so that the low bits a table uses
+// depend on every unit.
 class LookupHash {
 public:
-    void Add(char16_t unit) {
-        value_ = (value_ ^ (unit & 0xFF)) * kPrime;
-        value_ = (value_ ^ (unit >> 8)) * kPrime;
-    }
-    std::uint64_t Value() const { return value_; }
+    void Add(char16_t unit) { value_ = (value_ ^ unit) * kPrime; }
+    std::uint64_t Value() const { return value_ ^ (value_ >> 32); }
     static std::uint64_t Of(const char16_t* upper, std::size_t length) {
         LookupHash hash;
         for (std::size_t i = 0; i < length; ++i) hash.Add(upper[i]);

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "store/ByteOrder.h"
+#include "store/Platform.h"
 
 namespace Tamvik {
 
@@ -43,5 +44,14 @@ inline RecordRef PayloadOf(std::uint8_t* image, std::uint32_t imageSize, std::ui
     if (image == nullptr || imageSize < payloadOffset) return RecordRef(image, 0);
     return RecordRef(image + payloadOffset, imageSize - payloadOffset);
 }
+
+// Where a name is copied to: a caller's buffer of room units, which takes the
+// name and a terminating NUL only when both fit; or, when whole is set, that
+// string, sized to the name.
+struct NameTarget {
+    char16_t* out = nullptr;
+    std::size_t room = 0;
+    WString* whole = nullptr;
+};
 
 }  // namespace Tamvik
