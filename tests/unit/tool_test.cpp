@@ -122,11 +122,13 @@ TEST_F(Tool, OneOffEditsAndTheirFailures) {
         {"set", hive, "A", "s", "sz", std::string(20000, 'x')}, {"rm", hive, "A", "b"},
         {"mkkey", hive, "A\\B\\C\\D"},      {"rmkey", hive, "A\\B\\C\\D"},
         {"set", hive, "A", "", "sz", "default"}, {"set", hive, "A", "e", "binary", ""},
-        {"set", hive, "A", "i", "sz", "in place", "--in-place"},
+        {"set", hive, "A", "i", "sz", "in place", "--in-place"}, {"set", hive, "A", "f", "binary", "01,02,03,04,05"},
+        {"set", hive, "A", "g", "binary", "01"},  {"set", hive, "A", "g", "binary", "0a,0b,0c,0d,0e"},
     };
     for (const auto& edit : edits) EXPECT_EQ(Cli(edit).status, 0) << edit[0] << " " << edit[2];
     const std::pair<std::string, std::string> gets[] = {
-        {"q", "18446744073709551615\n"}, {"m", "one\ntwo\n"}, {"n", "now text\n"}, {"s", std::string(20000, 'x') + "\n"}};
+        {"q", "18446744073709551615\n"}, {"m", "one\ntwo\n"}, {"n", "now text\n"}, {"s", std::string(20000, 'x') + "\n"},
+        {"f", "0102030405\n"}, {"g", "0a0b0c0d0e\n"}};
     for (const auto& [name, expected] : gets) EXPECT_EQ(Cli({"get", hive, "A", name}).out, expected) << name;
     EXPECT_EQ(Cli({"get", hive, "A", "", "--type"}).out + Cli({"get", hive, "A", "e"}).out, "REG_SZ\ndefault\n\n");
     const std::string ls = Cli({"ls", hive, "A"}).out;
