@@ -7,6 +7,7 @@
 namespace Tamvik {
 
 constexpr std::uint32_t kBaseBlockSize = 4096;
+constexpr std::uint32_t kChecksumWords = 127;  // the base block checksum covers the words before it
 constexpr std::uint32_t kBinHeaderSize = 32;
 constexpr std::uint32_t kNoCell = 0xFFFFFFFF;     // "no cell" in an offset field
 constexpr std::uint32_t kInlineData = 0x80000000;  // DataLength bit: data stands in DataCell
@@ -35,9 +36,18 @@ constexpr std::uint32_t kMinSecurityCell = 64;
 
 namespace BaseBlockField {
 constexpr std::uint32_t Signature = 0x000;
+constexpr std::uint32_t Sequence1 = 0x004;
+constexpr std::uint32_t Sequence2 = 0x008;
+constexpr std::uint32_t Timestamp = 0x00C;
+constexpr std::uint32_t MajorVersion = 0x014;
 constexpr std::uint32_t MinorVersion = 0x018;
+constexpr std::uint32_t FileType = 0x01C;
+constexpr std::uint32_t Format = 0x020;
 constexpr std::uint32_t RootCell = 0x024;
 constexpr std::uint32_t BinsSize = 0x028;
+constexpr std::uint32_t Clustering = 0x02C;
+constexpr std::uint32_t FileName = 0x030;
+constexpr std::uint32_t Flags = 0x090;
 constexpr std::uint32_t Checksum = 0x1FC;
 }  // namespace BaseBlockField
 
@@ -54,7 +64,9 @@ constexpr std::uint32_t Flags = 0x02;
 constexpr std::uint32_t Timestamp = 0x04;
 constexpr std::uint32_t ParentCell = 0x10;
 constexpr std::uint32_t SubKeyCount = 0x14;
+constexpr std::uint32_t VolatileSubKeyCount = 0x18;
 constexpr std::uint32_t SubKeyListCell = 0x1C;
+constexpr std::uint32_t VolatileSubKeyListCell = 0x20;
 constexpr std::uint32_t ValueCount = 0x24;
 constexpr std::uint32_t ValueListCell = 0x28;
 constexpr std::uint32_t SecurityCell = 0x2C;
@@ -85,6 +97,8 @@ constexpr std::uint32_t Signature = 0x00;
 constexpr std::uint32_t NextSecurity = 0x04;
 constexpr std::uint32_t PrevSecurity = 0x08;
 constexpr std::uint32_t RefCount = 0x0C;
+constexpr std::uint32_t DescriptorLength = 0x10;
+constexpr std::uint32_t Descriptor = 0x14;
 }  // namespace SkField
 
 // lf, lh, li and ri share their header.

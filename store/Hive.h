@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "store/BinIndex.h"
+#include "store/Checksum.h"
 #include "store/FileImage.h"
 #include "store/Format.h"
 #include "store/NameIndex.h"
@@ -141,8 +142,5 @@ private:
     std::uint64_t parkedGeneration_ = 0;
     bool closing_ = false;
 };
-
-// Sum of the first 127 words of the base block, with 0 and 0xFFFFFFFF replaced.
-std::uint32_t BaseBlockChecksum(const std::uint8_t* baseBlock);
 
 }  // namespace Tamvik

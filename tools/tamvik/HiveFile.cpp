@@ -11,8 +11,8 @@
 namespace TamvikTool {
 
 namespace {
-constexpr std::uint32_t kBinHeader = 32;
-constexpr std::uint32_t kBinUnit = 4096;
+constexpr std::uint32_t kBinHeader = Tamvik::kBinHeaderSize;
+constexpr std::uint32_t kBinUnit = Tamvik::kBinAlignment;
 }  // namespace
 
 std::string Hex(std::uint64_t value) {
@@ -43,7 +43,7 @@ std::string WhyNotAHive(const std::string& path) {
     if (head.size() < kBaseBlockBytes)
         return "only " + std::to_string(head.size()) + " bytes, fewer than the 4096 of a base block";
     if (std::memcmp(head.data(), "regf", 4) != 0) return "no regf signature";
-    const std::uint32_t stored = LoadU32(head.data() + 0x1FC), computed = TamvikLogs::BaseBlockChecksum(head.data());
+    const std::uint32_t stored = LoadU32(head.data() + Tamvik::BaseBlockField::Checksum), computed = TamvikLogs::BaseBlockChecksum(head.data());
     if (stored != computed)
         return "base block checksum is wrong: stored " + Hex(stored) + ", computed " + Hex(computed);
     return {};

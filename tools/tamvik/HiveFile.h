@@ -9,10 +9,11 @@
 #include <vector>
 
 #include "Text.h"
+#include "store/Format.h"
 
 namespace TamvikTool {
 
-constexpr std::uint32_t kBaseBlockBytes = 4096;
+constexpr std::uint32_t kBaseBlockBytes = Tamvik::kBaseBlockSize;
 constexpr std::uint32_t kNoCellOffset = 0xFFFFFFFF;
 
 // A finding, located by file offset. Warnings don't make a hive unsound.

@@ -3,7 +3,8 @@
 #include <chrono>
 #include <cstring>
 
-#include "logs/BaseBlock.h"
+#include "store/Checksum.h"
+#include "store/Format.h"
 
 namespace TamvikTool {
 
@@ -11,10 +12,8 @@ namespace {
 
 using Image = std::vector<std::uint8_t>;
 
-constexpr std::uint32_t kBaseBlockSize = 4096;
-constexpr std::uint32_t kBinSize = 4096;
-constexpr std::uint32_t kBinHeaderSize = 32;
-constexpr std::uint32_t kNoCell = 0xFFFFFFFF;
+using namespace Tamvik;
+constexpr std::uint32_t kBinSize = kBinAlignment;  // a new hive has one bin of the least size
 constexpr std::uint16_t kRootFlags = 0x2C;  // hive entry, no delete, narrow name
 
 void Put16(std::uint8_t* p, std::uint16_t v) {
@@ -119,63 +118,63 @@ Image BuildEmptyHive(const NewHiveOptions& options, std::uint64_t timestamp, std
 
     // Cells of the bin: the root nk, then its sk, then one free cell.
     constexpr std::uint32_t kRootCell = kBinHeaderSize;
-    const std::uint32_t nkSize = RoundUp8(4 + 0x4C + static_cast<std::uint32_t>(rootName.size()));
+    const std::uint32_t nkSize = RoundUp8(4 + NkField::Name + static_cast<std::uint32_t>(rootName.size()));
     const std::uint32_t skCell = kRootCell + nkSize;
-    const std::uint32_t skSize = RoundUp8(4 + 0x14 + static_cast<std::uint32_t>(sd.size()));
+    const std::uint32_t skSize = RoundUp8(4 + SkField::Descriptor + static_cast<std::uint32_t>(sd.size()));
     const std::uint32_t freeCell = skCell + skSize;
 
     Image file(kBaseBlockSize + kBinSize, 0);
     std::uint8_t* base = file.data();
-    std::memcpy(base, "regf", 4);
-    Put32(base + 0x04, 1);  // primary sequence number
-    Put32(base + 0x08, 1);  // secondary: equal, so the hive is clean
-    Put64(base + 0x0C, timestamp);
-    Put32(base + 0x14, 1);  // major version
-    Put32(base + 0x18, options.minorVersion);
-    Put32(base + 0x1C, 0);  // primary file
-    Put32(base + 0x20, 1);  // direct memory load format
-    Put32(base + 0x24, kRootCell);
-    Put32(base + 0x28, kBinSize);  // length of the bins area
-    Put32(base + 0x2C, 1);         // clustering factor
+    Put32(base + BaseBlockField::Signature, kRegfSignature);
+    Put32(base + BaseBlockField::Sequence1, 1);  // primary sequence number
+    Put32(base + BaseBlockField::Sequence2, 1);  // secondary: equal, so the hive is clean
+    Put64(base + BaseBlockField::Timestamp, timestamp);
+    Put32(base + BaseBlockField::MajorVersion, 1);  // major version
+    Put32(base + BaseBlockField::MinorVersion, options.minorVersion);
+    Put32(base + BaseBlockField::FileType, 0);  // primary file
+    Put32(base + BaseBlockField::Format, 1);  // direct memory load format
+    Put32(base + BaseBlockField::RootCell, kRootCell);
+    Put32(base + BaseBlockField::BinsSize, kBinSize);  // length of the bins area
+    Put32(base + BaseBlockField::Clustering, 1);        // clustering factor
     // The file name field holds the tail of a name in UTF-16; the root name serves.
     for (std::size_t i = 0; i < rootName.size() && i < 31; ++i)
-        Put16(base + 0x30 + 2 * i, static_cast<std::uint8_t>(rootName[i]));
-    Put32(base + 0x1FC, TamvikLogs::BaseBlockChecksum(base));
+        Put16(base + BaseBlockField::FileName + 2 * i, static_cast<std::uint8_t>(rootName[i]));
+    Put32(base + BaseBlockField::Checksum, BaseBlockChecksum(base));
 
     std::uint8_t* bin = base + kBaseBlockSize;
-    std::memcpy(bin, "hbin", 4);
-    Put32(bin + 0x04, 0);  // offset of this bin
-    Put32(bin + 0x08, kBinSize);
-    Put64(bin + 0x14, timestamp);
+    Put32(bin + BinField::Signature, kHbinSignature);
+    Put32(bin + BinField::BinOffset, 0);  // offset of this bin
+    Put32(bin + BinField::BinSize, kBinSize);
+    Put64(bin + BinField::Timestamp, timestamp);
 
     std::uint8_t* nk = bin + kRootCell;
     Put32(nk, static_cast<std::uint32_t>(-static_cast<std::int32_t>(nkSize)));
     std::uint8_t* r = nk + 4;
-    std::memcpy(r, "nk", 2);
-    Put16(r + 0x02, kRootFlags);
-    Put64(r + 0x04, timestamp);
-    Put32(r + 0x10, kNoCell);  // the root has no parent
-    Put32(r + 0x14, 0);        // subkeys
-    Put32(r + 0x18, 0);        // volatile subkeys
-    Put32(r + 0x1C, kNoCell);  // subkey list
-    Put32(r + 0x20, kNoCell);  // volatile subkey list
-    Put32(r + 0x24, 0);        // values
-    Put32(r + 0x28, kNoCell);  // value list
-    Put32(r + 0x2C, skCell);
-    Put32(r + 0x30, kNoCell);  // class name
-    Put16(r + 0x48, static_cast<std::uint16_t>(rootName.size()));
-    Put16(r + 0x4A, 0);
-    std::memcpy(r + 0x4C, rootName.data(), rootName.size());
+    Put16(r + NkField::Signature, kNkSignature);
+    Put16(r + NkField::Flags, kRootFlags);
+    Put64(r + NkField::Timestamp, timestamp);
+    Put32(r + NkField::ParentCell, kNoCell);  // the root has no parent
+    Put32(r + NkField::SubKeyCount, 0);       // subkeys
+    Put32(r + NkField::VolatileSubKeyCount, 0);        // volatile subkeys
+    Put32(r + NkField::SubKeyListCell, kNoCell);  // subkey list
+    Put32(r + NkField::VolatileSubKeyListCell, kNoCell);  // volatile subkey list
+    Put32(r + NkField::ValueCount, 0);       // values
+    Put32(r + NkField::ValueListCell, kNoCell);  // value list
+    Put32(r + NkField::SecurityCell, skCell);
+    Put32(r + NkField::ClassCell, kNoCell);  // class name
+    Put16(r + NkField::NameLength, static_cast<std::uint16_t>(rootName.size()));
+    Put16(r + NkField::ClassLength, 0);
+    std::memcpy(r + NkField::Name, rootName.data(), rootName.size());
 
     std::uint8_t* sk = bin + skCell;
     Put32(sk, static_cast<std::uint32_t>(-static_cast<std::int32_t>(skSize)));
     std::uint8_t* s = sk + 4;
-    std::memcpy(s, "sk", 2);
-    Put32(s + 0x04, skCell);  // the ring of one: linked to itself both ways
-    Put32(s + 0x08, skCell);
-    Put32(s + 0x0C, 1);  // referenced by the root key
-    Put32(s + 0x10, static_cast<std::uint32_t>(sd.size()));
-    std::memcpy(s + 0x14, sd.data(), sd.size());
+    Put16(s + SkField::Signature, kSkSignature);
+    Put32(s + SkField::NextSecurity, skCell);  // the ring of one: linked to itself both ways
+    Put32(s + SkField::PrevSecurity, skCell);
+    Put32(s + SkField::RefCount, 1);  // referenced by the root key
+    Put32(s + SkField::DescriptorLength, static_cast<std::uint32_t>(sd.size()));
+    std::memcpy(s + SkField::Descriptor, sd.data(), sd.size());
 
     Put32(bin + freeCell, kBinSize - freeCell);  // positive size: free
     return file;

@@ -7,8 +7,8 @@ namespace TamvikTool {
 
 namespace {
 
-constexpr std::uint32_t kSegmentSize = 16344;
-constexpr std::uint32_t kInline = 0x80000000;
+using Tamvik::kSegmentSize;
+constexpr std::uint32_t kInline = Tamvik::kInlineData;
 
 // One pass over the tree. References are followed only into allocated
 // cells, and every key is entered once, so damaged hives can't loop.

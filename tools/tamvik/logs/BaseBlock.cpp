@@ -2,14 +2,6 @@
 
 namespace TamvikLogs {
 
-std::uint32_t BaseBlockChecksum(const std::uint8_t* block) {
-    std::uint32_t sum = 0;
-    for (std::uint32_t i = 0; i < kChecksummedWords; ++i) sum ^= Load32(block + 4 * i);
-    if (sum == 0xFFFFFFFF) return 0xFFFFFFFE;
-    if (sum == 0) return 1;
-    return sum;
-}
-
 std::uint32_t BaseBlock::SectorBytes() const {
     return clustering >= 1 && clustering <= kMaxClustering ? clustering * kLogSectorBytes : kLogSectorBytes;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "Format.h"
+#include "store/Checksum.h"
 
 namespace TamvikLogs {
 
@@ -26,8 +27,7 @@ struct BaseBlock {
     std::uint32_t SectorBytes() const;
 };
 
-// XOR of the first 127 words, with 0 and ~0 avoided.
-std::uint32_t BaseBlockChecksum(const std::uint8_t* block);
+using Tamvik::BaseBlockChecksum;
 
 // Reads the facts; fewer than kLogSectorBytes bytes give a block whose
 // signature is not ok and whose numbers are 0.

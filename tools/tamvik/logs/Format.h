@@ -8,16 +8,17 @@
 #include <cstring>
 #include <vector>
 
+#include "store/Format.h"
+
 namespace TamvikLogs {
 
 using Bytes = std::vector<std::uint8_t>;
 
-constexpr std::uint32_t kBaseBlockBytes = 4096;
-constexpr std::uint32_t kChecksummedWords = 127;  // the checksum covers the words before it
+constexpr std::uint32_t kBaseBlockBytes = Tamvik::kBaseBlockSize;
 constexpr std::uint32_t kLogSectorBytes = 512;    // unit of log layout; also an old-format dirty page
 constexpr std::uint32_t kMaxClustering = 8;       // sectors of 4096 bytes at most
-constexpr std::uint32_t kBinUnit = 4096;
-constexpr std::uint32_t kBinHeaderBytes = 32;
+constexpr std::uint32_t kBinUnit = Tamvik::kBinAlignment;
+constexpr std::uint32_t kBinHeaderBytes = Tamvik::kBinHeaderSize;
 
 constexpr char kRegfSignature[] = "regf";
 constexpr char kHbinSignature[] = "hbin";
@@ -26,14 +27,7 @@ constexpr char kEntrySignature[] = "HvLE";
 constexpr std::size_t kSignatureBytes = 4;
 
 namespace BaseField {
-constexpr std::size_t Sequence1 = 0x04;
-constexpr std::size_t Sequence2 = 0x08;
-constexpr std::size_t Timestamp = 0x0C;
-constexpr std::size_t FileType = 0x1C;
-constexpr std::size_t BinsSize = 0x28;
-constexpr std::size_t Clustering = 0x2C;
-constexpr std::size_t Flags = 0x90;
-constexpr std::size_t Checksum = 0x1FC;
+using namespace Tamvik::BaseBlockField;
 }  // namespace BaseField
 
 namespace FileType {
@@ -44,9 +38,9 @@ constexpr std::uint32_t NewLog = 6;
 }  // namespace FileType
 
 namespace BinField {
-constexpr std::size_t Offset = 0x04;
-constexpr std::size_t Size = 0x08;
-constexpr std::size_t Timestamp = 0x14;
+constexpr std::size_t Offset = Tamvik::BinField::BinOffset;
+constexpr std::size_t Size = Tamvik::BinField::BinSize;
+constexpr std::size_t Timestamp = Tamvik::BinField::Timestamp;
 }  // namespace BinField
 
 // A new-format log entry: a header, page references, then the pages.
