@@ -93,6 +93,12 @@ std::vector<Sample> DamagedSamples() {
                                      b.AddVk({"inline9", 0x80000009, 0x41424344})}));
              b.Patch32(b.KeyOffset("Key0"), NkField::ValueCount, 5);
          })},
+        {"big-data-cell-past-the-file", Lie([](HiveBuilder& b) {
+             const std::uint32_t data = b.AddCell(Bytes(8, 0x44));
+             b.SetCellSize(data, -0x100000);
+             b.Patch32(b.KeyOffset("Key0"), NkField::ValueListCell, b.AddOffsets({b.AddVk({"huge", 20000, data})}));
+             b.Patch32(b.KeyOffset("Key0"), NkField::ValueCount, 1);
+         })},
         {"bins-size-past-the-file", Lie([](HiveBuilder& b) { b.SetBinsSize(0x7FFFF000); })},
     };
     for (std::uint32_t binSize : {0u, 0xFFFFF000u, 1u << 30, 4104u}) {

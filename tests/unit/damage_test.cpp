@@ -43,7 +43,8 @@ void EditSome(HKEY hive, std::vector<std::string>& violations) {
     if (RegOpenKeyExW(root, childName.c_str(), 0, 0, &child) != Result::Ok) return;
     room = 600;
     if (RegEnumValueW(child, 0, name, &room, 0, &type, 0, &size) == Result::Ok) {
-        const std::vector<BYTE> fresh(std::clamp<DWORD>(size, 1, 70000), 0x42);
+        const std::vector<BYTE> fresh(std::clamp<DWORD>(size, 100, 70000), 0x42);
+        check(RegSetValueExW(child, std::u16string(name, room).c_str(), 0, type, fresh.data(), 100), "RegSetValueExW shrink");
         check(RegSetValueExW(child, std::u16string(name, room).c_str(), 0, type, fresh.data(),
                              static_cast<DWORD>(fresh.size())), "RegSetValueExW existing");
         check(RegDeleteValueW(child, std::u16string(name, room).c_str()), "RegDeleteValueW existing");

@@ -367,6 +367,15 @@ TEST_F(Tool, WindowsOrderOnRequest) {
         EXPECT_EQ(Image(after).Sig(std::prev(cells.upper_bound(static_cast<std::uint32_t>(i - 4096)))->first), "lf")
             << "byte " << i << " changed outside a list";
     }
+    // Each key keeps its own hint beside it when the entries move.
+    const auto hints = [](const Image& image) {
+        std::map<std::uint32_t, std::uint32_t> byKey;
+        for (const auto& [cell, size] : image.Cells())
+            if (size < 0 && (image.Sig(cell) == "lf" || image.Sig(cell) == "lh"))
+                for (std::uint32_t i = 0; i < image.U16(cell, 2); ++i) byKey[image.U32(cell, 4 + 8 * i)] = image.U32(cell, 8 + 8 * i);
+        return byKey;
+    };
+    EXPECT_EQ(hints(Image(after)), hints(Image(before)));
     EXPECT_EQ(Cli({"check", hive}).out.find("warning at"), std::string::npos);
     for (const char* name : {"B\\_", "B\\a"}) ASSERT_EQ(Cli({"mkkey", hive, name}).status, 0);
     EXPECT_EQ(Cli({"mkkey", hive, "B\\Z", "--windows-order"}).status, 0);
