@@ -228,6 +228,7 @@ TEST(Narrow, WritesWidenStringTypes) {
         {true, "BadList", 7, std::string("a\0\x81\0\0", 5), 5, 87, {}},
         {false, "Expand", 2, "\x81", 1, 87, Wide(std::u16string(u"%x%\0", 4))},
         {true, "str", 1, "x", 1, 72, Wide(u"abc")},
+        {false, "Bin", 3, "xy", 0, 87, {0xD6, 0xD0}},
     };
     for (const Case& c : cases) {
         const std::string what = std::string(c.create ? "new " : "set ") + c.name;
@@ -247,6 +248,7 @@ TEST(Narrow, WritesWidenStringTypes) {
         EXPECT_EQ(RegQueryValueExW(data, name.c_str(), nullptr, nullptr, stored.data(), &size), 0) << what;
         EXPECT_EQ(Bytes(stored.begin(), stored.begin() + size), c.stored) << what;
     }
+    EXPECT_EQ(RegSetValueExA(data, "Bin", 0, 3, nullptr, 2), 87) << "data the size promises but no bytes";
     // Names of new values and keys are the narrow bytes a wide name converts to;
     // they read back widened byte by byte, so the text that made them doesn't find them.
     const BYTE two[2] = {1, 2};

@@ -124,6 +124,7 @@ TEST_F(Tool, OneOffEditsAndTheirFailures) {
         {"set", hive, "A", "", "sz", "default"}, {"set", hive, "A", "e", "binary", ""},
         {"set", hive, "A", "i", "sz", "in place", "--in-place"}, {"set", hive, "A", "f", "binary", "01,02,03,04,05"},
         {"set", hive, "A", "g", "binary", "01"},  {"set", hive, "A", "g", "binary", "0a,0b,0c,0d,0e"},
+        {"set", hive, "A", std::string(65535, 'n'), "dword", "1"},  // the longest name a record can hold
     };
     for (const auto& edit : edits) EXPECT_EQ(Cli(edit).status, 0) << edit[0] << " " << edit[2];
     const std::pair<std::string, std::string> gets[] = {
