@@ -17,7 +17,9 @@ using Bytes = std::vector<std::uint8_t>;
 
 // How far a harness walks a hive: far enough to reach what a small hive
 // holds, short enough to keep hundreds of inputs a second under ASan.
-constexpr TamvikTest::ProbeLimits kWalkLimits{24, 300, 32, 16 << 10};
+constexpr TamvikTest::ProbeLimits kWalkLimits{16, 120, 16, 8 << 10, false};
+// A shorter walk: over what the first left cached or an edit changed, or to find edit targets.
+constexpr TamvikTest::ProbeLimits kSessionWalkLimits{8, 64, 8, 4096, false};
 
 // Each harness defines this; the driver hands it every input.
 void Harness(Bytes input);

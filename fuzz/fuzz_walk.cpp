@@ -10,7 +10,7 @@ void Harness(Bytes bytes) {
     HiveUnderTest hive(bytes);
     if (hive.Open() != RegAPI::Result::Ok) return;
     Require(TamvikTest::Probe(hive.Handle(), kWalkLimits));
-    Require(TamvikTest::Probe(hive.Handle(), {8, 100, 8, 4096}));  // over the caches the first walk left
+    Require(TamvikTest::Probe(hive.Handle(), kSessionWalkLimits));
     hive.Close();
     Require(hive.DeviceWrites() == 0 && hive.Contents() == bytes, "a walk changed the file");
 }

@@ -23,7 +23,7 @@ ninja -C "$build" fuzz_walk fuzz_edit fuzz_model make_seeds >/dev/null || exit 1
 bash "$here/seed.sh" "$build" || exit 1
 mkdir -p "$artifacts"
 
-common=(-rss_limit_mb=2048 -timeout=10 -max_len=65600 -dict="$here/hive.dict" -print_final_stats=1)
+common=(-rss_limit_mb=2048 -timeout=10 -reload=0 -max_len=65600 -dict="$here/hive.dict" -print_final_stats=1)
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:quarantine_size_mb=16:max_malloc_fill_size=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 status=0
 pids=()

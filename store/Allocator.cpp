@@ -59,7 +59,9 @@ std::uint32_t FindFreeCell(Hive* hive, std::uint32_t& size, std::uint32_t& found
         const std::uint32_t binSize = bin.BinSize();
         std::unique_ptr<std::uint8_t[]> image = hive->ReadAreaBlock(bin.BinOffset(), binSize);
         if (image == nullptr) return 0;
-        const std::uint32_t limit = std::min(LoadU32(image.get() + BinField::BinSize), binSize);
+        // A bin too short to hold its own size field holds no cells either.
+        const std::uint32_t limit =
+            binSize < BinField::BinSize + 4 ? binSize : std::min(LoadU32(image.get() + BinField::BinSize), binSize);
         for (std::uint64_t position = kBinHeaderSize; limit > kBinHeaderSize && position + 4 <= limit;) {
             const std::int32_t cellSize = LoadI32(image.get() + position);
             if (cellSize == 0) break;  // no step forward: the rest of this bin isn't looked at

@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstring>
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -19,6 +20,7 @@ namespace Tamvik {
 
 namespace {
 constexpr std::uint64_t kHugePage = 2u << 20;
+constexpr std::uint64_t kPage = 4096;
 #ifndef MADV_POPULATE_WRITE
 constexpr int MADV_POPULATE_WRITE = 23;  // older headers lack it; older kernels refuse it, which is harmless
 #endif
@@ -45,7 +47,10 @@ PageBuffer::~PageBuffer() {
 }
 
 bool PageBuffer::Reserve(std::uint64_t needed, std::uint64_t capacity) {
-    capacity = RoundUp(capacity, kHugePage);
+    // Huge pages pay off for large hives only: a small one would have a whole
+    // 2 MiB page cleared at every open.
+    const std::uint64_t unit = capacity >= kHugePage ? kHugePage : kPage;
+    capacity = RoundUp(capacity, unit);
     if (data_ != nullptr) {
         MarkInBounds(data_, capacity_, capacity_);
         // Growing: the pages move as they are, without a copy; new ones come when first written.
@@ -59,18 +64,18 @@ bool PageBuffer::Reserve(std::uint64_t needed, std::uint64_t capacity) {
         ::madvise(data_, capacity_, MADV_HUGEPAGE);
         return true;
     }
-    // One huge page more than asked, so that the start can move to a huge page boundary.
-    const std::uint64_t mapped = capacity + kHugePage;
+    // One unit more than asked, so that the start can move to a huge page boundary.
+    const std::uint64_t mapped = capacity + unit - kPage;
     void* block = ::mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (block == MAP_FAILED) return false;
     auto* start = static_cast<std::uint8_t*>(block);
-    auto* aligned = reinterpret_cast<std::uint8_t*>(RoundUp(reinterpret_cast<std::uintptr_t>(start), kHugePage));
+    auto* aligned = reinterpret_cast<std::uint8_t*>(RoundUp(reinterpret_cast<std::uintptr_t>(start), unit));
     if (aligned != start) ::munmap(start, static_cast<std::size_t>(aligned - start));
     const std::uint64_t tail = mapped - static_cast<std::uint64_t>(aligned - start) - capacity;
     if (tail != 0) ::munmap(aligned + capacity, tail);
-    ::madvise(aligned, capacity, MADV_HUGEPAGE);
+    if (unit == kHugePage) ::madvise(aligned, capacity, MADV_HUGEPAGE);
     // The pages in use now, had in one go rather than one fault at a time.
-    ::madvise(aligned, RoundUp(needed, kHugePage), MADV_POPULATE_WRITE);
+    ::madvise(aligned, std::min(capacity, RoundUp(needed, unit)), MADV_POPULATE_WRITE);
     data_ = aligned;
     capacity_ = capacity;
     return true;

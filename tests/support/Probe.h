@@ -18,6 +18,7 @@ struct ProbeLimits {
     int maxKeys = 1500;               // keys visited in all
     RegAPI::DWORD maxIndex = 96;      // entries looked at per list
     RegAPI::DWORD maxData = 256 << 10;  // largest value buffer handed over
+    bool everyCapacity = true;        // else buffers only of the size (and one short), few lookups by path
 };
 
 struct ProbeResult {
