@@ -12,6 +12,8 @@
 
 #include "store/ByteOrder.h"
 #include "store/Format.h"
+#include "Session.h"
+#include "StructureCheck.h"
 #include "support/HiveBuilder.h"
 
 using namespace RegAPI;
@@ -81,6 +83,25 @@ void FixBaseBlock(Bytes& hive) {
     if (hive.size() < Tamvik::kBaseBlockSize / 8 || (hive[kModeByte] & 1) != 0) return;
     Tamvik::StoreU32(hive.data(), Tamvik::kRegfSignature);
     Tamvik::StoreU32(hive.data() + Tamvik::BaseBlockField::Checksum, TamvikTest::ChecksumOf(hive.data()));
+}
+
+bool SoundForTheTool(const Bytes& hive) {
+    const int fd = memfd_create("checked", 0);
+    Require(fd >= 0 && write(fd, hive.data(), hive.size()) == static_cast<ssize_t>(hive.size()), "memfd");
+    bool sound = false;
+    try {
+        const TamvikTool::HiveFile file("/proc/self/fd/" + std::to_string(fd));
+        const auto isProblem = [](const TamvikTool::Finding& finding) { return !finding.warning; };
+        sound = file.Base().signatureOk && std::none_of(file.Findings().begin(), file.Findings().end(), isProblem);
+        if (sound) {
+            const TamvikTool::StructureReport report = TamvikTool::CheckStructure(file);
+            sound = std::none_of(report.findings.begin(), report.findings.end(), isProblem);
+        }
+    } catch (const TamvikTool::ToolError&) {
+        sound = false;
+    }
+    close(fd);
+    return sound;
 }
 
 HiveUnderTest::HiveUnderTest(const Bytes& bytes, bool readOnly)

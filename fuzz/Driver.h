@@ -36,6 +36,11 @@ void Require(const TamvikTest::ProbeResult& probe);
 // instead of through a device.
 void FixBaseBlock(Bytes& hive);
 
+// Whether the tool's structure check finds no problem in a hive: the tool
+// edits only such hives (without --force), and only in them is every key an
+// edit leaves alone sure to stay readable.
+bool SoundForTheTool(const Bytes& hive);
+
 class MemoryDevice;
 
 class HiveUnderTest {

@@ -4,6 +4,7 @@
 // fresh base block. Script: byte 0, bits 0-3 the number of steps, bit 5 open
 // read-only; then four bytes a step: kind, target key, name, parameter.
 #include <algorithm>
+#include <span>
 
 #include "Driver.h"
 
@@ -44,7 +45,10 @@ std::vector<BYTE> Data(std::uint8_t param) {
     return data;
 }
 
-void Check(LONG result, const char* call) { Require(TamvikTest::IsResultNumber(result), call); }
+LONG Check(LONG result, const char* call) {
+    Require(TamvikTest::IsResultNumber(result), call);
+    return result;
+}
 
 // The name of the entry at index among a key's values or subkeys, if it can be passed on.
 bool EntryName(HKEY key, std::uint8_t index, bool value, std::u16string* name) {
@@ -61,7 +65,8 @@ bool EntryName(HKEY key, std::uint8_t index, bool value, std::u16string* name) {
     return name->find(u'\0') == std::u16string::npos;
 }
 
-void Step(HKEY key, const std::uint8_t* step) {
+// Gives true when the step deleted a key.
+bool Step(HKEY key, const std::uint8_t* step) {
     const bool narrow = (step[0] & 8) != 0;
     const Name& name = Names()[step[2] % Names().size()];
     const std::vector<BYTE> data = Data(step[3]);
@@ -105,9 +110,8 @@ void Step(HKEY key, const std::uint8_t* step) {
         case 5:
             if (step[3] & 1) existing = name.wide;
             else if (!EntryName(key, step[2], false, &existing)) break;
-            Check(narrow ? RegDeleteKeyA(key, std::string(existing.begin(), existing.end()).c_str())
-                         : RegDeleteKeyW(key, existing.c_str()), "delete key");
-            break;
+            return Check(narrow ? RegDeleteKeyA(key, std::string(existing.begin(), existing.end()).c_str())
+                                : RegDeleteKeyW(key, existing.c_str()), "delete key") == Result::Ok;
         default:
             if (EntryName(key, step[2], true, &existing)) {
                 static std::vector<BYTE> buffer(1 << 16);
@@ -116,6 +120,11 @@ void Step(HKEY key, const std::uint8_t* step) {
                       "narrow read");
             }
     }
+    return false;
+}
+
+LONG OpenPath(HKEY hive, const std::u16string& path, HKEY* key) {
+    return RegOpenKeyExW(hive, (path.empty() ? path : u"ROOT\\" + path).c_str(), 0, 0, key);
 }
 
 }  // namespace
@@ -132,13 +141,22 @@ void Harness(Bytes input) {
     TamvikTest::ProbeResult first = TamvikTest::Probe(hive.Handle(), kSessionWalkLimits);
     Require(first);
     first.paths.insert(first.paths.begin(), u"");
+    // In a hive the tool would edit, keys that open before the edits must open
+    // after them, unless a key was deleted. (The library trusts what it reads:
+    // in a damaged hive an edit may overwrite what a lying cell hides.)
+    std::vector<std::u16string> reachable;
+    const std::size_t watched = SoundForTheTool(bytes) ? std::min<std::size_t>(first.paths.size(), 16) : 0;
+    for (const std::u16string& path : std::span(first.paths).first(watched)) {
+        HKEY key = nullptr;
+        if (OpenPath(hive.Handle(), path, &key) == Result::Ok) reachable.push_back(path);
+    }
+    bool deletedAKey = false;
     for (std::size_t i = 0; i < steps; ++i) {
         // Each step opens its key afresh: an earlier one may have ended any handle kept.
         const std::u16string& path = first.paths[input[2 + 4 * i] % first.paths.size()];
         HKEY key = nullptr;
-        const LONG opened = RegOpenKeyExW(hive.Handle(), (path.empty() ? path : u"ROOT\\" + path).c_str(), 0, 0, &key);
-        Check(opened, "open a target");
-        if (opened == Result::Ok) Step(key, &input[1 + 4 * i]);
+        if (Check(OpenPath(hive.Handle(), path, &key), "open a target") == Result::Ok && Step(key, &input[1 + 4 * i]))
+            deletedAKey = true;
     }
     // Each node holds its own copy of its cell: a second node of one key (a
     // create's handle, or a list two keys share in a damaged hive) doesn't see
@@ -149,6 +167,10 @@ void Harness(Bytes input) {
     hive.Close();
     Require(hive.Open() == Result::Ok, "an edited hive no longer opens");
     Require(TamvikTest::Probe(hive.Handle(), kWalkLimits));
+    for (const std::u16string& path : reachable) {
+        HKEY key = nullptr;
+        Require(deletedAKey || OpenPath(hive.Handle(), path, &key) == Result::Ok, "an edit lost a key that was readable");
+    }
 }
 
 }  // namespace TamvikFuzz
