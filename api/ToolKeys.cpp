@@ -20,7 +20,6 @@ namespace {
 
 constexpr std::uint32_t kMaxLeafCount = 0xFFFF;
 
-std::uint32_t EntrySize(std::uint16_t signature) { return signature == kLiSignature ? 4 : 8; }
 bool IsLeaf(std::uint16_t signature) {
     return signature == kLfSignature || signature == kLhSignature || signature == kLiSignature;
 }
@@ -73,7 +72,7 @@ bool ReadList(Key* owner, Hive* hive, ListView* view) {
 std::uint32_t InsertIntoLeaf(Hive* hive, SubKeyList* leaf, std::uint32_t position, std::uint32_t keyCell,
                              const WString& name) {
     const std::uint16_t signature = leaf->Signature();
-    const std::uint32_t size = EntrySize(signature), count = leaf->GetCount();
+    const std::uint32_t size = ListEntrySize(signature), count = leaf->GetCount();
     if (count >= kMaxLeafCount) return 0;
     const std::uint32_t asked = ListField::Entries + (count + 1) * size;
     std::vector<std::uint8_t> record(asked);
@@ -117,7 +116,7 @@ std::uint32_t InsertSubKey(Key* owner, Hive* hive, std::uint32_t keyCell, const 
     std::uint32_t seen = 0;
     for (std::size_t j = 0; j < view.leaves.size(); ++j) {
         SubKeyList& leaf = *view.leaves[j];
-        const std::uint32_t size = EntrySize(leaf.Signature()), n = leaf.GetCount();
+        const std::uint32_t size = ListEntrySize(leaf.Signature()), n = leaf.GetCount();
         if (!leaf.record.Holds(ListField::Entries, static_cast<std::uint64_t>(n) * size)) return 0;
         for (std::uint32_t i = 0; i < n; ++i) {
             std::optional<WString> existing = KeyNameAt(hive, leaf.record.U32(ListField::Entries + i * size));

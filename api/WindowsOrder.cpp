@@ -16,7 +16,6 @@ using namespace RegAPI;
 
 namespace {
 
-std::uint32_t EntrySize(std::uint16_t signature) { return signature == kLiSignature ? 4 : 8; }
 
 struct Entry {
     std::uint32_t cell, hint;
@@ -52,7 +51,7 @@ LONG SortSubKeys(HKEY handle, bool* changed) {
     // Everything is read and checked before any entry moves: a damaged list stays as it is.
     std::vector<Entry> entries;
     for (SubKeyList* leaf : leaves) {
-        const std::uint32_t size = EntrySize(leaf->Signature()), n = leaf->GetCount();
+        const std::uint32_t size = ListEntrySize(leaf->Signature()), n = leaf->GetCount();
         if (!leaf->record.Holds(ListField::Entries, static_cast<std::uint64_t>(n) * size)) return Result::Corrupt;
         for (std::uint32_t i = 0; i < n; ++i) {
             const std::uint32_t at = ListField::Entries + i * size;
@@ -71,7 +70,7 @@ LONG SortSubKeys(HKEY handle, bool* changed) {
                      [&](std::size_t a, std::size_t b) { return entries[a].upper < entries[b].upper; });
     std::size_t k = 0;
     for (SubKeyList* leaf : leaves) {
-        const std::uint32_t size = EntrySize(leaf->Signature());
+        const std::uint32_t size = ListEntrySize(leaf->Signature());
         bool moved = false;
         for (std::uint32_t i = 0; i < leaf->GetCount(); ++i, ++k) {
             const Entry& e = entries[order[k]];

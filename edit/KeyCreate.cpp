@@ -12,7 +12,6 @@
 namespace Tamvik {
 
 namespace {
-constexpr std::uint32_t kFastEntry = 8;
 constexpr std::uint32_t kKeyFixedSize = 80;  // size field and the fixed part of an nk
 constexpr std::uint32_t kMaxLeafEntries = 0xFFFF;
 

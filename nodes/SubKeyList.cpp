@@ -10,12 +10,6 @@
 
 namespace Tamvik {
 
-namespace {
-constexpr std::uint32_t kLeafEntry = 4;  // li and ri entries: one offset
-constexpr std::uint32_t kFastEntry = 8;  // lf and lh entries: offset and hint
-
-}  // namespace
-
 SubKeyList::SubKeyList(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_,
                        std::uint32_t bufferSize_, std::uint32_t payloadOffset)
     : Node(offset_, parent_, buffer_, bufferSize_),

@@ -29,6 +29,14 @@ constexpr std::uint16_t kLiSignature = 0x696C;        // "li"
 constexpr std::uint16_t kRiSignature = 0x6972;        // "ri"
 constexpr std::uint16_t kDbSignature = 0x6264;        // "db"
 
+// Bytes per entry of a subkey list: li and ri hold an offset, lf and lh an
+// offset and a hint.
+constexpr std::uint32_t kLeafEntry = 4;
+constexpr std::uint32_t kFastEntry = 8;
+constexpr std::uint32_t ListEntrySize(std::uint16_t signature) {
+    return signature == kLfSignature || signature == kLhSignature ? kFastEntry : kLeafEntry;
+}
+
 // Smallest cells in which a record is recognised.
 constexpr std::uint32_t kMinKeyCell = 80;
 constexpr std::uint32_t kMinValueCell = 24;

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "store/Format.h"
 #include "support/Files.h"
 
 namespace TamvikTest {
@@ -60,7 +61,7 @@ struct VkFields {
 class HiveBuilder {
 public:
     explicit HiveBuilder(std::uint32_t minorVersion = 5) : minor_(minorVersion) {}
-    std::uint32_t Payload() const { return minor_ == 1 ? 8 : 4; }
+    std::uint32_t Payload() const { return Tamvik::PayloadOffset(minor_); }
 
     // A new bin; the rest of the bin before it becomes one free cell.
     std::uint32_t AddBin(std::uint32_t size = 4096);

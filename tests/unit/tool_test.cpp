@@ -253,6 +253,9 @@ TEST_F(Tool, EveryEntryStoresAsWritten) {
         {"\xff", true}, {"\x1a\x04\x3b\x04", false}, {"", true}, {"empty", true}, {"emptysz", true},
         {"caf\xe9", true}, {"\x0d\x54", false}, {std::string("\x3d\xd8\x00\xde", 4), false}};
     EXPECT_EQ(forms, expected);
+    // The longest names in bytes of UTF-16: two units among the keys, seven among the values.
+    EXPECT_EQ(image.U32(key, Tamvik::NkField::MaxSubKeyName) & 0xFFFF, 4u);
+    EXPECT_EQ(image.U32(key, Tamvik::NkField::MaxValueName), 14u);
     EXPECT_EQ(Cli({"check", hive}).status, 0);
     // REGEDIT4 string data in hex is ANSI (code page 1252), stored as UTF-16.
     WriteText(At("4.reg"), "REGEDIT4\n\n[\\R]\n\"p\"=hex(2):25,53,80,00\n\"m\"=hex(7):61,00,62,00,00\n");

@@ -55,7 +55,7 @@ public:
     std::uint64_t FileSize() const { return fileSize_; }
 
     // Offset of the payload inside a cell: 8 in version 1.1, 4 otherwise.
-    std::uint32_t PayloadStart() const { return base_.minor == 1 ? 8 : 4; }
+    std::uint32_t PayloadStart() const { return Tamvik::PayloadOffset(base_.minor); }
     // Signed size of the cell starting exactly at offset; 0 if there is none.
     std::int32_t CellSizeAt(std::uint32_t offset) const;
     // Payload of an allocated cell at offset, or null; *size gets its length.

@@ -8,6 +8,9 @@ namespace TamvikTool {
 namespace {
 
 using Tamvik::kSegmentSize;
+namespace NkField = Tamvik::NkField;
+namespace VkField = Tamvik::VkField;
+namespace SkField = Tamvik::SkField;
 constexpr std::uint32_t kInline = Tamvik::kInlineData;
 
 // One pass over the tree. References are followed only into allocated
@@ -24,7 +27,7 @@ public:
             referenced_.insert(root);
             stack.push_back({root, kNoCellOffset});
         } else {
-            report_.findings.push_back({0x24, "base block: root cell " + Hex(root) + " names no allocated cell", false});
+            report_.findings.push_back({Tamvik::BaseBlockField::RootCell, "base block: root cell " + Hex(root) + " names no allocated cell", false});
         }
         while (!stack.empty()) {
             auto [key, parent] = stack.back();
@@ -70,28 +73,28 @@ private:
         std::uint32_t length = 0;
         const std::uint8_t* nk = file_.Payload(key, &length);
         if (nk == nullptr) return;
-        if (length < 0x4C || nk[0] != 'n' || nk[1] != 'k') {
+        if (length < NkField::Name || nk[0] != 'n' || nk[1] != 'k') {
             Problem(key, "key cell is not an nk record");
             return;
         }
         ++report_.keys;
-        const std::uint16_t nameLength = LoadU16(nk + 0x48);
-        if (0x4Cu + nameLength > length) Problem(key, "key name of " + std::to_string(nameLength) + " bytes runs past its cell");
-        if (parent != kNoCellOffset && LoadU32(nk + 0x10) != parent)
-            Problem(key, "key records parent " + Hex(LoadU32(nk + 0x10)) + ", but is listed under " + Hex(parent));
-        if (parent == kNoCellOffset && (LoadU16(nk + 2) & 0x4) == 0)
+        const std::uint16_t nameLength = LoadU16(nk + NkField::NameLength);
+        if (NkField::Name + nameLength > length) Problem(key, "key name of " + std::to_string(nameLength) + " bytes runs past its cell");
+        if (parent != kNoCellOffset && LoadU32(nk + NkField::ParentCell) != parent)
+            Problem(key, "key records parent " + Hex(LoadU32(nk + NkField::ParentCell)) + ", but is listed under " + Hex(parent));
+        if (parent == kNoCellOffset && (LoadU16(nk + NkField::Flags) & 0x4) == 0)
             Problem(key, "root key lacks the hive entry flag", true);
 
-        const std::uint32_t security = LoadU32(nk + 0x2C);
+        const std::uint32_t security = LoadU32(nk + NkField::SecurityCell);
         if (Cell(security, "security cell", key, nullptr, true) != nullptr) ++securityRefs_[security];
-        const std::uint16_t classLength = LoadU16(nk + 0x4A);
+        const std::uint16_t classLength = LoadU16(nk + NkField::ClassLength);
         if (classLength != 0) {
             std::uint32_t size = 0;
-            if (Cell(LoadU32(nk + 0x30), "class name cell", key, &size) != nullptr && size < classLength)
+            if (Cell(LoadU32(nk + NkField::ClassCell), "class name cell", key, &size) != nullptr && size < classLength)
                 Problem(key, "class name of " + std::to_string(classLength) + " bytes is larger than its cell");
         }
-        CheckSubKeys(key, LoadU32(nk + 0x14), LoadU32(nk + 0x1C), stack);
-        CheckValues(key, LoadU32(nk + 0x24), LoadU32(nk + 0x28));
+        CheckSubKeys(key, LoadU32(nk + NkField::SubKeyCount), LoadU32(nk + NkField::SubKeyListCell), stack);
+        CheckValues(key, LoadU32(nk + NkField::ValueCount), LoadU32(nk + NkField::ValueListCell));
     }
 
     void CheckSubKeys(std::uint32_t key, std::uint32_t count, std::uint32_t listCell, Stack* stack) {
@@ -101,7 +104,7 @@ private:
         if (list == nullptr) return;
         std::vector<std::uint32_t> entries;
         if (size >= 4 && list[0] == 'r' && list[1] == 'i') {
-            const std::uint16_t n = LoadU16(list + 2);
+            const std::uint16_t n = LoadU16(list + Tamvik::ListField::Count);
             if (4u + 4u * n > size) {
                 Problem(listCell, "ri list of " + std::to_string(n) + " entries is larger than its cell");
                 return;
@@ -131,8 +134,8 @@ private:
         const bool hinted = list[0] == 'l' && (list[1] == 'f' || list[1] == 'h');
         const bool plain = list[0] == 'l' && list[1] == 'i';
         if (!hinted && !plain) return false;
-        const std::uint16_t n = LoadU16(list + 2);
-        const std::uint32_t step = hinted ? 8 : 4;
+        const std::uint16_t n = LoadU16(list + Tamvik::ListField::Count);
+        const std::uint32_t step = Tamvik::ListEntrySize(LoadU16(list));
         if (4u + step * n > size) {
             Problem(cell, "subkey leaf of " + std::to_string(n) + " entries is larger than its cell");
             return true;
@@ -155,20 +158,20 @@ private:
             std::uint32_t vkSize = 0;
             const std::uint8_t* vk = Cell(valueCell, "value list entry", listCell, &vkSize);
             if (vk == nullptr) continue;
-            if (vkSize < 0x14 || vk[0] != 'v' || vk[1] != 'k') {
+            if (vkSize < VkField::Name || vk[0] != 'v' || vk[1] != 'k') {
                 Problem(valueCell, "value cell is not a vk record");
                 continue;
             }
             ++report_.values;
-            const std::uint16_t nameLength = LoadU16(vk + 2);
-            if (0x14u + nameLength > vkSize) Problem(valueCell, "value name runs past its cell");
+            const std::uint16_t nameLength = LoadU16(vk + VkField::NameLength);
+            if (VkField::Name + nameLength > vkSize) Problem(valueCell, "value name runs past its cell");
             CheckData(valueCell, vk);
         }
     }
 
     void CheckData(std::uint32_t valueCell, const std::uint8_t* vk) {
-        const std::uint32_t length = LoadU32(vk + 4);
-        const std::uint32_t dataCell = LoadU32(vk + 8);
+        const std::uint32_t length = LoadU32(vk + VkField::DataLength);
+        const std::uint32_t dataCell = LoadU32(vk + VkField::DataCell);
         if (length >= kInline) {
             if (length - kInline > 4) Problem(valueCell, "inline data of " + std::to_string(length - kInline) + " bytes (at most 4 fit)");
             return;
@@ -182,12 +185,12 @@ private:
                 Problem(dataCell, "data of " + std::to_string(length) + " bytes needs a db record, the cell has none");
                 return;
             }
-            const std::uint16_t segments = LoadU16(data + 2);
+            const std::uint16_t segments = LoadU16(data + Tamvik::DbField::SegmentCount);
             const std::uint32_t expected = (length + kSegmentSize - 1) / kSegmentSize;
             if (segments < expected)
                 Problem(dataCell, "db has " + std::to_string(segments) + " segments, " + std::to_string(expected) + " needed");
             std::uint32_t listSize = 0;
-            const std::uint32_t listCell = LoadU32(data + 4);
+            const std::uint32_t listCell = LoadU32(data + Tamvik::DbField::SegmentListCell);
             const std::uint8_t* list = Cell(listCell, "db segment list", dataCell, &listSize);
             if (list == nullptr) return;
             if (4u * segments > listSize) {
@@ -211,23 +214,23 @@ private:
             std::uint32_t size = 0;
             const std::uint8_t* p = file_.Payload(sk, &size);
             if (p == nullptr) continue;
-            if (size < 0x14 || p[0] != 's' || p[1] != 'k') {
+            if (size < SkField::Descriptor || p[0] != 's' || p[1] != 'k') {
                 Problem(sk, "security cell is not an sk record");
                 continue;
             }
-            const std::uint32_t refCount = LoadU32(p + 0x0C);
+            const std::uint32_t refCount = LoadU32(p + SkField::RefCount);
             if (refCount < references)
                 Problem(sk, "sk reference count " + std::to_string(refCount) + ", but " + std::to_string(references) +
                                 " keys use it");
             else if (refCount > references)
                 Problem(sk, "sk reference count " + std::to_string(refCount) + ", " + std::to_string(references) +
                                 " keys use it", true);
-            if (0x14u + LoadU32(p + 0x10) > size) Problem(sk, "security descriptor runs past its cell");
+            if (SkField::Descriptor + LoadU32(p + SkField::DescriptorLength) > size) Problem(sk, "security descriptor runs past its cell");
             // The ring: the next cell must point back here.
-            const std::uint32_t next = LoadU32(p + 0x04);
+            const std::uint32_t next = LoadU32(p + SkField::NextSecurity);
             std::uint32_t nextSize = 0;
             const std::uint8_t* n = Cell(next, "sk ring link", sk, &nextSize, true);
-            if (n != nullptr && (nextSize < 0x14 || n[0] != 's' || n[1] != 'k' || LoadU32(n + 0x08) != sk))
+            if (n != nullptr && (nextSize < SkField::Descriptor || n[0] != 's' || n[1] != 'k' || LoadU32(n + SkField::PrevSecurity) != sk))
                 Problem(sk, "sk ring broken: next " + Hex(next) + " doesn't point back");
         }
     }
