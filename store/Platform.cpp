@@ -6,6 +6,7 @@
 #include <clocale>
 #include <ctime>
 #include <cwctype>
+#include <string>
 
 namespace Tamvik {
 
@@ -15,22 +16,37 @@ char16_t UpperUnit(char16_t unit) {
     return static_cast<char16_t>(std::towupper(static_cast<std::wint_t>(unit)));
 }
 
+namespace {
+// What each thread knows of the case rules. initial-exec: the library's thread
+// storage is then reached by one load instead of a call into the dynamic
+// loader, and that is asked at every name lookup.
+struct CaseState {
+    std::string seen;  // the LC_CTYPE locale the rules were numbered under
+    std::uint64_t rules = 0;
+    CaseMap map;
+};
+
+CaseState& ThisThreadsCase() {
+    static thread_local CaseState state __attribute__((tls_model("initial-exec")));
+    return state;
+}
+}  // namespace
+
 std::uint64_t CaseRules() {
     static std::atomic<std::uint64_t> next{1};
-    thread_local std::string seen;
-    thread_local std::uint64_t current = 0;
+    CaseState& state = ThisThreadsCase();
     const char* name = std::setlocale(LC_CTYPE, nullptr);
     if (name == nullptr) name = "";
-    if (current == 0 || seen != name) {
-        seen = name;
-        current = next++;
+    if (state.rules == 0 || state.seen != name) {
+        state.seen = name;
+        state.rules = next++;
     }
-    return current;
+    return state.rules;
 }
 
 const CaseMap& CurrentCaseMap() {
-    thread_local CaseMap map;
     const std::uint64_t rules = CaseRules();
+    CaseMap& map = ThisThreadsCase().map;
     if (map.rules_ != rules) {
         for (char16_t unit = 0; unit < CaseMap::kAscii; ++unit) map.ascii_[unit] = UpperUnit(unit);
         map.rules_ = rules;
