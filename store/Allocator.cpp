@@ -62,7 +62,7 @@ std::uint32_t FindFreeCell(Hive* hive, std::uint32_t& size, std::uint32_t& found
         // A bin too short to hold its own size field holds no cells either.
         const std::uint32_t limit =
             binSize < BinField::BinSize + 4 ? binSize : std::min(LoadU32(image.get() + BinField::BinSize), binSize);
-        for (std::uint64_t position = kBinHeaderSize; limit > kBinHeaderSize && position + 4 <= limit;) {
+        for (std::uint64_t position = kBinHeaderSize; position + 4 <= limit;) {
             const std::int32_t cellSize = LoadI32(image.get() + position);
             if (cellSize == 0) break;  // no step forward: the rest of this bin isn't looked at
             const std::uint32_t magnitude = cellSize < 0 ? 0u - static_cast<std::uint32_t>(cellSize)

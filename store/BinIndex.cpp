@@ -76,7 +76,7 @@ std::uint32_t BinIndex::Summary(std::size_t bin) const {
     const Bin& b = walk_[bin];
     const std::uint8_t* cells = image_.At(kBaseBlockSize + b.at, b.binSize);
     std::uint32_t largest = 0;
-    for (std::uint64_t position = kBinHeaderSize; b.binSize > kBinHeaderSize && position + 4 <= b.binSize;) {
+    for (std::uint64_t position = kBinHeaderSize; position + 4 <= b.binSize;) {
         const std::int32_t size = LoadI32(cells + position);
         if (size == 0) break;
         const std::uint32_t magnitude = size < 0 ? 0u - static_cast<std::uint32_t>(size) : static_cast<std::uint32_t>(size);
@@ -92,7 +92,7 @@ std::uint32_t BinIndex::Summary(std::size_t bin) const {
 std::uint32_t BinIndex::Scan(std::size_t bin, std::uint32_t need, std::uint32_t& found) const {
     const Bin& b = walk_[bin];
     const std::uint8_t* cells = image_.At(kBaseBlockSize + b.at, b.binSize);
-    for (std::uint64_t position = kBinHeaderSize; b.binSize > kBinHeaderSize && position + 4 <= b.binSize;) {
+    for (std::uint64_t position = kBinHeaderSize; position + 4 <= b.binSize;) {
         const std::int32_t size = LoadI32(cells + position);
         if (size == 0) break;
         const std::uint32_t magnitude = size < 0 ? 0u - static_cast<std::uint32_t>(size) : static_cast<std::uint32_t>(size);

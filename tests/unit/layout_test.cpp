@@ -114,6 +114,9 @@ TEST(Layout, NewBinsAndTheirSizes) {
     EXPECT_EQ(Tamvik::FindFreeCell(test.Internal(), size, found), 0u);
     EXPECT_EQ(size, 24u) << "need comes back on every path";
     EXPECT_EQ(found, 7u);
+    // The largest asked size taken; one more could bring a cell size past the signed 32 bits of CellSize.
+    EXPECT_EQ(Tamvik::NeedFor(0x7FFFFFE4u), 0x7FFFFFE8u);
+    EXPECT_EQ(Tamvik::NeedFor(0x7FFFFFE5u), 0u);
 }
 
 // A freed cell takes in its free neighbours inside its bin; in version 1.1
