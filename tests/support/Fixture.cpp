@@ -71,7 +71,8 @@ std::string Image::Name(std::uint32_t cell) const {
 }
 
 std::vector<std::uint32_t> Image::ListEntries(std::uint32_t list) const {
-    const std::uint32_t step = Tamvik::ListEntrySize(U16(list, 0));
+    const std::string sig = Sig(list);  // the entry size told independently of the library
+    const std::uint32_t step = sig == "lf" || sig == "lh" ? 8 : 4;
     std::vector<std::uint32_t> entries;
     for (std::uint32_t i = 0; i < U16(list, 2); ++i) entries.push_back(U32(list, 4 + i * step));
     return entries;

@@ -10,8 +10,6 @@
 #include <map>
 #include <string>
 #include <utility>
-
-#include "store/Format.h"
 #include <vector>
 
 #include "support/Files.h"
@@ -80,7 +78,7 @@ public:
     Bytes file;
 
 private:
-    std::uint64_t Payload(std::uint32_t cell) const { return Tamvik::kBaseBlockSize + cell + Tamvik::PayloadOffset(Minor()); }
+    std::uint64_t Payload(std::uint32_t cell) const { return 4096ull + cell + (Minor() == 1 ? 8 : 4); }
     std::vector<std::uint32_t> ListEntries(std::uint32_t list) const;
 };
 
