@@ -44,8 +44,8 @@ void DeleteValues(Key* key, Hive* hive) {
 void RemoveFromParent(Key* parent, Hive* hive, Key* key) {
     const std::uint32_t index = key->index;
     const std::uint32_t count = parent->SubKeyCount();
-    bool emptied = false;
-    if (parent->subKeyList != nullptr) parent->subKeyList->RemoveAt(hive, index, &emptied);
+    // A list that empties frees its own cell; the key learns of it from its count.
+    if (parent->subKeyList != nullptr) parent->subKeyList->RemoveAt(hive, index, nullptr);
     parent->SetField(NkField::SubKeyCount, count - 1);
     if (count - 1 == 0) {
         parent->SetField(NkField::SubKeyListCell, kNoCell);

@@ -222,8 +222,9 @@ std::optional<std::uint64_t> Indirect::NameHashAt(Hive* hive, std::uint32_t inde
     return WalkTo(hive, index, [&](SubKeyList* leaf, std::uint32_t at) { return leaf->NameHashAt(hive, at); });
 }
 
-void Indirect::RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) {
-    if (emptied != nullptr) *emptied = false;
+// An ri list is only ever a key's own list, never inside another, so no
+// caller asks whether it emptied: when it does, it frees its own cell.
+void Indirect::RemoveAt(Hive* hive, std::uint32_t index, bool*) {
     names.Clear();
     leavesKept_ = false;
     std::uint32_t remaining = index;
@@ -253,7 +254,6 @@ void Indirect::RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) {
                 CellRef own = hive->GetCell(offset);
                 if (!own.IsUsable()) return;
                 FreeCell(own, hive);
-                if (emptied != nullptr) *emptied = true;
             }
         }
         break;

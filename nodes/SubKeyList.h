@@ -30,7 +30,7 @@ public:
 
     // A new key at a position counted over all keys of the list, or null.
     virtual std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) = 0;
-    // Takes the entry out; *emptied tells that the list's own cell was freed.
+    // Takes the entry out; a leaf sets *emptied (when asked) if it freed its own cell.
     virtual void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) = 0;
     // Count of the record: keys in a leaf, leaves in an ri.
     virtual std::uint32_t GetCount() const;

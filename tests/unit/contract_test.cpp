@@ -325,6 +325,23 @@ TEST(Contract, EndedHandlesGive87) {
     EXPECT_EQ(RegFlushKey(nullptr), Result::Ok);
 }
 
+// A create's handle is a second node of its key. Once the key is deleted
+// through a lookup and its cell given out again at another size, a write
+// through that handle must leave the cell's new owner alone.
+TEST(Contract, AStaleCreateHandleWritesOverNoReusedCell) {
+    TestHive test(PathHive());
+    HKEY created = nullptr;
+    ASSERT_EQ(RegCreateKeyExW(test.Key(), u"New", &created), Result::Ok);
+    ASSERT_EQ(RegDeleteKeyW(test.Key(), u"New"), Result::Ok);
+    const BYTE data[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    ASSERT_EQ(RegSetValueNewW(test.Key(), u"x", 0, 3, data, 8), Result::Ok);
+    RegSetValueNewW(created, u"v", 0, 3, data, 8);
+    BYTE read[8] = {};
+    DWORD size = 8;
+    EXPECT_EQ(RegQueryValueExW(test.Key(), u"x", 0, 0, read, &size), Result::Ok);
+    EXPECT_TRUE(size == 8 && std::equal(read, read + 8, data));
+}
+
 TEST(Contract, RootCellThatIsNoKeyGives87) {
     HiveBuilder builder = PathHive();
     builder.SetRoot(builder.TreeSecurity());
