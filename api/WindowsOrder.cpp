@@ -16,7 +16,6 @@ using namespace RegAPI;
 
 namespace {
 
-
 struct Entry {
     std::uint32_t cell, hint;
     std::uint16_t from;  // signature of the leaf it came from: its hint's kind

@@ -85,12 +85,22 @@ void FixBaseBlock(Bytes& hive) {
     Tamvik::StoreU32(hive.data() + Tamvik::BaseBlockField::Checksum, TamvikTest::ChecksumOf(hive.data()));
 }
 
+namespace {
+// A file in memory holding the bytes; the caller closes the descriptor.
+int MemoryFile(const Bytes& bytes) {
+    const int fd = memfd_create("hive", 0);
+    Require(fd >= 0 && write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()), "memfd");
+    return fd;
+}
+
+std::string PathOf(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
+}  // namespace
+
 bool SoundForTheTool(const Bytes& hive) {
-    const int fd = memfd_create("checked", 0);
-    Require(fd >= 0 && write(fd, hive.data(), hive.size()) == static_cast<ssize_t>(hive.size()), "memfd");
+    const int fd = MemoryFile(hive);
     bool sound = false;
     try {
-        const TamvikTool::HiveFile file("/proc/self/fd/" + std::to_string(fd));
+        const TamvikTool::HiveFile file(PathOf(fd));
         const auto isProblem = [](const TamvikTool::Finding& finding) { return !finding.warning; };
         sound = file.Base().signatureOk && std::none_of(file.Findings().begin(), file.Findings().end(), isProblem);
         if (sound) {
@@ -111,9 +121,8 @@ HiveUnderTest::HiveUnderTest(const Bytes& bytes, bool readOnly)
         path_ = u"memory";
         return;
     }
-    fd_ = memfd_create("hive", 0);
-    Require(fd_ >= 0 && write(fd_, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()), "memfd");
-    const std::string path = "/proc/self/fd/" + std::to_string(fd_);
+    fd_ = MemoryFile(bytes);
+    const std::string path = PathOf(fd_);
     path_.assign(path.begin(), path.end());
 }
 

@@ -64,7 +64,8 @@ bool PageBuffer::Reserve(std::uint64_t needed, std::uint64_t capacity) {
         ::madvise(data_, capacity_, MADV_HUGEPAGE);
         return true;
     }
-    // One unit more than asked, so that the start can move to a huge page boundary.
+    // Room to move the start to a unit boundary: up to a huge page less one
+    // page, none for small pages, as mmap gives page-aligned blocks.
     const std::uint64_t mapped = capacity + unit - kPage;
     void* block = ::mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (block == MAP_FAILED) return false;
