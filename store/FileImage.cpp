@@ -78,14 +78,17 @@ bool FileImage::WriteThrough(std::uint64_t position, const void* source, std::ui
     if (end > oldSize && !bytes_.Resize(end)) return false;
     std::memcpy(bytes_.Data() + position, source, length);
     if (WriteOut(position, length)) return true;
-    // The file took none or part of it: everything goes back to what it held.
+    // The file took none or part of it: it gets back what it held, and the
+    // image then holds whatever the file does, should that fail too.
     std::copy(old.begin(), old.end(), bytes_.Data() + position);
+    WriteOut(position, old.size());
     if (end > oldSize) {
         if (::ftruncate(fd_, static_cast<off_t>(oldSize)) != 0) {
             // The file keeps what it took; the image can only forget it too.
         }
         bytes_.Resize(oldSize);
     }
+    ReadBack(position, old.size());
     return false;
 }
 

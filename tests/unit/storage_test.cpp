@@ -65,30 +65,38 @@ TEST(Storage, WhatACallReportedDoneOutlivesTheProcess) {
 
 // A file that may not grow refuses the new bin; the edit fails, the file and
 // what later reads see stay as they were, and an edit that fits still works.
+// With bytes behind the bins, the new bin first lands on them and is then
+// refused past the end: those bytes must come back.
 TEST(Storage, AFileThatCantGrowLosesNothing) {
     if (VolumeMode()) GTEST_SKIP() << "the device's refusals are tested with the volume";
-    TempFile file(SmallHive());
-    const Bytes before = file.Read();
-    const Bytes big(40000, 7);
-    const BYTE small[4] = {9, 9, 9, 9};
-    const int status = InChild([&] {
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{before.size(), before.size()};
-        if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 20;
-        HKEY hive = nullptr, key = nullptr;
-        if (OpenHiveW(file.WidePath().c_str(), &hive, false) != Result::Ok) return 21;
-        if (RegOpenKeyExW(hive, u"R\\Data", 0, 0, &key) != Result::Ok) return 22;
-        if (RegSetValueNewW(key, u"Big", 0, 3, big.data(), static_cast<DWORD>(big.size())) != Result::Invalid)
-            return 23;
-        DWORD size = 0;
-        if (RegQueryValueExW(key, u"Big", nullptr, nullptr, nullptr, &size) != Result::Invalid) return 24;
-        if (RegSetValueNewW(key, u"Small", 0, 3, small, sizeof small) != Result::Ok) return 25;
-        return CloseHive(&hive) == Result::Ok ? 0 : 26;
-    });
-    ASSERT_EQ(status, 0);
-    const Bytes after = file.Read();
-    EXPECT_EQ(after.size(), before.size());
-    EXPECT_EQ(ListFile(file.Path()).lines.back(), "V\t\\Data\tSmall\t3\t09090909");
+    for (const std::size_t behind : {std::size_t{0}, std::size_t{4096}}) {
+        SCOPED_TRACE(behind);
+        Bytes before = SmallHive();
+        for (std::size_t i = 0; i < behind; ++i) before.push_back(static_cast<std::uint8_t>(i * 7 + 1));
+        TempFile file(before);
+        const Bytes big(40000, 7);
+        const BYTE small[4] = {9, 9, 9, 9};
+        const int status = InChild([&] {
+            signal(SIGXFSZ, SIG_IGN);
+            const rlimit limit{before.size(), before.size()};
+            if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 20;
+            HKEY hive = nullptr, key = nullptr;
+            if (OpenHiveW(file.WidePath().c_str(), &hive, false) != Result::Ok) return 21;
+            if (RegOpenKeyExW(hive, u"R\\Data", 0, 0, &key) != Result::Ok) return 22;
+            if (RegSetValueNewW(key, u"Big", 0, 3, big.data(), static_cast<DWORD>(big.size())) != Result::Invalid)
+                return 23;
+            DWORD size = 0;
+            if (RegQueryValueExW(key, u"Big", nullptr, nullptr, nullptr, &size) != Result::Invalid) return 24;
+            if (RegSetValueNewW(key, u"Small", 0, 3, small, sizeof small) != Result::Ok) return 25;
+            return CloseHive(&hive) == Result::Ok ? 0 : 26;
+        });
+        ASSERT_EQ(status, 0);
+        const Bytes after = file.Read();
+        ASSERT_EQ(after.size(), before.size());
+        EXPECT_TRUE(std::equal(after.end() - static_cast<std::ptrdiff_t>(behind), after.end(),
+                               before.end() - static_cast<std::ptrdiff_t>(behind)));
+        EXPECT_EQ(ListFile(file.Path()).lines.back(), "V\t\\Data\tSmall\t3\t09090909");
+    }
 }
 
 // What a key's node learnt of its list holds only while the file stays: here

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <ctime>
 #include <filesystem>
+#include <set>
 #include <thread>
 
 #include "edit/NameForms.h"
@@ -384,6 +385,12 @@ TEST_F(Tool, WindowsOrderOnRequest) {
     for (const char* name : {"B\\_", "B\\a"}) ASSERT_EQ(Cli({"mkkey", hive, name}).status, 0);
     EXPECT_EQ(Cli({"mkkey", hive, "B\\Z", "--windows-order"}).status, 0);
     EXPECT_EQ(Cli({"ls", hive, "B"}).out, "a\\\nZ\\\n_\\\n");
+    // A unit past 0xFF among the first four clears an lf hint's low byte; U+00FF still fits.
+    for (const char* name : {"C\\\xc3\xbfz", "C\\\xc4\x81" "b"})
+        ASSERT_EQ(Cli({"mkkey", hive, name, "--windows-order"}).status, 0);
+    std::set<std::uint32_t> written;
+    for (const auto& [key, hint] : hints(Image(ReadFileBytes(hive)))) written.insert(hint);
+    EXPECT_TRUE(written.count(0x7AFF) == 1 && written.count(0x6200) == 1);
 }
 
 TEST_F(Tool, InfoAndCheckLookAtTheFileItself) {
