@@ -391,6 +391,15 @@ TEST_F(Tool, WindowsOrderOnRequest) {
     std::set<std::uint32_t> written;
     for (const auto& [key, hint] : hints(Image(ReadFileBytes(hive)))) written.insert(hint);
     EXPECT_TRUE(written.count(0x7AFF) == 1 && written.count(0x6200) == 1);
+    // An ri naming a cell that isn't a leaf takes no key, even forced, and keeps its bytes.
+    HiveBuilder lying;
+    lying.AddTree(TreeKey{"R", {}, {TreeKey{"A"}}});
+    const std::uint32_t a = lying.KeyOffset("A");
+    lying.Patch32(lying.KeyOffset(""), Tamvik::NkField::SubKeyListCell, lying.AddList("ri", {lying.AddList("lf", {a}, {"A"}), a}));
+    const Bytes bytes = lying.Build();
+    WriteText(At("ri"), std::string(bytes.begin(), bytes.end()));
+    EXPECT_EQ(Cli({"mkkey", "--force", At("ri"), "B", "--windows-order"}).status, 1);
+    EXPECT_EQ(ReadFileBytes(At("ri")), bytes);
 }
 
 TEST_F(Tool, InfoAndCheckLookAtTheFileItself) {
