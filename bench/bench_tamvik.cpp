@@ -1,6 +1,7 @@
 // Tamvik's side of the benchmark: the workloads of Workload.h through the
 // public API only. It also draws the W2 lookup list from the large hive.
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -55,10 +56,29 @@ HKEY Open(HKEY from, const std::u16string& path) {
     return key;
 }
 
+// A caller's buffer, as a C caller's array would be: written before it is
+// read, so it isn't cleared first, and growing forgets what it held.
+template <class T>
+class Room {
+public:
+    explicit Room(std::size_t size) { resize(size); }
+    T* data() { return items_.get(); }
+    std::size_t size() const { return size_; }
+    void resize(std::size_t size) {
+        if (size <= size_) return;
+        items_ = std::make_unique_for_overwrite<T[]>(size);
+        size_ = size;
+    }
+
+private:
+    std::unique_ptr<T[]> items_;
+    std::size_t size_ = 0;
+};
+
 // Reads data through query(buffer, &size), growing buffer when the data don't
 // fit (a key's stored maximum can be stale); gives the size read.
 template <class Query>
-DWORD ReadData(std::vector<BYTE>& buffer, Query query) {
+DWORD ReadData(Room<BYTE>& buffer, Query query) {
     DWORD size = static_cast<DWORD>(buffer.size());
     LONG result = query(buffer.data(), &size);
     if (result == Result::MoreData && query(nullptr, &size) == Result::Ok) {
@@ -119,8 +139,8 @@ private:
     bench::Totals& totals_;
     std::vector<bench::Candidate>* candidates_;
     std::vector<std::string> path_;
-    std::vector<WCHAR> name_ = std::vector<WCHAR>(65537);  // room for any name
-    std::vector<BYTE> data_ = std::vector<BYTE>(1 << 16);
+    Room<WCHAR> name_ = Room<WCHAR>(65537);  // room for any name
+    Room<BYTE> data_ = Room<BYTE>(1 << 16);
 };
 
 bench::Totals WalkAll(const std::string& path) {
@@ -142,7 +162,7 @@ std::vector<bench::Candidate> Candidates(const std::string& path) {
 bench::Totals Lookups(const std::string& path, const std::vector<bench::Lookup>& lookups) {
     OpenHive hive(path, true);
     bench::Totals totals;
-    std::vector<BYTE> data(1 << 16);
+    Room<BYTE> data(1 << 16);
     std::u16string full;
     for (const bench::Lookup& lookup : lookups) {
         // Forming the wide path is the caller's part of a lookup, so it is timed too.

@@ -18,27 +18,29 @@ void NameIndex::Clear() {
     used_ = 0;
 }
 
-std::optional<std::uint32_t> NameIndex::Find(std::uint64_t hash) const {
+std::optional<std::uint32_t> NameIndex::Find(std::uint64_t fullHash) const {
     if (slots_.empty()) return std::nullopt;
+    const auto hash = static_cast<std::uint32_t>(fullHash);
     for (std::size_t i = Home(hash);; i = (i + 1) & (slots_.size() - 1)) {
         const Slot& slot = slots_[i];
         if (slot.position == 0) return std::nullopt;
-        if (slot.hash == hash) return static_cast<std::uint32_t>(slot.position - 1);
+        if (slot.hash == hash) return slot.position - 1;
     }
 }
 
-void NameIndex::Add(std::uint64_t hash, std::uint32_t position) {
-    if (2 * (used_ + 1) > slots_.size()) {
+void NameIndex::Add(std::uint64_t fullHash, std::uint32_t position) {
+    if (4 * (used_ + 1) > 3 * slots_.size()) {
         std::vector<Slot> old = std::move(slots_);
         slots_.assign(old.empty() ? 16 : 2 * old.size(), Slot{0, 0});
         used_ = 0;
         for (const Slot& slot : old)
-            if (slot.position != 0) Add(slot.hash, static_cast<std::uint32_t>(slot.position - 1));
+            if (slot.position != 0) Add(slot.hash, slot.position - 1);
     }
+    const auto hash = static_cast<std::uint32_t>(fullHash);
     for (std::size_t i = Home(hash);; i = (i + 1) & (slots_.size() - 1)) {
         Slot& slot = slots_[i];
         if (slot.position == 0) {
-            slot = Slot{hash, std::uint64_t{position} + 1};
+            slot = Slot{hash, position + 1};
             ++used_;
             return;
         }

@@ -50,15 +50,18 @@ public:
     std::optional<std::uint64_t> limit;    // positions a scan can reach, once known
 
 private:
+    // 32 bits of the hash are plenty to point at a position (the name is
+    // compared anyway), and a slot half as large is half the memory a walk
+    // over a big hive has to be given.
     struct Slot {
-        std::uint64_t hash;
-        std::uint64_t position;  // 0: empty; else the position + 1
+        std::uint32_t hash;
+        std::uint32_t position;  // 0: empty; else the position + 1
     };
-    std::size_t Home(std::uint64_t hash) const { return static_cast<std::size_t>(hash) & (slots_.size() - 1); }
+    std::size_t Home(std::uint32_t hash) const { return hash & (slots_.size() - 1); }
 
     std::uint64_t rules_ = 0;
     std::uint64_t generation_ = 0;
-    std::vector<Slot> slots_;  // open addressing, a power of two in size, at most half full
+    std::vector<Slot> slots_;  // open addressing, a power of two in size, at most three quarters full
     std::size_t used_ = 0;
 };
 
