@@ -265,6 +265,8 @@ TEST(Narrow, WritesWidenStringTypes) {
     EXPECT_EQ(RegOpenKeyExA(data, kCn.c_str(), 0, 0, &opened), Result::Invalid);
     EXPECT_EQ(RegOpenKeyExW(data, kCnWidened.c_str(), 0, 0, &opened), Result::Ok);
     EXPECT_EQ(RegDeleteKeyA(data, "\xFF") + RegDeleteValueA(data, "\xFF"), 87 + 87);
+    // A wide name without a narrow form makes nothing.
+    EXPECT_EQ(RegSetValueNewW(data, u"\u0E01", 0, 3, two, 2) + RegCreateKeyExW(data, u"\u0E01", &created), 87 + 87);
     EXPECT_EQ(RegDeleteValueA(data, "Str"), Result::Ok);
 }
 
