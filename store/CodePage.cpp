@@ -202,7 +202,7 @@ std::optional<WString> WidenArgument(const char* text) {
     long n = NarrowToWide(nullptr, text, 0);
     if (n < 0) return std::nullopt;
     WString wide(static_cast<std::size_t>(n), u'\0');
-    NarrowToWide(wide.data(), text, static_cast<std::size_t>(n) + 1);
+    NarrowToWide(wide.data(), text, static_cast<std::size_t>(n));  // the string keeps its own terminator
     return wide;
 }
 
@@ -211,7 +211,7 @@ std::optional<std::string> NarrowArgument(const char16_t* text) {
     long n = WideToNarrow(nullptr, text, 0);
     if (n < 0) return std::nullopt;
     std::string narrow(static_cast<std::size_t>(n), '\0');
-    WideToNarrow(narrow.data(), text, static_cast<std::size_t>(n) + 1);
+    WideToNarrow(narrow.data(), text, static_cast<std::size_t>(n));  // the string keeps its own terminator
     return narrow;
 }
 
