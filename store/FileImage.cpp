@@ -17,6 +17,10 @@ namespace {
 // bytes is cheaper than another call.
 constexpr std::uint64_t kCoalesceGap = 512;
 constexpr std::uint64_t kMaxPosition = static_cast<std::uint64_t>(std::numeric_limits<off_t>::max());
+// After this many bytes handed to the file, the system is asked to start
+// writing them to the disk, so that the close's wait for durability covers
+// only the last of them.
+constexpr std::uint64_t kWritebackKick = 8u << 20;
 }  // namespace
 
 std::unique_ptr<FileImage> FileImage::Open(const std::string& path, bool readOnly) {
@@ -132,6 +136,11 @@ void FileImage::Flush() {
     for (const auto& [begin, end] : runs) {
         const std::uint64_t last = std::min<std::uint64_t>(end, bytes_.Size());
         if (begin < last && !WriteOut(begin, last - begin)) ReadBack(begin, last - begin);
+        if (begin < last) unsynced_ += last - begin;
+    }
+    if (unsynced_ >= kWritebackKick) {
+        ::sync_file_range(fd_, 0, 0, SYNC_FILE_RANGE_WRITE);  // starts the writing, waits for nothing
+        unsynced_ = 0;
     }
 }
 

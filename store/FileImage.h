@@ -51,6 +51,7 @@ private:
     bool readOnly_;
     PageBuffer bytes_;
     std::vector<std::pair<std::uint64_t, std::uint64_t>> dirty_;  // [begin, end), in the order written
+    std::uint64_t unsynced_ = 0;  // bytes handed to the file since its writing to the disk was last started
 };
 
 }  // namespace Tamvik
