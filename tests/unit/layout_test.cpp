@@ -281,6 +281,13 @@ TEST(Layout, WhereANewEntryLands) {
     const EditOutcome lossy = Edit(Tree({TreeKey{"\xC4"}}, {}, ListKind::Lf), [](TestHive& t) { return Create(t.Key(), "?"); });
     EXPECT_EQ(lossy.result, Result::CannotCreate);
     EXPECT_EQ(Image(lossy.after).SubKeyNames(Image(lossy.after).Root()), std::vector<std::string>{"\xC4"});
+    // A leaf of 65535 entries, all its count can say, takes no more.
+    HiveBuilder full;
+    const std::uint32_t a = full.AddNk({"A"});
+    full.SetRoot(full.AddNk({"Root", 0x2C, 0xFFFF, full.AddList("lh", std::vector<std::uint32_t>(0xFFFF, a))}));
+    const EditOutcome refused = Edit(full, [](TestHive& t) { return Create(t.Key(), "B"); });
+    EXPECT_EQ(refused.result, Result::CannotCreate);
+    EXPECT_EQ(Image(refused.after).U32(Image(refused.after).Root(), NkField::SubKeyCount), 0xFFFFu);
 }
 
 // A leaf stays only in a cell of at least c * 8 + 24 bytes, rewritten with

@@ -45,7 +45,8 @@ HiveBuilder NarrowHive() {
                   {"Odd", 1, {'a', 0, 'b', 0, 'c', 0, 'd'}},
                   {"MultiNoTerm", 7, Wide(std::u16string(u"a\0bc", 4))},
                   {"BigStr", 1, Wide(std::u16string(11999, u'x') + u'\0')},
-                  {"MultiOne", 7, Wide(u"a")}}};
+                  {"MultiOne", 7, Wide(u"a")},
+                  {"MultiLast", 7, Wide(std::u16string(u"ab\0c", 4))}}};
     TreeKey root{"Root", {}, {data, TreeKey{"Names"}}};
     b.AddTree(root);
     // The Names key is laid out by hand: its names are UTF-16 that the tree can't carry.
@@ -118,6 +119,7 @@ TEST(Narrow, ReadsConvertStringTypesAndReportWideCharacters) {
         {"Empty", 1, 0, 0, std::string(1, '\0')},
         {"BigStr", 12000, 0, 12000, big},
         {"MultiOne", 2, 0, 1, ""},  // a list of 2 bytes or less converts to nothing
+        {"MultiLast", 4, 0, 4, std::string("ab\0", 3)},  // a last string of one unit, unended, is dropped
         {"Bin", 7, 234, 7, ""},  // other types behave as in the wide family
         {"Bin", 8, 0, 8, std::string("\1\2\3\4\5\6\7\x08", 8)},
         {"\xFF", 8, 87, 8, ""},  // a name that isn't code page 936
@@ -150,7 +152,7 @@ TEST(Narrow, NamesComeBackAsCodePage936) {
     } cases[] = {
         {u"Names", 0, 4, 87, 4, ""}, {u"Names", 0, 8, 0, 4, kCn}, {u"Names", 1, 8, 0, 2, "?A"},
         {u"Names", 2, 0, 87, 0, ""}, {u"Names", 2, 1, 0, 0, ""},  {u"Data", 2, 8, 0, 2, "Cn"},
-        {u"Data", 5, 9, 87, 9, ""},  {u"Data", 15, 16, 87, 16, ""},
+        {u"Data", 5, 9, 87, 9, ""},  {u"Data", 16, 16, 87, 16, ""},
     };
     for (const Case& c : cases) {
         char name[16];
