@@ -8,9 +8,11 @@
 #include <unistd.h>
 
 #include <functional>
+#include <memory>
 
 #include "api/EntryFrame.h"
 #include "nodes/SubKeyList.h"
+#include "store/Hive.h"
 #include "support/Device.h"
 #include "support/Fixture.h"
 #include "support/Listing.h"
@@ -271,6 +273,35 @@ TEST(Contract, WhichCallsEndHandles) {
     EXPECT_EQ(Tamvik::KeyOf(mixed)->subKeyList, nullptr);
 }
 
+// A long list's learnt names outlive its node, for the next lookup in it,
+// until any edit (the cells they name may have moved). A volume keeps none.
+TEST(Contract, LongListsKeepTheirLearntNamesUntilAnEdit) {
+    if (VolumeMode()) GTEST_SKIP() << "a volume is scanned literally";
+    TreeKey many{"P"};
+    for (int i = 0; i < 40; ++i) many.subkeys.push_back(TreeKey{(i < 10 ? "K0" : "K") + std::to_string(i)});
+    HiveBuilder builder;
+    builder.AddTree(TreeKey{"ROOT", {}, {many, TreeKey{"Q"}}});
+    TestHive test(builder);
+    const BYTE one[4] = {1};
+    const auto learnAndPark = [&](const std::u16string& name) {
+        ASSERT_NE(test.Key(u"P\\" + name), nullptr);
+        ASSERT_NE(test.Key(u"Q"), nullptr) << "ends P and with it its list";
+    };
+    ASSERT_EQ(RegSetValueNewW(test.Key(u"Q"), u"x", 0, 4, one, 4), Result::Ok);
+    learnAndPark(u"K31");
+    const std::uint32_t list = Image(test.Disk()).U32(builder.KeyOffset("P"), Tamvik::NkField::SubKeyListCell);
+    Tamvik::Hive& hive = *test.Internal();
+    EXPECT_FALSE(hive.TakeNames(list, true));
+    const std::optional<Tamvik::NameIndex> names = hive.TakeNames(list, false);
+    ASSERT_TRUE(names);
+    EXPECT_EQ(names->scanned, 32u);
+    learnAndPark(u"K30");
+    EXPECT_FALSE(hive.TakeNames(list, false)) << "31 names are scanned again for less";
+    learnAndPark(u"K39");
+    ASSERT_EQ(RegSetValueNewW(test.Key(u"Q"), u"y", 0, 4, one, 4), Result::Ok);
+    EXPECT_FALSE(hive.TakeNames(list, false));
+}
+
 // A handle whose node has died, or that never was one, is refused by every
 // entry point that takes a handle, before anything follows it.
 TEST(Contract, EndedHandlesGive87) {
@@ -323,6 +354,20 @@ TEST(Contract, EndedHandlesGive87) {
     expectRefused(root, "the hive closed");
     expectRefused(hive, "the hive closed (its own handle)");
     EXPECT_EQ(RegFlushKey(nullptr), Result::Ok);
+}
+
+// With many hives open, handles share the set's slots; each one that ends,
+// wherever its slot lies, is refused at once.
+TEST(Contract, HandlesEndOneByOneAmongMany) {
+    std::vector<std::unique_ptr<TestHive>> hives;
+    for (int i = 0; i < 150; ++i) hives.push_back(std::make_unique<TestHive>(PathHive(), true));
+    for (auto& test : hives) {
+        HKEY hive = test->hive, root = test->Key();
+        test->Close();
+        DWORD n = 0;
+        ASSERT_EQ(RegQueryInfoKeyW(hive, 0, 0, 0, &n, 0, 0, 0, 0, 0, 0, 0), Result::Invalid);
+        ASSERT_EQ(RegQueryInfoKeyW(root, 0, 0, 0, &n, 0, 0, 0, 0, 0, 0, 0), Result::Invalid);
+    }
 }
 
 // A create's handle is a second node of its key. Once the key is deleted

@@ -239,4 +239,31 @@ TEST_F(Volume, WritesTheDeviceRefuses) {
                                                        "V\t\\Data\tLost\t3\t060504030201"}));
 }
 
+// A cell that claims more than a MiB is asked for its last byte before memory
+// for it is had: a damaged size costs one small read, not a huge block.
+TEST_F(Volume, AHugeCellIsProbedAtItsLastByte) {
+    HiveBuilder builder;
+    builder.AddTree(TreeKey{"Root", {}, {TreeKey{"Data", {{"V", 3, {1, 2, 3, 4, 5, 6, 7, 8}}}}}});
+    const Image image(builder.Build());
+    const std::uint32_t list = image.U32(builder.KeyOffset("Data"), Tamvik::NkField::ValueListCell);
+    const std::uint32_t data = image.U32(image.U32(list, 0), Tamvik::VkField::DataCell);
+    constexpr std::int32_t kClaimed = 3 << 20;
+    builder.SetCellSize(data, -kClaimed);
+    TempFile file(builder.Build());
+    TestDevice device;
+    HKEY hive = nullptr, key = nullptr;
+    ASSERT_EQ(OpenHiveByVolumeW(file.WidePath().c_str(), &device, &hive), Result::Ok);
+    ASSERT_EQ(RegOpenKeyExW(hive, u"R\\Data", 0, 0, &key), Result::Ok);
+    device.calls.clear();
+    BYTE buffer[8] = {};
+    DWORD size = sizeof buffer;
+    RegQueryValueExW(key, u"V", nullptr, nullptr, buffer, &size);
+    const std::string last = std::to_string(4096ull + data + kClaimed - 1);
+    const std::vector<std::string> calls = Texts(device.calls);
+    ASSERT_GE(calls.size(), 2u);
+    EXPECT_EQ(calls.back().substr(calls.back().find(' ') + 1), "read 1 @" + last);
+    for (const DeviceCall& call : device.calls) EXPECT_EQ(call.text.find("read 3145728"), std::string::npos);
+    ASSERT_EQ(CloseHiveByVolume(&hive, &device), Result::Ok);
+}
+
 }  // namespace
