@@ -2,10 +2,12 @@
 #include "Driver.h"
 
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,8 +24,9 @@ namespace TamvikFuzz {
 
 namespace {
 constexpr std::size_t kModeByte = 0x1F8;
-constexpr std::uint64_t kMaxSize = 64u << 20;  // a damaged BinsSize can't make the device eat the memory
 }  // namespace
+// A damaged BinsSize can't make a device or a file eat the memory.
+constexpr std::uint64_t kMaxSize = 64u << 20;
 
 // A volume whose bytes are a vector: a private copy of the fuzzer's input.
 class MemoryDevice : public CRegVolumeDevice {
@@ -160,7 +163,24 @@ std::uint64_t HiveUnderTest::DeviceWrites() const { return device_ != nullptr ? 
 
 }  // namespace TamvikFuzz
 
+namespace {
+// A file hive grows where its header says the bins end, which a damaged
+// BinsSize puts gigabytes out, and reopening it would read all of that into
+// memory. Files stop at the device's bound instead: a write past it is
+// refused as a full disk refuses it, which the edits must survive too. Set at
+// the first input, after libFuzzer has put in its own signal handlers.
+bool BoundFileSizes() {
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = TamvikFuzz::kMaxSize;
+    return setrlimit(RLIMIT_FSIZE, &limit) == 0;
+}
+}  // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const bool bounded = BoundFileSizes();
+    TamvikFuzz::Require(bounded, "setrlimit");
     TamvikFuzz::Harness(TamvikFuzz::Bytes(data, data + size));
     return 0;
 }

@@ -1,6 +1,7 @@
 #include "store/PageBuffer.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -37,6 +38,20 @@ void MarkInBounds(std::uint8_t* data, std::uint64_t size, std::uint64_t capacity
 #else
     (void)data, (void)size, (void)capacity;
 #endif
+}
+
+// Zeros [from, to). Whole pages go back to the system and come again as zeros
+// when next written: a shrink after a refused growth gigabytes out must not
+// touch all the pages the growth never used.
+void Clear(std::uint8_t* data, std::uint64_t from, std::uint64_t to) {
+    static const std::uint64_t page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+    const std::uint64_t first = RoundUp(from, page), last = to / page * page;
+    if (first < last && ::madvise(data + first, last - first, MADV_DONTNEED) == 0) {
+        std::memset(data + from, 0, first - from);
+        std::memset(data + last, 0, to - last);
+        return;
+    }
+    std::memset(data + from, 0, to - from);
 }
 }  // namespace
 
@@ -85,7 +100,7 @@ bool PageBuffer::Reserve(std::uint64_t needed, std::uint64_t capacity) {
 bool PageBuffer::Resize(std::uint64_t size) {
     if (size > capacity_ && !Reserve(size, size > 2 * capacity_ ? size : 2 * capacity_)) return false;
     // Bytes given up are cleared, so that growing again brings zeros.
-    if (size < size_) std::memset(data_ + size, 0, size_ - size);
+    if (size < size_) Clear(data_, size, size_);
     size_ = size;
     MarkInBounds(data_, size_, capacity_);
     return true;

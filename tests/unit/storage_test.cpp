@@ -35,9 +35,10 @@ int InChild(const std::function<int()>& body) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-Bytes SmallHive() {
+Bytes SmallHive(std::int64_t claimedBinsSize = -1) {
     HiveBuilder builder;
     builder.AddTree(TreeKey{"Root", {}, {TreeKey{"Data", {{"V", 4, {1, 0, 0, 0}}}}}});
+    builder.SetBinsSize(claimedBinsSize);
     return builder.Build();
 }
 
@@ -66,12 +67,14 @@ TEST(Storage, WhatACallReportedDoneOutlivesTheProcess) {
 // A file that may not grow refuses the new bin; the edit fails, the file and
 // what later reads see stay as they were, and an edit that fits still works.
 // With bytes behind the bins, the new bin first lands on them and is then
-// refused past the end: those bytes must come back.
+// refused past the end: those bytes must come back. A header that claims bins
+// far past the file's end puts the new bin there: refused, it must not have
+// cost memory for the whole distance.
 TEST(Storage, AFileThatCantGrowLosesNothing) {
     if (VolumeMode()) GTEST_SKIP() << "the device's refusals are tested with the volume";
-    for (const std::size_t behind : {std::size_t{0}, std::size_t{4096}}) {
-        SCOPED_TRACE(behind);
-        Bytes before = SmallHive();
+    for (const auto& [behind, claimed] : {std::pair<std::size_t, std::int64_t>{0, -1}, {4096, -1}, {0, 0x70000000}}) {
+        SCOPED_TRACE(behind + claimed);
+        Bytes before = SmallHive(claimed);
         for (std::size_t i = 0; i < behind; ++i) before.push_back(static_cast<std::uint8_t>(i * 7 + 1));
         TempFile file(before);
         const Bytes big(40000, 7);
@@ -80,6 +83,9 @@ TEST(Storage, AFileThatCantGrowLosesNothing) {
             signal(SIGXFSZ, SIG_IGN);
             const rlimit limit{before.size(), before.size()};
             if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 20;
+            rusage usage{};
+            getrusage(RUSAGE_SELF, &usage);
+            const long startKiB = usage.ru_maxrss;
             HKEY hive = nullptr, key = nullptr;
             if (OpenHiveW(file.WidePath().c_str(), &hive, false) != Result::Ok) return 21;
             if (RegOpenKeyExW(hive, u"R\\Data", 0, 0, &key) != Result::Ok) return 22;
@@ -88,6 +94,8 @@ TEST(Storage, AFileThatCantGrowLosesNothing) {
             DWORD size = 0;
             if (RegQueryValueExW(key, u"Big", nullptr, nullptr, nullptr, &size) != Result::Invalid) return 24;
             if (RegSetValueNewW(key, u"Small", 0, 3, small, sizeof small) != Result::Ok) return 25;
+            getrusage(RUSAGE_SELF, &usage);
+            if (usage.ru_maxrss - startKiB > (1 << 20)) return 27;  // a GiB: far below the distance
             return CloseHive(&hive) == Result::Ok ? 0 : 26;
         });
         ASSERT_EQ(status, 0);
