@@ -13,6 +13,7 @@
 
 #include "store/Allocator.h"
 #include "store/Hive.h"
+#include "store/NameIndex.h"
 #include "store/VolumeStorage.h"
 #include "support/Device.h"
 #include "support/Fixture.h"
@@ -125,6 +126,17 @@ TEST(Storage, LookupsAnswerForTheFileAsItIsNow) {
     ASSERT_EQ(RegCreateKeyExW(made, u"E", &e), Result::Ok);
     ASSERT_EQ(reinterpret_cast<Tamvik::Node*>(e)->GetOffset(), cOffset) << "E takes C's cell";
     EXPECT_EQ(RegOpenKeyExW(seen, u"E", 0, 0, &found), Result::Ok);
+}
+
+// A list's learnt names point each hash at the first position that had it,
+// through every growth of the table; a wrong position costs a whole scan.
+TEST(Storage, TheNameIndexPointsAtFirstPositions) {
+    Tamvik::NameIndex index;
+    const auto hashOf = [](std::uint32_t i) { return std::uint64_t{i} * 0x9E3779B97F4A7C15ull; };
+    for (std::uint32_t i = 0; i < 300; ++i) index.Add(hashOf(i), i);
+    index.Add(hashOf(7), 300);
+    for (std::uint32_t i = 0; i < 300; ++i) ASSERT_EQ(index.Find(hashOf(i)), i);
+    EXPECT_FALSE(index.Find(hashOf(300)));
 }
 
 // The first fit as the walk from the first bin finds it, worked out from the
