@@ -391,15 +391,19 @@ TEST_F(Tool, WindowsOrderOnRequest) {
     std::set<std::uint32_t> written;
     for (const auto& [key, hint] : hints(Image(ReadFileBytes(hive)))) written.insert(hint);
     EXPECT_TRUE(written.count(0x7AFF) == 1 && written.count(0x6200) == 1);
-    // An ri naming a cell that isn't a leaf takes no key, even forced, and keeps its bytes.
-    HiveBuilder lying;
-    lying.AddTree(TreeKey{"R", {}, {TreeKey{"A"}}});
-    const std::uint32_t a = lying.KeyOffset("A");
-    lying.Patch32(lying.KeyOffset(""), Tamvik::NkField::SubKeyListCell, lying.AddList("ri", {lying.AddList("lf", {a}, {"A"}), a}));
-    const Bytes bytes = lying.Build();
-    WriteText(At("ri"), std::string(bytes.begin(), bytes.end()));
-    EXPECT_EQ(Cli({"mkkey", "--force", At("ri"), "B", "--windows-order"}).status, 1);
-    EXPECT_EQ(ReadFileBytes(At("ri")), bytes);
+    // An ri naming a cell that isn't a leaf, or a list cell that is no cell,
+    // takes no key, even forced, and keeps its bytes.
+    for (const bool riOverAKey : {true, false}) {
+        HiveBuilder lying;
+        lying.AddTree(TreeKey{"R", {}, {TreeKey{"A"}}});
+        const std::uint32_t a = lying.KeyOffset("A");
+        const std::uint32_t list = riOverAKey ? lying.AddList("ri", {lying.AddList("lf", {a}, {"A"}), a}) : 0xFFFFFFFF;
+        lying.Patch32(lying.KeyOffset(""), Tamvik::NkField::SubKeyListCell, list);
+        const Bytes bytes = lying.Build();
+        WriteText(At("ri"), std::string(bytes.begin(), bytes.end()));
+        EXPECT_EQ(Cli({"mkkey", "--force", At("ri"), "B", "--windows-order"}).status, 1) << riOverAKey;
+        EXPECT_EQ(ReadFileBytes(At("ri")), bytes);
+    }
 }
 
 TEST_F(Tool, InfoAndCheckLookAtTheFileItself) {
