@@ -92,10 +92,11 @@ const std::string& ValueName(int value) {
 
 int KeyIndex(int group, int leaf) { return group * (kLeaves + 1) + leaf + 1; }
 
-Bytes ValueData(int keyIndex, int value) {
+Bytes ValueData(int keyIndex, int value, Mix mix) {
+    static constexpr std::size_t kSmallSizes[kValuesPerKey] = {4, 24, 200, 8, 5000};
     std::uint64_t state = kDataSeed ^ (static_cast<std::uint64_t>(keyIndex) * kValuesPerKey + value);
     const std::uint64_t draw = SplitMix(state);
-    const std::size_t size = kMinData + draw % (kMaxData - kMinData + 1);
+    const std::size_t size = mix == Mix::Small ? kSmallSizes[value] : kMinData + draw % (kMaxData - kMinData + 1);
     const std::size_t offset = (draw >> 32) % (kPoolSize - kMaxData);
     return {Pool().data() + offset, size};
 }
@@ -121,13 +122,13 @@ std::string Totals::Check() const {
     return text;
 }
 
-Totals ExpectedW3() {
+Totals ExpectedW3(Mix mix) {
     Totals totals;
     totals.hashing = true;
     totals.Key(kBenchKey);
     auto values = [&](int index) {
         for (int v = 0; v < kValuesPerKey; ++v) {
-            Bytes data = ValueData(index, v);
+            Bytes data = ValueData(index, v, mix);
             totals.Value(ValueName(v), data.data, data.size);
         }
     };
@@ -200,17 +201,37 @@ int Main(int argc, char** argv, const Side& side) {
     const std::string workload = argc > 2 ? argv[1] : "";
     auto usage = [&] {
         std::fprintf(stderr,
-                     "usage: %s W1 HIVE | W2 HIVE LOOKUPS | W3 HIVE [VARIANT] | W4 HIVE%s\n"
-                     "W3 and W4 change HIVE: give them a copy (W4 the copy W3 wrote).\n",
-                     argv[0], side.candidates ? " | lookups HIVE OUT" : "");
+                     "usage: %s W1 HIVE | W2 HIVE LOOKUPS | W3 HIVE [VARIANT] | W3s HIVE [VARIANT] | W4 HIVE%s\n"
+                     "       %s check-W3 HIVE | check-W3s HIVE | check-W4 HIVE\n"
+                     "W3, W3s and W4 change HIVE: give them a copy (W4 the copy W3 wrote); the check-\n"
+                     "runs verify a copy afterwards, through this side's own reading.\n",
+                     argv[0], side.candidates ? " | lookups HIVE OUT" : "", argv[0]);
         return 2;
     };
     if (argc < 3) return usage();
     const std::string hive = argv[2];
+    const bool small = workload == "W3s" || workload == "check-W3s";
+    const Mix mix = small ? Mix::Small : Mix::Seeded;
 
     if (workload == "lookups" && side.candidates && argc == 4) {
         std::vector<Lookup> lookups = DrawLookups(side.candidates(hive));
         if (lookups.empty() || !WriteLookups(argv[3], lookups)) Fail("%s: no lookups written", argv[3]);
+        return 0;
+    }
+    // The same work, verified through the side's own reading of what it wrote.
+    if (workload == "check-W3" || workload == "check-W3s") {
+        std::optional<Totals> found = side.readBack(hive);
+        if (!found) Fail("%s: after %s %s finds no %s key", side.name, workload.c_str() + 6, hive.c_str(), kBenchKey);
+        const std::string check = found->Check(), expected = ExpectedW3(mix).Check();
+        if (check != expected)
+            Fail("%s: after %s the bench key holds %s, expected %s", side.name, workload.c_str() + 6, check.c_str(),
+                 expected.c_str());
+        std::printf("check %s\n", check.c_str());
+        return 0;
+    }
+    if (workload == "check-W4") {
+        if (side.readBack(hive)) Fail("%s: after W4 the %s key is still there", side.name, kBenchKey);
+        std::printf("check bench-key-gone\n");
         return 0;
     }
     std::vector<Lookup> lookups;
@@ -219,8 +240,8 @@ int Main(int argc, char** argv, const Side& side) {
         lookups = ReadLookups(argv[3]);
         if (lookups.size() != kLookups) Fail("%s: %zu lookups, not %d", argv[3], lookups.size(), kLookups);
     }
-    // Also builds the names and the data pool before the clock runs.
-    const Totals expected = workload == "W3" ? ExpectedW3() : Totals();
+    // The names and the data pool are built before the clock runs.
+    if (workload == "W3" || workload == "W3s") ValueData(0, 0, mix), GroupName(0), LeafName(0), ValueName(0);
 
     std::string check;
     const auto start = std::chrono::steady_clock::now();
@@ -229,29 +250,18 @@ int Main(int argc, char** argv, const Side& side) {
         check = side.walk(hive).Check();
     } else if (workload == "W2") {
         check = side.lookups(hive, lookups).Check();
-    } else if (workload == "W3") {
-        side.create(hive, argc > 3 ? argv[3] : "");
+    } else if (workload == "W3" || workload == "W3s") {
+        side.create(hive, mix, argc > 3 ? argv[3] : "");
+        check = "see-check-run";
     } else if (workload == "W4") {
         side.remove(hive);
+        check = "see-check-run";
     } else {
         return usage();
     }
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     const double cpu = CpuSeconds() - cpuStart;
     const std::uint64_t peak = PeakKiB();
-
-    // The same work, verified through the side's own reading of what it wrote.
-    if (workload == "W3") {
-        std::optional<Totals> found = side.readBack(hive);
-        if (!found) Fail("%s: after W3 %s finds no %s key", side.name, hive.c_str(), kBenchKey);
-        check = found->Check();
-        if (check != expected.Check())
-            Fail("%s: after W3 the bench key holds %s, expected %s", side.name, check.c_str(),
-                 expected.Check().c_str());
-    } else if (workload == "W4") {
-        if (side.readBack(hive)) Fail("%s: after W4 the %s key is still there", side.name, kBenchKey);
-        check = "bench-key-gone";
-    }
     std::printf("bench side=%s workload=%s seconds=%.6f cpu=%.6f peak_kib=%llu check=%s\n", side.name,
                 workload.c_str(), seconds, cpu, static_cast<unsigned long long>(peak), check.c_str());
     return 0;

@@ -26,9 +26,12 @@ struct Bytes {
     const std::uint8_t* data;
     std::size_t size;
 };
-// Seeded data of 4 to 5,000 bytes for value `value` of the key at `index`
-// (KeyIndex); the same bytes on every call.
-Bytes ValueData(int keyIndex, int value);
+// The sizes of the values W3 writes: seeded from 4 to 5,000 bytes (W3), or
+// five fixed sizes a key, 4, 24, 200, 8 and 5,000 bytes, as a system's small
+// settings are (W3s).
+enum class Mix { Seeded, Small };
+// The data of value `value` of the key at `index` (KeyIndex); the same bytes on every call.
+Bytes ValueData(int keyIndex, int value, Mix mix);
 // A group's own index when leaf is -1.
 int KeyIndex(int group, int leaf);
 
@@ -41,7 +44,7 @@ struct Totals {
     std::string Check() const;
 };
 // What a read-back walk from the bench key finds after W3, bench key included.
-Totals ExpectedW3();
+Totals ExpectedW3(Mix mix);
 
 // W2: a key's path below the root and one of its values.
 struct Lookup {
@@ -66,7 +69,7 @@ struct Side {
     const char* name;
     Totals (*walk)(const std::string& hive);
     Totals (*lookups)(const std::string& hive, const std::vector<Lookup>& lookups);
-    void (*create)(const std::string& hive, const std::string& variant);
+    void (*create)(const std::string& hive, Mix mix, const std::string& variant);
     void (*remove)(const std::string& hive);
     // A hashing walk from the bench key, or nothing when the key is absent.
     std::optional<Totals> (*readBack)(const std::string& hive);
@@ -75,7 +78,9 @@ struct Side {
 };
 
 [[noreturn]] void Fail(const char* format, ...) __attribute__((format(printf, 1, 2)));
-// Parses the command line, runs and times one workload, checks and reports it.
+// Parses the command line, runs and times one workload and reports it. What
+// W3 and W4 wrote is checked by a second run of the program ("check-W3 HIVE"
+// and so on), so that the timed process does the workload and nothing else.
 int Main(int argc, char** argv, const Side& side);
 
 }  // namespace bench

@@ -108,10 +108,10 @@ bench::Totals Lookups(const std::string& path, const std::vector<bench::Lookup>&
 // (measured on W3: 1.5 s of CPU against 4.2 s, and 185 MiB peak against
 // 533 MiB), so it is the baseline: we compare against hivex at its best. The
 // variant "set_value" times the one-call-per-value way, our own granularity.
-void SetValues(hive_h* h, hive_node_h node, int index, bool oneByOne) {
+void SetValues(hive_h* h, hive_node_h node, int index, bench::Mix mix, bool oneByOne) {
     hive_set_value values[bench::kValuesPerKey];
     for (int v = 0; v < bench::kValuesPerKey; ++v) {
-        const bench::Bytes data = bench::ValueData(index, v);
+        const bench::Bytes data = bench::ValueData(index, v, mix);
         // hivex only reads through these pointers.
         values[v] = {const_cast<char*>(bench::ValueName(v).c_str()), hive_t_REG_BINARY, data.size,
                      reinterpret_cast<char*>(const_cast<std::uint8_t*>(data.data))};
@@ -132,7 +132,7 @@ hive_node_h AddChild(hive_h* h, hive_node_h parent, const std::string& name) {
     return child;
 }
 
-void Create(const std::string& path, const std::string& variant) {
+void Create(const std::string& path, bench::Mix mix, const std::string& variant) {
     if (!variant.empty() && variant != "set_value" && variant != "set_values")
         Fail("hivex: W3 has no variant %s", variant.c_str());
     const bool oneByOne = variant == "set_value";
@@ -141,9 +141,9 @@ void Create(const std::string& path, const std::string& variant) {
     const hive_node_h top = AddChild(h, hivex_root(h), bench::kBenchKey);
     for (int g = 0; g < bench::kGroups; ++g) {
         const hive_node_h group = AddChild(h, top, bench::GroupName(g));
-        SetValues(h, group, bench::KeyIndex(g, -1), oneByOne);
+        SetValues(h, group, bench::KeyIndex(g, -1), mix, oneByOne);
         for (int k = 0; k < bench::kLeaves; ++k)
-            SetValues(h, AddChild(h, group, bench::LeafName(k)), bench::KeyIndex(g, k), oneByOne);
+            SetValues(h, AddChild(h, group, bench::LeafName(k)), bench::KeyIndex(g, k), mix, oneByOne);
     }
     hive.Commit();
     hive.Close();

@@ -189,9 +189,9 @@ HKEY CreateKey(HKEY parent, const std::string& name) {
     return key;
 }
 
-void SetValues(HKEY key, int index) {
+void SetValues(HKEY key, int index, bench::Mix mix) {
     for (int v = 0; v < bench::kValuesPerKey; ++v) {
-        const bench::Bytes data = bench::ValueData(index, v);
+        const bench::Bytes data = bench::ValueData(index, v, mix);
         if (LONG result = RegSetValueNewW(key, Wide(bench::ValueName(v)).c_str(), 0, bench::kValueType, data.data,
                                           static_cast<DWORD>(data.size));
             result != Result::Ok)
@@ -199,14 +199,15 @@ void SetValues(HKEY key, int index) {
     }
 }
 
-void Create(const std::string& path, const std::string& variant) {
+void Create(const std::string& path, bench::Mix mix, const std::string& variant) {
     if (!variant.empty()) Fail("tamvik: W3 has no variant %s", variant.c_str());
     OpenHive hive(path, false);
     HKEY top = CreateKey(Open(hive.get(), u"ROOT"), bench::kBenchKey);
     for (int g = 0; g < bench::kGroups; ++g) {
         HKEY group = CreateKey(top, bench::GroupName(g));
-        SetValues(group, bench::KeyIndex(g, -1));
-        for (int k = 0; k < bench::kLeaves; ++k) SetValues(CreateKey(group, bench::LeafName(k)), bench::KeyIndex(g, k));
+        SetValues(group, bench::KeyIndex(g, -1), mix);
+        for (int k = 0; k < bench::kLeaves; ++k)
+            SetValues(CreateKey(group, bench::LeafName(k)), bench::KeyIndex(g, k), mix);
     }
     hive.Close();
 }
