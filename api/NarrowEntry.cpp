@@ -158,11 +158,11 @@ LONG RegSetValueNewA(HKEY key, const char* name, DWORD, DWORD type, const BYTE* 
     std::optional<WString> wide = WidenArgument(name);
     if (!wide) return Result::Invalid;
     if (ValueExists(node, *wide)) return Result::AlreadyExists;
-    if (!IsStringType(type)) return CreateValue(node, name, type, data, size);
+    if (!IsStringType(type)) return CreateValue(node, name, *wide, type, data, size);
     try {
         std::optional<std::vector<std::uint8_t>> stored = WidenData(data, size, type);
         if (!stored) return Result::Invalid;
-        return CreateValue(node, name, type, stored->data(), static_cast<DWORD>(stored->size()));
+        return CreateValue(node, name, *wide, type, stored->data(), static_cast<DWORD>(stored->size()));
     } catch (const std::bad_alloc&) {
         return Result::Corrupt;
     }

@@ -11,6 +11,7 @@
 #include <cstdint>
 
 #include "RegAPI.h"
+#include "edit/NameForms.h"
 #include "store/Platform.h"
 
 namespace Tamvik::ToolEdit {
@@ -20,9 +21,7 @@ using RegAPI::DWORD;
 using RegAPI::HKEY;
 using RegAPI::LONG;
 
-// Where a new subkey goes in its parent's list: where RegCreateKeyExW puts
-// it (before the first name _stricmp orders after it), or in Windows order.
-enum class ListOrder { Library, Windows };
+using Tamvik::ListOrder;
 
 // The subkey at a position of the list, as RegEnumKeyExW counts them.
 LONG OpenSubKeyAt(HKEY key, DWORD index, HKEY* result);

@@ -116,6 +116,38 @@ std::uint64_t Key::UpperNameHash() const {
 
 Node* Key::FindChild(Hive* hive, const char16_t* name) { return FindSubKey(hive, name); }
 
+void Key::RaiseMaxName(std::uint32_t fieldOffset, std::uint32_t units) {
+    if (MaxNameUnits(Field(fieldOffset)) < units) SetField(fieldOffset, units * 2);
+}
+
+void Key::ListChanged(ListChange change) {
+    switch (change) {
+        case ListChange::SubKeysRewritten: subKeyList.reset(); break;
+        case ListChange::SubKeyRemoved:
+            // The list took the change in its own image; the removed key was its child.
+            if (subKeyList != nullptr) {
+                subKeyList->EntriesChanged();
+                subKeyList->child.reset();
+            }
+            if (SubKeyCount() == 0) subKeyList.reset();
+            break;
+        case ListChange::ValueAppending:
+            // The entries before the new one keep their places: what scans learnt of them is carried over.
+            if (valueList != nullptr) carriedValueNames = valueList->TakeNames();
+            valueList.reset();
+            break;
+        case ListChange::ValueAppendFailed: carriedValueNames.reset(); break;
+        case ListChange::ValueRemoved:
+            carriedValueNames.reset();  // positions behind the removed one move
+            if (valueList != nullptr) {
+                valueList->EntriesChanged();
+                valueList->child.reset();
+            }
+            if (ValueCount() == 0) valueList.reset();
+            break;
+    }
+}
+
 std::unique_ptr<SubKeyList> Key::GetSubKeyList(Hive* hive) {
     return BuildNodeAt<SubKeyList>(hive, Field(NkField::SubKeyListCell), this, CellKind::BySignature);
 }

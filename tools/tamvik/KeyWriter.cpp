@@ -24,7 +24,7 @@ std::string Where(const KeyPath& path, const std::u16string* value = nullptr) {
 std::string NameProblem(const std::u16string& name, bool isKey) {
     if (isKey && name.empty()) return "a key name can't be empty";
     if (isKey && name.find(u'\\') != std::u16string::npos) return "a key name can't hold a backslash";
-    if (!Tamvik::StoreName(name)) return "the name is longer than the 65535 bytes a record holds";
+    if (!Tamvik::StoredName(name)) return "the name is longer than the 65535 bytes a record holds";
     return {};
 }
 
