@@ -47,6 +47,8 @@ public:
     bool IsLeaf() const;
     // The offset entry i of a leaf holds, when the record holds that entry.
     std::optional<std::uint32_t> EntryCell(std::uint32_t i) const;
+    // Positions below this can give a key; none at or above it can.
+    std::uint64_t Positions(Hive* hive) { return PositionLimit(hive); }
     // Whether the record holds all Count entries.
     bool HoldsCount() const;
     // An edit changed the list's entries: what scans learnt of them no longer holds.

@@ -122,8 +122,8 @@ void FileImage::ReadBack(std::uint64_t position, std::uint64_t length) {
         bytes_.Resize(position + done);
 }
 
-void FileImage::Flush() {
-    if (dirty_.empty()) return;
+bool FileImage::Flush() {
+    if (dirty_.empty()) return true;
     std::sort(dirty_.begin(), dirty_.end());
     std::vector<std::pair<std::uint64_t, std::uint64_t>> runs;
     for (const auto& range : dirty_) {
@@ -133,20 +133,25 @@ void FileImage::Flush() {
             runs.push_back(range);
     }
     dirty_.clear();
+    bool written = true;
     for (const auto& [begin, end] : runs) {
         const std::uint64_t last = std::min<std::uint64_t>(end, bytes_.Size());
-        if (begin < last && !WriteOut(begin, last - begin)) ReadBack(begin, last - begin);
+        if (begin < last && !WriteOut(begin, last - begin)) {
+            ReadBack(begin, last - begin);
+            written = false;
+        }
         if (begin < last) unsynced_ += last - begin;
     }
     if (unsynced_ >= kWritebackKick) {
         ::sync_file_range(fd_, 0, 0, SYNC_FILE_RANGE_WRITE);  // starts the writing, waits for nothing
         unsynced_ = 0;
     }
+    return written;
 }
 
-void FileImage::Sync() {
-    Flush();
-    if (!readOnly_) ::fdatasync(fd_);
+bool FileImage::Sync() {
+    const bool flushed = Flush();
+    return (readOnly_ || ::fdatasync(fd_) == 0) && flushed;
 }
 
 }  // namespace Tamvik

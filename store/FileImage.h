@@ -37,10 +37,10 @@ public:
     // has changed and the result is false.
     bool WriteThrough(std::uint64_t position, const void* source, std::uint64_t length);
     // Hands the marked ranges to the file. A range the file refuses is read
-    // back from it, so that the bytes stay what the file holds.
-    void Flush();
-    // Flush, then make the file durable.
-    void Sync();
+    // back from it, so that the bytes stay what the file holds; false then.
+    bool Flush();
+    // Flush, then make the file durable; false when either failed.
+    bool Sync();
 
 private:
     FileImage(int fd, bool readOnly) : fd_(fd), readOnly_(readOnly) {}

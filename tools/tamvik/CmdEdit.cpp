@@ -12,8 +12,6 @@
 
 namespace TamvikTool {
 
-using namespace RegAPI;
-
 namespace {
 
 std::u16string WideArgument(const std::string& text, const char* what) {
@@ -31,7 +29,7 @@ std::u16string ValueName(const std::string& text) {
 
 EditOptions Options(const Args& args) { return {args.Has("--force"), args.Has("--in-place")}; }
 
-[[noreturn]] void Failed(const HiveSession& session, const std::string& why, LONG r) {
+[[noreturn]] void Failed(const HiveSession& session, const std::string& why, int r) {
     throw ToolError(session.Path() + ": " + why + " " + DescribeResult(r));
 }
 
@@ -52,9 +50,9 @@ int RunSet(const CommandArgs& argv) {
     {
         HiveSession session(edit.WorkPath(), false, edit.HivePath());
         KeyWriter writer(session);
-        HKEY key = nullptr;
+        Cell key = 0;
         std::string why;
-        LONG r = writer.OpenKey(path, &key, &why);
+        int r = writer.OpenKey(path, &key, &why);
         if (r == Result::Ok) r = writer.PutValue(path, name, *type, data, &why);
         if (r != Result::Ok) Failed(session, why, r);
     }
@@ -74,10 +72,10 @@ int RunMkkey(const CommandArgs& argv) {
         HiveSession session(edit.WorkPath(), false, edit.HivePath());
         const bool windowsOrder = args.Has("--windows-order");
         KeyWriter writer(session,
-                         windowsOrder ? Tamvik::ToolEdit::ListOrder::Windows : Tamvik::ToolEdit::ListOrder::Library);
+                         windowsOrder ? Tamvik::ListOrder::Windows : Tamvik::ListOrder::Library);
         std::string why;
         bool created = false;
-        LONG r = writer.EnsureKey(path, &why, &created);
+        int r = writer.EnsureKey(path, &why, &created);
         if (r != Result::Ok) Failed(session, why, r);
         if (!created) Failed(session, "key " + ShowPath(path) + ": can't create", Result::AlreadyExists);
         std::size_t sorted = 0;
@@ -96,7 +94,7 @@ int RunRm(const CommandArgs& argv) {
         HiveSession session(edit.WorkPath(), false, edit.HivePath());
         KeyWriter writer(session);
         std::string why;
-        LONG r = writer.DeleteValue(path, name, &why);
+        int r = writer.DeleteValue(path, name, &why);
         if (r != Result::Ok) Failed(session, why, r);
     }
     edit.Commit();
@@ -112,7 +110,7 @@ int RunRmkey(const CommandArgs& argv) {
         HiveSession session(edit.WorkPath(), false, edit.HivePath());
         KeyWriter writer(session);
         std::string why;
-        LONG r = writer.DeleteKey(path, args.Has("-r"), &why);
+        int r = writer.DeleteKey(path, args.Has("-r"), &why);
         if (r != Result::Ok) Failed(session, why, r);
     }
     edit.Commit();

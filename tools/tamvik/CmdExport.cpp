@@ -11,8 +11,6 @@
 
 namespace TamvikTool {
 
-using namespace RegAPI;
-
 namespace {
 
 struct FileCloser {
@@ -38,7 +36,7 @@ int RunExport(const CommandArgs& argv) {
         while (!prefix.empty() && prefix.back() == u'\\') prefix.pop_back();
     }
     HiveSession session(args.positional[0], true);
-    HKEY start = session.Open(path);
+    const Cell start = session.Open(path);
 
     std::unique_ptr<std::FILE, FileCloser> file;
     std::FILE* out = stdout;
@@ -58,10 +56,10 @@ int RunExport(const CommandArgs& argv) {
         complete = false;
     };
     WalkEvents events;
-    events.onKey = [&](const KeyPath& at, HKEY key) {
+    events.onKey = [&](const KeyPath& at, Cell key) {
         writer.Key(KeyLine(prefix, at));
-        LONG result = Result::Ok;
-        for (const ValueEntry& v : ReadValues(key, &result)) {
+        int result = Result::Ok;
+        for (const ValueEntry& v : ReadValues(session.Hive(), key, &result)) {
             if (v.result != Result::Ok) {
                 warn(at, "value #" + std::to_string(v.index) + " \"" + ToUtf8(v.name) + "\" skipped: " +
                              DescribeResult(v.result));
@@ -71,9 +69,8 @@ int RunExport(const CommandArgs& argv) {
         }
         progress.Update(++keys);
     };
-    events.onUnreachable = [&](const KeyPath& at, LONG r) { warn(at, "skipped, can't be opened: " + DescribeResult(r)); };
-    events.onListError = [&](const KeyPath& at, LONG r) { warn(at, "subkeys incomplete: " + DescribeResult(r)); };
-    WalkTree(start, path, events);
+    events.onListError = [&](const KeyPath& at, int r) { warn(at, "subkeys incomplete: " + DescribeResult(r)); };
+    WalkTree(session.Hive(), start, path, events);
     writer.End();
     if (std::fflush(out) != 0 || !writer.Good()) throw ToolError("write error on the output");
     return complete ? kExitOk : kExitFailed;

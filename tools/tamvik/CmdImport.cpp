@@ -12,8 +12,6 @@
 
 namespace TamvikTool {
 
-using namespace RegAPI;
-
 namespace {
 
 // Case-insensitive (ASCII) test that path starts with prefix as whole components.
@@ -33,15 +31,15 @@ bool StripPrefix(const std::u16string& prefix, std::u16string* path) {
 // Applies the operations in file order; gives how many failed, each told on stderr.
 std::size_t Apply(HiveSession& session, const std::vector<RegOp>& ops, const std::vector<KeyPath>& paths,
                   bool windowsOrder) {
-    KeyWriter writer(session, windowsOrder ? Tamvik::ToolEdit::ListOrder::Windows : Tamvik::ToolEdit::ListOrder::Library);
+    KeyWriter writer(session, windowsOrder ? Tamvik::ListOrder::Windows : Tamvik::ListOrder::Library);
     std::size_t failures = 0;
     Progress progress("import: entries");
     for (std::size_t i = 0; i < ops.size(); ++i) {
         const RegOp& op = ops[i];
         const KeyPath& path = paths[i];
         std::string why;
-        LONG r = Result::Ok;
-        HKEY probe = nullptr;
+        int r = Result::Ok;
+        Cell probe = 0;
         switch (op.kind) {
             case RegOp::CreateKey: r = writer.EnsureKey(path, &why); break;
             case RegOp::DeleteKey:
@@ -64,7 +62,7 @@ std::size_t Apply(HiveSession& session, const std::vector<RegOp>& ops, const std
     }
     std::size_t sorted = 0;
     std::string why;
-    if (LONG r = windowsOrder ? writer.SortTouched(&sorted, &why) : Result::Ok; r != Result::Ok)
+    if (int r = windowsOrder ? writer.SortTouched(&sorted, &why) : Result::Ok; r != Result::Ok)
         throw ToolError(session.Path() + ": " + why + " " + DescribeResult(r));
     return failures;
 }
