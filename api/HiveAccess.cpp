@@ -1,5 +1,6 @@
 #include "api/HiveAccess.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -8,6 +9,7 @@
 #include "nodes/MakeNode.h"
 #include "store/FileImage.h"
 #include "store/Hive.h"
+#include "RegAPI.h"
 
 namespace Tamvik {
 
@@ -54,12 +56,51 @@ Status ForEachSubKey(Hive* hive, Key* key, Visit visit) {
     return status;
 }
 
+// A hive file on a caller's volume device, kept as a file image is: every
+// transfer is a DeviceSeek and a DeviceRead or DeviceWrite of the whole range.
+class DeviceStore : public ImageStore {
+public:
+    DeviceStore(CRegVolumeDevice* device, void* handle) : device_(device), handle_(handle) {}
+    ~DeviceStore() override { device_->DeviceClose(handle_); }
+    std::optional<std::uint64_t> Length() override { return std::nullopt; }
+    std::uint64_t ReadAt(std::uint64_t position, std::uint8_t* target, std::uint64_t length) override {
+        if (Transfer(position, target, length, false)) return length;
+        // A read is all or nothing: short of the whole, it goes on a bin's size
+        // at a time up to where the file ends.
+        std::uint64_t done = 0;
+        while (done < length) {
+            const std::uint64_t step = std::min<std::uint64_t>(length - done, kBinAlignment);
+            if (!Transfer(position + done, target + done, step, false)) break;
+            done += step;
+        }
+        return done;
+    }
+    bool WriteAt(std::uint64_t position, const std::uint8_t* source, std::uint64_t length) override {
+        return Transfer(position, const_cast<std::uint8_t*>(source), length, true);
+    }
+    bool Sync() override { return true; }  // the device has no call for it: what it took, it holds
+
+private:
+    bool Transfer(std::uint64_t position, std::uint8_t* bytes, std::uint64_t length, bool write) {
+        for (std::uint64_t done = 0; done < length;) {
+            const auto chunk = static_cast<std::uint32_t>(std::min<std::uint64_t>(length - done, 1u << 30));
+            std::uint32_t count = 1;
+            if (!device_->DeviceSeek(handle_, position + done, 0)) return false;
+            if (write ? !device_->DeviceWrite(handle_, bytes + done, chunk, &count)
+                      : !device_->DeviceRead(handle_, bytes + done, chunk, &count))
+                return false;
+            done += chunk;
+        }
+        return true;
+    }
+
+    CRegVolumeDevice* device_;
+    void* handle_;
+};
+
 }  // namespace
 
-struct HiveAccess::Device {};
-
-HiveAccess::HiveAccess(std::unique_ptr<Hive> hive, bool writable, std::unique_ptr<Device> device)
-    : hive_(std::move(hive)), writable_(writable), device_(std::move(device)) {}
+HiveAccess::HiveAccess(std::unique_ptr<Hive> hive, bool writable) : hive_(std::move(hive)), writable_(writable) {}
 
 HiveAccess::~HiveAccess() { Close(); }
 
@@ -74,7 +115,28 @@ Status HiveAccess::Open(const std::string& path, OpenMode mode, std::unique_ptr<
     if (hive == nullptr) return Status::Of(StatusCode::NoMemory, "no memory for the hive");
     if (mode != OpenMode::Inspect && !hive->VerifyBaseBlock())
         return Status::Of(StatusCode::NotAHive, "the base block's signature or checksum is wrong", 0);
-    opened->reset(new HiveAccess(std::move(hive), writable, nullptr));
+    opened->reset(new HiveAccess(std::move(hive), writable));
+    return Status::Success();
+}
+
+Status HiveAccess::Open(CRegVolumeDevice* device, const WString& path, OpenMode mode,
+                        std::unique_ptr<HiveAccess>* opened) {
+    if (device == nullptr) return Status::Of(StatusCode::Invalid, "no device");
+    const bool writable = mode == OpenMode::Writable;
+    void* handle = nullptr;
+    if (!device->DeviceOpen(&handle, path.c_str(), 3, 0, 3)) return Status::Of(StatusCode::IoError, "the device can't open it");
+    std::unique_ptr<ImageStore> store(new (std::nothrow) DeviceStore(device, handle));
+    if (store == nullptr) {
+        device->DeviceClose(handle);
+        return Status::Of(StatusCode::NoMemory, "no memory for the hive");
+    }
+    std::unique_ptr<FileImage> image = FileImage::Open(std::move(store), !writable);
+    if (image == nullptr) return Status::Of(StatusCode::NoMemory, "no memory for the hive's image");
+    std::unique_ptr<Hive> hive(new (std::nothrow) Hive(path, std::move(image)));
+    if (hive == nullptr) return Status::Of(StatusCode::NoMemory, "no memory for the hive");
+    if (mode != OpenMode::Inspect && !hive->VerifyBaseBlock())
+        return Status::Of(StatusCode::NotAHive, "the base block's signature or checksum is wrong", 0);
+    opened->reset(new HiveAccess(std::move(hive), writable));
     return Status::Success();
 }
 
@@ -167,7 +229,8 @@ Status ReadValue(Hive* hive, SubValList* list, CellOffset cell, bool withData, V
     value->NameInto(NameTarget{nullptr, 0, &item->name});
     item->type = value->ValueType();
     item->length = value->StoredLength();
-    if (!withData) return Status::Success();
+    // No data needs no cell: one that isn't there is no fault then.
+    if (!withData || item->length == 0) return Status::Success();
     // A length the storage can't hold is refused before memory is had for it.
     const std::uint32_t length = item->length;
     if (!value->DataFits(hive)) return Status::Of(StatusCode::BadData, "the value's data cell can't hold its length", FileOffsetOf(cell));

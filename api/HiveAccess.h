@@ -119,15 +119,13 @@ public:
     Status SortSubKeys(CellOffset key, bool* changed);
 
 private:
-    struct Device;
-    HiveAccess(std::unique_ptr<Hive> hive, bool writable, std::unique_ptr<Device> device);
+    HiveAccess(std::unique_ptr<Hive> hive, bool writable);
     Status Writable() const;
     // The position of the value of that name in the key's list, or NotFound.
     Status ValuePosition(CellOffset key, const WString& name, std::uint32_t* position);
 
     std::unique_ptr<Hive> hive_;
     bool writable_;
-    std::unique_ptr<Device> device_;
 };
 
 }  // namespace Tamvik

@@ -49,7 +49,7 @@ std::string OrderProblem(const std::vector<SubKey>& subKeys) {
 
 // Puts the lists in Windows order, in a copy that replaces the hive.
 void Repair(const std::string& hive, const std::vector<KeyPath>& lists, const Args& args) {
-    EditSession edit(hive, {args.Has("--force"), args.Has("--in-place")});
+    EditSession edit(hive, EditOptions::From(args));
     {
         HiveSession session(edit.WorkPath(), false, edit.HivePath());
         KeyWriter writer(session);
@@ -65,9 +65,7 @@ void Repair(const std::string& hive, const std::vector<KeyPath>& lists, const Ar
     edit.Commit();
 }
 
-int RunCheck(const CommandArgs& argv) {
-    Args args = ParseArgs(
-        argv, {{"-q", false, "--quiet"}, {"--repair", false}, {"--force", false}, {"--in-place", false}}, 1, 1, "check");
+int RunCheck(const Args& args) {
     const std::string& hive = args.positional[0];
     std::vector<KeyPath> unordered;
     Tally tally;

@@ -27,16 +27,13 @@ std::u16string ValueName(const std::string& text) {
     return name;
 }
 
-EditOptions Options(const Args& args) { return {args.Has("--force"), args.Has("--in-place")}; }
-
 [[noreturn]] void Failed(const HiveSession& session, const std::string& why, int r) {
     throw ToolError(session.Path() + ": " + why + " " + DescribeResult(r));
 }
 
 }  // namespace
 
-int RunSet(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--force", false}, {"--in-place", false}}, 5, -1, "set");
+int RunSet(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional[1]);
     const std::u16string name = ValueName(args.positional[2]);
     std::optional<std::uint32_t> type = ParseTypeName(args.positional[3]);
@@ -46,7 +43,7 @@ int RunSet(const CommandArgs& argv) {
     const bool fromInput = values.size() == 1 && (values[0] == "-" || values[0].rfind('@', 0) == 0);
     const Bytes data = fromInput ? DataFromInput(*type, ReadInput(values[0] == "-" ? values[0] : values[0].substr(1)))
                                  : DataFromArguments(*type, values);
-    EditSession edit(args.positional[0], Options(args));
+    EditSession edit(args.positional[0], EditOptions::From(args));
     {
         HiveSession session(edit.WorkPath(), false, edit.HivePath());
         KeyWriter writer(session);
@@ -60,14 +57,13 @@ int RunSet(const CommandArgs& argv) {
     return kExitOk;
 }
 
-int RunMkkey(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--force", false}, {"--in-place", false}, {"--windows-order", false}}, 2, 2, "mkkey");
+int RunMkkey(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional[1]);
     if (path.empty()) UsageError("the root key exists already");
     for (const auto& part : path)
         if (std::string problem = NameProblem(part, true); !problem.empty())
             UsageError("key " + ShowPath(path) + ": " + problem);
-    EditSession edit(args.positional[0], Options(args));
+    EditSession edit(args.positional[0], EditOptions::From(args));
     {
         HiveSession session(edit.WorkPath(), false, edit.HivePath());
         const bool windowsOrder = args.Has("--windows-order");
@@ -85,11 +81,10 @@ int RunMkkey(const CommandArgs& argv) {
     return kExitOk;
 }
 
-int RunRm(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--force", false}, {"--in-place", false}}, 3, 3, "rm");
+int RunRm(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional[1]);
     const std::u16string name = ValueName(args.positional[2]);
-    EditSession edit(args.positional[0], Options(args));
+    EditSession edit(args.positional[0], EditOptions::From(args));
     {
         HiveSession session(edit.WorkPath(), false, edit.HivePath());
         KeyWriter writer(session);
@@ -101,11 +96,10 @@ int RunRm(const CommandArgs& argv) {
     return kExitOk;
 }
 
-int RunRmkey(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"-r", false, "--recursive"}, {"--force", false}, {"--in-place", false}}, 2, 2, "rmkey");
+int RunRmkey(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional[1]);
     if (path.empty()) UsageError("the root key can't be deleted");
-    EditSession edit(args.positional[0], Options(args));
+    EditSession edit(args.positional[0], EditOptions::From(args));
     {
         HiveSession session(edit.WorkPath(), false, edit.HivePath());
         KeyWriter writer(session);

@@ -25,8 +25,7 @@ std::u16string KeyLine(const std::u16string& prefix, const KeyPath& path) {
 
 }  // namespace
 
-int RunExport(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--prefix", true}, {"--utf8", false}, {"-o", true, "--output"}}, 1, 2, "export");
+int RunExport(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional.size() > 1 ? args.positional[1] : "");
     std::u16string prefix;
     if (auto p = args.Value("--prefix")) {

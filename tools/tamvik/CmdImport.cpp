@@ -69,10 +69,7 @@ std::size_t Apply(HiveSession& session, const std::vector<RegOp>& ops, const std
 
 }  // namespace
 
-int RunImport(const CommandArgs& argv) {
-    Args args =
-        ParseArgs(argv, {{"--prefix", true}, {"--force", false}, {"--in-place", false}, {"--windows-order", false}}, 2,
-                  2, "import");
+int RunImport(const Args& args) {
     std::u16string prefix;
     if (auto p = args.Value("--prefix")) {
         std::optional<std::u16string> wide = FromUtf8(*p);
@@ -110,7 +107,7 @@ int RunImport(const CommandArgs& argv) {
                         kExitUsage);
     }
 
-    EditSession edit(args.positional[0], {args.Has("--force"), args.Has("--in-place")});
+    EditSession edit(args.positional[0], EditOptions::From(args));
     std::size_t failures = 0;
     {
         HiveSession session(edit.WorkPath(), false, edit.HivePath());

@@ -13,8 +13,7 @@
 
 namespace TamvikTool {
 
-int RunNew(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--minor", true}, {"--root-name", true}, {"--force", false}}, 1, 1, "new");
+int RunNew(const Args& args) {
     Tamvik::NewHiveOptions options;
     if (auto minor = args.Value("--minor")) {
         std::optional<std::uint64_t> n = ParseNumber(*minor);

@@ -80,8 +80,7 @@ std::string KeyJson(Tamvik::HiveAccess& hive, const KeyPath& path, Cell key) {
 
 }  // namespace
 
-int RunLs(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"-r", false, "--recursive"}, {"-l", false, "--long"}, {"--json", false}}, 1, 2, "ls");
+int RunLs(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional.size() > 1 ? args.positional[1] : "");
     const bool json = args.Has("--json"), long_ = args.Has("-l");
     HiveSession session(args.positional[0], true);
@@ -131,8 +130,7 @@ int RunLs(const CommandArgs& argv) {
     return ok ? kExitOk : kExitFailed;
 }
 
-int RunGet(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--raw", false}, {"--type", false}, {"--json", false}}, 3, 3, "get");
+int RunGet(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional[1]);
     std::optional<std::u16string> name = FromUtf8(args.positional[2]);
     if (!name) UsageError("value name is not valid UTF-8");
