@@ -223,6 +223,7 @@ namespace {
 // What the value at a vk offset is, with its data when asked: the data in
 // place in the vk, in one cell, or behind a db record.
 Status ReadValue(Hive* hive, SubValList* list, CellOffset cell, bool withData, ValueItem* item) {
+    *item = ValueItem{};
     item->cell = cell;
     const Transient<Val> value(hive, cell, list, CellKind::BySignature);
     if (!value) return Status::Of(StatusCode::Damaged, "no value record at cell " + Hex(cell), FileOffsetOf(cell));
