@@ -27,13 +27,7 @@ std::u16string KeyLine(const std::u16string& prefix, const KeyPath& path) {
 
 int RunExport(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional.size() > 1 ? args.positional[1] : "");
-    std::u16string prefix;
-    if (auto p = args.Value("--prefix")) {
-        std::optional<std::u16string> wide = FromUtf8(*p);
-        if (!wide) UsageError("prefix is not valid UTF-8");
-        prefix = *wide;
-        while (!prefix.empty() && prefix.back() == u'\\') prefix.pop_back();
-    }
+    const std::u16string prefix = ParsePrefix(args.Value("--prefix").value_or(""));
     HiveSession session(args.positional[0], true);
     const Cell start = session.Open(path);
 

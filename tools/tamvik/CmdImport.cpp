@@ -70,13 +70,7 @@ std::size_t Apply(HiveSession& session, const std::vector<RegOp>& ops, const std
 }  // namespace
 
 int RunImport(const Args& args) {
-    std::u16string prefix;
-    if (auto p = args.Value("--prefix")) {
-        std::optional<std::u16string> wide = FromUtf8(*p);
-        if (!wide) UsageError("prefix is not valid UTF-8");
-        prefix = *wide;
-        while (!prefix.empty() && prefix.back() == u'\\') prefix.pop_back();
-    }
+    const std::u16string prefix = ParsePrefix(args.Value("--prefix").value_or(""));
     const std::string& regName = args.positional[1];
     // Everything is parsed and every key path and name checked before the
     // hive opens, so that a bad file changes nothing.

@@ -34,6 +34,13 @@ std::u16string JoinPath(const KeyPath& path) {
     return out.empty() ? u"\\" : out;
 }
 
+std::u16string ParsePrefix(const std::string& text) {
+    std::optional<std::u16string> prefix = FromUtf8(text);
+    if (!prefix) UsageError("prefix is not valid UTF-8");
+    while (!prefix->empty() && prefix->back() == u'\\') prefix->pop_back();
+    return *prefix;
+}
+
 std::string ShowPath(const KeyPath& path) { return ToDisplay(JoinPath(path)); }
 
 }  // namespace TamvikTool

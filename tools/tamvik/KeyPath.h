@@ -16,5 +16,7 @@ KeyPath SplitKeyPath(const std::u16string& text);
 // "\A\B", or "\" for the root; UTF-8 for messages and listings.
 std::string ShowPath(const KeyPath& path);
 std::u16string JoinPath(const KeyPath& path);
+// The --prefix of export and import (UTF-8), without backslashes at its end.
+std::u16string ParsePrefix(const std::string& text);
 
 }  // namespace TamvikTool
