@@ -111,20 +111,6 @@ std::uint32_t WriteBigData(Hive* hive, const std::uint8_t* data, std::uint32_t l
 }
 
 namespace {
-// After a successful addition: the carried names learn the new last position.
-void LearnAppendedName(Key* owner, Hive* hive, const WString& units, std::uint32_t position) {
-    if (!owner->carriedValueNames) return;
-    NameIndex& names = *owner->carriedValueNames;
-    // The entries before the new one stand where they stood, with their cells unchanged.
-    names.Confirm(hive->Generation());
-    if (names.scanned != position) return;
-    const CaseMap& map = CurrentCaseMap();
-    LookupHash hash;
-    for (const char16_t unit : units) hash.Add(map.Upper(unit));
-    names.Add(hash.Value(), position);
-    names.scanned = position + 1;
-}
-
 Status AddValueCells(Key* owner, Hive* hive, const NewName& name, std::uint32_t type, const std::uint8_t* data,
                      std::uint32_t length, Caller caller) {
     const std::uint64_t where = owner->GetOffset() + std::uint64_t{kBaseBlockSize};
@@ -179,7 +165,7 @@ Status AddValueCells(Key* owner, Hive* hive, const NewName& name, std::uint32_t 
 Status AddValue(Key* owner, Hive* hive, const NewName& name, std::uint32_t type, const std::uint8_t* data,
                 std::uint32_t length, Caller caller) {
     Status added = AddValueCells(owner, hive, name, type, data, length, caller);
-    if (added) LearnAppendedName(owner, hive, name.units, owner->ValueCount() - 1);
+    if (added) owner->ListChanged(Key::ListChange::ValueAppended, hive->Generation(), name.units);
     else owner->ListChanged(Key::ListChange::ValueAppendFailed);
     return added;
 }

@@ -120,7 +120,7 @@ void Key::RaiseMaxName(std::uint32_t fieldOffset, std::uint32_t units) {
     if (MaxNameUnits(Field(fieldOffset)) < units) SetField(fieldOffset, units * 2);
 }
 
-void Key::ListChanged(ListChange change) {
+void Key::ListChanged(ListChange change, std::uint64_t generation, const WString& appended) {
     switch (change) {
         case ListChange::SubKeysRewritten: subKeyList.reset(); break;
         case ListChange::SubKeyRemoved:
@@ -135,6 +135,21 @@ void Key::ListChanged(ListChange change) {
             // The entries before the new one keep their places: what scans learnt of them is carried over.
             if (valueList != nullptr) carriedValueNames = valueList->TakeNames();
             valueList.reset();
+            break;
+        case ListChange::ValueAppended:
+            // The carried names learn the new last position: the entries before it
+            // stand where they stood, with their cells unchanged.
+            if (carriedValueNames) {
+                NameIndex& names = *carriedValueNames;
+                names.Confirm(generation);
+                const std::uint32_t position = ValueCount() - 1;
+                if (names.scanned != position) break;
+                const CaseMap& map = CurrentCaseMap();
+                LookupHash hash;
+                for (const char16_t unit : appended) hash.Add(map.Upper(unit));
+                names.Add(hash.Value(), position);
+                names.scanned = position + 1;
+            }
             break;
         case ListChange::ValueAppendFailed: carriedValueNames.reset(); break;
         case ListChange::ValueRemoved:

@@ -61,10 +61,12 @@ public:
         SubKeysRewritten,   // the subkey list was written anew, moved, or its entries reordered
         SubKeyRemoved,      // an entry left the cached subkey list, whose image was changed in place
         ValueAppending,     // the value list is about to be written anew with one entry more
+        ValueAppended,      // it was, and the owner counts the new value
         ValueAppendFailed,  // that append didn't happen
         ValueRemoved,       // an entry left the cached value list, changed in place
     };
-    void ListChanged(ListChange change);
+    // For ValueAppended: the hive's write count after the append, and the new value's name.
+    void ListChanged(ListChange change, std::uint64_t generation = 0, const WString& appended = {});
 
     RecordRef record;
     std::uint32_t index = kNoCell;
