@@ -1,5 +1,8 @@
 #include "api/HiveAccess.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -138,6 +141,28 @@ Status HiveAccess::Open(CRegVolumeDevice* device, const WString& path, OpenMode 
         return Status::Of(StatusCode::NotAHive, "the base block's signature or checksum is wrong", 0);
     opened->reset(new HiveAccess(std::move(hive), writable));
     return Status::Success();
+}
+
+Status HiveAccess::CreateHive(const std::string& path, const NewHiveOptions& options) {
+    Status built;
+    const ByteVector image = EmptyHiveImage(options, FileTimeNow(), &built);
+    if (!built) return built;
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0)
+        return Status::Of(errno == EEXIST ? StatusCode::Exists : StatusCode::IoError,
+                          std::string("can't create (") + std::strerror(errno) + ")");
+    std::size_t done = 0;
+    while (done < image.size()) {
+        const ssize_t n = ::write(fd, image.data() + done, image.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        done += static_cast<std::size_t>(n);
+    }
+    const bool written = done == image.size() && ::fsync(fd) == 0;
+    ::close(fd);
+    if (written) return Status::Success();
+    ::unlink(path.c_str());
+    return Status::Of(StatusCode::IoError, "can't write the new hive");
 }
 
 Status HiveAccess::Close() {
@@ -327,10 +352,9 @@ Status HiveAccess::SetValue(CellOffset cell, const WString& name, std::uint32_t 
     std::uint32_t position = 0;
     Status done;
     if (!surelyNew && ValuePosition(cell, name, &position)) {
-        owner->valueList = owner->GetValueList(hive_.get());
-        std::unique_ptr<Val> value = owner->valueList == nullptr ? nullptr : owner->valueList->GetAt(hive_.get(), position);
+        Val* value = owner->ValueAt(hive_.get(), position);
         done = value == nullptr ? Status::Of(StatusCode::Damaged, "the value can't be read")
-                                : ReplaceValue(value.get(), hive_.get(), type, data, length);
+                                : ReplaceValue(value, hive_.get(), type, data, length);
     } else {
         done = AddValue(owner.get(), hive_.get(), *stored, type, data, length, Caller::Internal);
     }
@@ -344,12 +368,9 @@ Status HiveAccess::DeleteValue(CellOffset cell, const WString& name) {
     if (Status found = ValuePosition(cell, name, &position); !found) return found;
     std::unique_ptr<Key> owner = BuildNodeAt<Key>(hive_.get(), cell, hive_.get(), CellKind::BySignature);
     if (owner == nullptr) return NoKeyAt(cell);
-    owner->valueList = owner->GetValueList(hive_.get());
-    if (owner->valueList == nullptr) return Status::Of(StatusCode::Damaged, "the value list can't be read");
-    // The list holds the value it gives, as a lookup leaves it.
-    owner->valueList->child = owner->valueList->GetAt(hive_.get(), position);
-    if (owner->valueList->child == nullptr) return Status::Of(StatusCode::Damaged, "the value can't be read");
-    Tamvik::DeleteValue(owner->valueList->child.get(), hive_.get());
+    Val* value = owner->ValueAt(hive_.get(), position);
+    if (value == nullptr) return Status::Of(StatusCode::Damaged, "the value can't be read");
+    Tamvik::DeleteValue(value, hive_.get());
     hive_->Flush();
     return Status::Success();
 }

@@ -75,6 +75,8 @@ public:
     // call returns. The device is closed with the hive.
     static Status Open(CRegVolumeDevice* device, const WString& path, OpenMode mode,
                        std::unique_ptr<HiveAccess>* opened);
+    // Writes a new, empty hive to a file that doesn't exist yet, durably.
+    static Status CreateHive(const std::string& path, const NewHiveOptions& options);
     ~HiveAccess();
     HiveAccess(const HiveAccess&) = delete;
     HiveAccess& operator=(const HiveAccess&) = delete;

@@ -115,14 +115,10 @@ void RemoveFromParent(Key* parent, Hive* hive, Key* key) {
 }  // namespace
 
 Status DeleteSubKeyAt(Key* owner, Hive* hive, std::uint32_t position) {
-    const std::uint64_t where = owner->GetOffset() + std::uint64_t{kBaseBlockSize};
     if (position >= owner->SubKeyCount()) return Status::Of(StatusCode::NotFound, "no subkey at that position");
-    if (owner->subKeyList == nullptr) owner->subKeyList = owner->GetSubKeyList(hive);
-    if (owner->subKeyList == nullptr) return Status::Of(StatusCode::Damaged, "the subkey list can't be read", where);
-    // The list holds the key it gives, as a lookup by name leaves it.
-    owner->subKeyList->child = owner->subKeyList->GetAt(hive, position);
-    Key* key = owner->subKeyList->child.get();
-    if (key == nullptr) return Status::Of(StatusCode::Damaged, "the subkey can't be read", where);
+    Key* key = owner->SubKeyAt(hive, position);
+    if (key == nullptr)
+        return Status::Of(StatusCode::Damaged, "the subkey can't be read", owner->GetOffset() + std::uint64_t{kBaseBlockSize});
     if (key->SubKeyCount() != 0) return Status::Of(StatusCode::NotEmpty, "the key has subkeys");
     if (!DeleteKey(key, hive)) return Status::Of(StatusCode::Damaged, "the key's cell can't be released");
     return Status::Success();

@@ -214,6 +214,25 @@ Val* Key::FindValue(Hive* hive, const char16_t* name) {
     return NodeAs<Val>(valueList->FindChild(hive, name));
 }
 
+Key* Key::SubKeyAt(Hive* hive, std::uint32_t position) {
+    if (position >= SubKeyCount()) return nullptr;
+    if (subKeyList == nullptr) subKeyList = GetSubKeyList(hive);
+    if (subKeyList == nullptr) return nullptr;
+    subKeyList->child = subKeyList->GetAt(hive, position);
+    return subKeyList->child.get();
+}
+
+Val* Key::ValueAt(Hive* hive, std::uint32_t position) {
+    if (position >= ValueCount()) return nullptr;
+    if (valueList == nullptr) {
+        valueList = GetValueList(hive);
+        carriedValueNames.reset();
+    }
+    if (valueList == nullptr) return nullptr;
+    valueList->child = valueList->GetAt(hive, position);
+    return valueList->child.get();
+}
+
 std::optional<WString> KeyNameAt(Hive* hive, std::uint32_t cellOffset) {
     const Transient<Key> key(hive, cellOffset, nullptr, CellKind::BySignature);
     if (!key) return std::nullopt;

@@ -46,6 +46,9 @@ public:
     // Lookups by upper-case name through the cached lists; the result stays owned by the list.
     Key* FindSubKey(Hive* hive, const char16_t* name);
     Val* FindValue(Hive* hive, const char16_t* name);
+    // The same by position, as the enumerations count them.
+    Key* SubKeyAt(Hive* hive, std::uint32_t position);
+    Val* ValueAt(Hive* hive, std::uint32_t position);
 
     std::uint32_t Field(std::uint32_t fieldOffset) const { return record.U32(fieldOffset); }
     void SetField(std::uint32_t fieldOffset, std::uint32_t value) { record.SetU32(fieldOffset, value); }

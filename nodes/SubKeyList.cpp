@@ -1,11 +1,9 @@
 #include "nodes/SubKeyList.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "nodes/MakeNode.h"
 #include "nodes/Scan.h"
-#include "store/Allocator.h"
 #include "store/Hive.h"
 
 namespace Tamvik {

@@ -7,6 +7,7 @@
 #include <numeric>
 
 #include "api/HiveAccess.h"
+#include "store/Format.h"
 #include "support/Device.h"
 #include "support/Fixture.h"
 #include "support/Listing.h"
@@ -67,6 +68,8 @@ TEST(Access, ReadsEveryFormAndAnswersBogusOffsetsWithAStatus) {
     EXPECT_TRUE(hive->FindValue(hive->Root(), u"", true, &found) && found.data == Bytes({'d', 0}));
     EXPECT_TRUE(hive->FindValue(hive->Root(), u"DB", false, &found) && found.length == 20000 && found.data.empty());
     EXPECT_EQ(hive->FindValue(hive->Root(), u"d", false, &found).code, StatusCode::NotFound);
+    ByteVector data;
+    EXPECT_TRUE(hive->ValueData(found.cell, &data) && data == Bytes(20000, 9));
     EXPECT_EQ(Names(*hive, Key(*hive, u"\\ri")) + Names(*hive, Key(*hive, u"li")), "a b c d a c ");
     KeyInfo info;
     EXPECT_TRUE(hive->Info(Key(*hive, u"Ri\\C"), &info) && info.name == u"c" && info.parent == b.KeyOffset("Ri"));
@@ -99,6 +102,15 @@ TEST(Access, StoresWhatTheExportedFunctionsRefuseAndThePeersAgree) {
         {hive->DeleteSubKey(root, lf), StatusCode::NotEmpty}, {hive->DeleteSubKey(lf, li), StatusCode::NotFound}};
     for (const auto& [status, code] : refusals) EXPECT_EQ(status.code, code) << status.text;
     EXPECT_TRUE(file.Read() == before);
+    // A leaf stays in a cell that just holds one more entry (the exported functions would move it).
+    HiveBuilder exact;
+    exact.AddFree(40);  // where a leaf that moves goes
+    const std::uint32_t leaf = exact.AddList("lf", {exact.AddNk({"a"})}, {"a"}, 24);
+    const std::uint32_t owner = exact.AddNk({"R", 0x2C, 1, leaf});
+    exact.SetRoot(owner);
+    TempFile small(exact.Build());
+    EXPECT_TRUE(Opened(small)->CreateSubKey(owner, u"b", ListOrder::Library, &made));
+    EXPECT_EQ(Image(small.Read()).U32(owner, Tamvik::NkField::SubKeyListCell), leaf);
     // New keys under every kind of list, in both orders, in both name forms;
     // an ri's full leaf moves and the ri follows it.
     for (const auto& [key, name, order] : {std::tuple{lf, u"_"s, ListOrder::Library}, {li, u"B", ListOrder::Windows},
@@ -140,6 +152,15 @@ TEST(Access, ThroughADeviceAndDespiteABadChecksum) {
     EXPECT_NE(device.calls.back().text.find("write"), std::string::npos) << "on the device when the call returns";
     EXPECT_TRUE(hive->Close());
     EXPECT_EQ(device.calls.back().text, "close");
+    // A new hive, where no file is yet.
+    const std::string fresh = file.Path() + ".new";
+    EXPECT_EQ(HiveAccess::CreateHive(file.Path(), {}).code, StatusCode::Exists);
+    ASSERT_TRUE(HiveAccess::CreateHive(fresh, {3, u"Start"}));
+    KeyInfo root;
+    ASSERT_TRUE(HiveAccess::Open(fresh, OpenMode::ReadOnly, &hive) && hive->MinorVersion() == 3);
+    EXPECT_TRUE(hive->Info(hive->Root(), &root) && root.name == u"Start");
+    EXPECT_EQ(Names(*hive, hive->Root()) + Values(*hive, hive->Root()), "");
+    std::remove(fresh.c_str());
     b.SetChecksumValid(false);
     TempFile damaged(b.Build());
     EXPECT_EQ(HiveAccess::Open(damaged.Path(), OpenMode::ReadOnly, &hive).code, StatusCode::NotAHive);
