@@ -58,9 +58,9 @@ LONG RegQueryInfoKeyW(HKEY key, WCHAR*, DWORD*, DWORD*, DWORD* subKeys, DWORD* m
     Key* node = KeyOf(key);
     if (node == nullptr) return Result::Invalid;
     if (subKeys != nullptr) *subKeys = node->SubKeyCount();
-    if (maxSubKeyLength != nullptr) *maxSubKeyLength = (node->Field(NkField::MaxSubKeyName) & 0xFFFF) >> 1;
+    if (maxSubKeyLength != nullptr) *maxSubKeyLength = MaxNameUnits(node->Field(NkField::MaxSubKeyName));
     if (values != nullptr) *values = node->ValueCount();
-    if (maxValueNameLength != nullptr) *maxValueNameLength = (node->Field(NkField::MaxValueName) & 0xFFFF) >> 1;
+    if (maxValueNameLength != nullptr) *maxValueNameLength = MaxNameUnits(node->Field(NkField::MaxValueName));
     if (maxValueLength != nullptr) *maxValueLength = node->Field(NkField::MaxValueData);
     return Result::Ok;
 }

@@ -14,20 +14,6 @@ namespace Tamvik {
 
 namespace {
 
-constexpr std::uint32_t kLargeData = 16u << 20;
-
-// Whether the value's storage can hold its stored length at all, so that a
-// damaged length never makes us allocate far more than the hive holds.
-bool StorageHolds(Val* value, Hive* hive) {
-    const std::uint32_t length = value->StoredLength();
-    if (value->IsInline() || length <= kLargeData) return true;
-    CellRef cell = hive->GetCell(value->DataCell());
-    if (!cell.IsUsable()) return false;
-    if (IsBigDataLength(hive->MinorVersion(), length))
-        return static_cast<std::uint64_t>(cell.word1 >> 16) * kSegmentSize >= length;
-    return cell.Magnitude() >= static_cast<std::uint64_t>(length) + 4;
-}
-
 // Narrow text from the stored wide text of a string value: strings end at
 // their NUL or at the end of the data; characters without a narrow form are '?'.
 std::string NarrowText(const std::vector<std::uint8_t>& stored, RegAPI::DWORD type) {
@@ -83,7 +69,7 @@ RegAPI::LONG DeliverNarrow(Val* value, Hive* hive, RegAPI::DWORD* type, RegAPI::
         *dataSize = half;
         return Result::Ok;
     }
-    if (!StorageHolds(value, hive)) return Result::MoreData;
+    if (!value->DataFits(hive)) return Result::MoreData;
     std::vector<std::uint8_t> stored;
     try {
         stored.resize(length);
@@ -158,11 +144,11 @@ LONG RegSetValueNewA(HKEY key, const char* name, DWORD, DWORD type, const BYTE* 
     std::optional<WString> wide = WidenArgument(name);
     if (!wide) return Result::Invalid;
     if (ValueExists(node, *wide)) return Result::AlreadyExists;
-    if (!IsStringType(type)) return CreateValue(node, name, type, data, size);
+    if (!IsStringType(type)) return CreateValue(node, name, *wide, type, data, size);
     try {
         std::optional<std::vector<std::uint8_t>> stored = WidenData(data, size, type);
         if (!stored) return Result::Invalid;
-        return CreateValue(node, name, type, stored->data(), static_cast<DWORD>(stored->size()));
+        return CreateValue(node, name, *wide, type, stored->data(), static_cast<DWORD>(stored->size()));
     } catch (const std::bad_alloc&) {
         return Result::Corrupt;
     }

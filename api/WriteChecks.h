@@ -16,8 +16,8 @@ RegAPI::LONG ReplaceValue(Key* key, const WString& name, RegAPI::DWORD type, Reg
 // Whether the key has a value of that name.
 bool ValueExists(Key* key, const WString& name);
 // Adds the value under its narrow name; 87 when it can't be made.
-RegAPI::LONG CreateValue(Key* key, const std::string& narrowName, RegAPI::DWORD type, const RegAPI::BYTE* data,
-                         RegAPI::DWORD size);
+RegAPI::LONG CreateValue(Key* key, const std::string& narrowName, const WString& wideName, RegAPI::DWORD type,
+                         const RegAPI::BYTE* data, RegAPI::DWORD size);
 // Deletes the key that path names below key.
 RegAPI::LONG DeleteKeyAt(Key* key, const char16_t* path);
 // Deletes the value of that name.

@@ -5,7 +5,7 @@
 #include "api/ValueRead.h"
 #include "api/WriteChecks.h"
 #include "edit/Edit.h"
-#include "nodes/SubKeyList.h"
+#include "nodes/MakeNode.h"
 
 namespace Tamvik {
 
@@ -27,12 +27,15 @@ bool ValueExists(Key* key, const WString& name) {
     return key->ValueCount() != 0 && FindValueNamed(key, name, &hive) != nullptr;
 }
 
-RegAPI::LONG CreateValue(Key* key, const std::string& narrowName, RegAPI::DWORD type, const RegAPI::BYTE* data,
-                         RegAPI::DWORD size) {
+RegAPI::LONG CreateValue(Key* key, const std::string& narrowName, const WString& wideName, RegAPI::DWORD type,
+                         const RegAPI::BYTE* data, RegAPI::DWORD size) {
     using namespace RegAPI;
     Hive* hive = HiveAbove(key);
-    if (hive == nullptr || narrowName.size() > kMaxNameBytes) return Result::Invalid;
-    return AddValue(key, hive, narrowName, data, type, size) ? Result::Ok : Result::Invalid;
+    // The default value (an empty name) is the internal functions' alone.
+    if (hive == nullptr || narrowName.empty() || narrowName.size() > kMaxNameBytes) return Result::Invalid;
+    return AddValue(key, hive, CodePageName(narrowName, wideName), type, data, size, Caller::Exported)
+               ? Result::Ok
+               : Result::Invalid;
 }
 
 RegAPI::LONG DeleteKeyAt(Key* key, const char16_t* path) {
@@ -67,22 +70,15 @@ LONG RegCreateKeyExA(HKEY key, const char* name, HKEY* result) {
     if (!wide || wide->empty()) return Result::Invalid;
     const std::string narrow(name);
     if (narrow.size() > kMaxNameBytes) return Result::CannotCreate;
-    const WString upper = UpperCaseName(*wide);
     Hive* hive = HiveAbove(owner);
     if (hive == nullptr) return Result::Invalid;
-    const std::uint32_t count = owner->SubKeyCount();
-    if (count != 0) {
-        // A private list: the caches of the owner, and so the caller's handles, stay.
-        std::unique_ptr<SubKeyList> list = owner->GetSubKeyList(hive);
-        if (list == nullptr) return Result::CannotCreate;
-        for (std::uint32_t i = 0; i < count; ++i) {
-            std::optional<WString> existing = list->NameAt(hive, i);
-            if (!existing) return Result::CannotCreate;
-            if (UpperCaseName(*existing) == upper) return Result::AlreadyExists;
-        }
-    }
-    std::unique_ptr<Key> created;
-    if (!AddSubKey(owner, hive, narrow, &created)) return Result::CannotCreate;
+    std::uint32_t cell = 0;
+    const Status made = CreateSubKey(owner, hive, CodePageName(narrow, *wide), {Caller::Exported, ListOrder::Library}, &cell);
+    if (made.code == StatusCode::Exists) return Result::AlreadyExists;
+    if (!made) return Result::CannotCreate;
+    const CellRef ref = hive->GetCell(cell);
+    if (!ref.IsUsable()) return Result::CannotCreate;
+    std::unique_ptr<Key> created = NarrowNode<Key>(MakeNode(ref, hive, owner, CellKind::BySignature));
     Key* handle = created.get();
     if (created != nullptr) hive->createdKeys.push_back(std::move(created));
     *result = HandleOf(handle);
@@ -111,7 +107,7 @@ LONG RegSetValueNewW(HKEY key, const WCHAR* name, DWORD, DWORD type, const BYTE*
     if (ValueExists(node, WString(name))) return Result::AlreadyExists;
     std::optional<std::string> narrow = NarrowArgument(name);
     if (!narrow) return Result::Invalid;
-    return CreateValue(node, *narrow, type, data, size);
+    return CreateValue(node, *narrow, WString(name), type, data, size);
 }
 
 LONG RegDeleteKeyW(HKEY key, const WCHAR* path) {

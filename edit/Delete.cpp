@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cstring>
 
 #include "edit/Edit.h"
 #include "nodes/Data.h"
@@ -7,6 +6,10 @@
 #include "store/Allocator.h"
 
 namespace Tamvik {
+
+namespace {
+void RemoveFromParent(Key* parent, Hive* hive, Key* key);
+}  // namespace
 
 bool DeleteKey(Key* key, Hive* hive) {
     if (key->SubKeyCount() != 0) return false;
@@ -41,19 +44,84 @@ void DeleteValues(Key* key, Hive* hive) {
     }
 }
 
+namespace {
+
+// Takes entry index out of a leaf or an ri, in its image; true when it was
+// the last, and the list freed its own cell.
+bool TakeEntry(SubKeyList& list, Hive* hive, std::uint32_t index) {
+    const std::uint32_t count = list.GetCount();
+    list.record.SetU16(ListField::Count, static_cast<std::uint16_t>(count - 1));
+    if (count - 1 == 0) {
+        CellRef own = hive->GetCell(list.GetOffset());
+        if (!own.IsUsable()) return false;
+        FreeCell(own, hive);
+        return true;
+    }
+    DropEntry(list.record, ListField::Entries, count, index, list.EntrySize());
+    list.Save(hive);
+    return false;
+}
+
+// Takes the key at a position out of parent's cached subkey list: out of its
+// leaf, and a leaf that empties out of the ri.
+void RemoveSubKeyEntry(Key* parent, Hive* hive, std::uint32_t index) {
+    SubKeyList* list = parent->subKeyList.get();
+    if (list == nullptr) return;
+    Indirect* ri = NodeAs<Indirect>(list);
+    if (ri == nullptr) {
+        if (index < list->GetCount() && list->EntryCell(index)) TakeEntry(*list, hive, index);
+        return;
+    }
+    std::uint32_t remaining = index;
+    for (std::uint32_t j = 0; j < ri->GetCount(); ++j) {
+        const LeafEntry entry = ri->LeafAt(hive, j);
+        if (entry.leaf == nullptr) return;
+        const std::uint32_t leafCount = entry.leaf->GetCount();
+        if (remaining >= leafCount) {
+            remaining -= leafCount;
+            continue;
+        }
+        if (entry.leaf->EntryCell(remaining) && TakeEntry(*entry.leaf, hive, remaining)) TakeEntry(*ri, hive, j);
+        return;
+    }
+}
+
+void RemoveValueEntry(Key* owner, Hive* hive, std::uint32_t position) {
+    SubValList* list = owner->valueList.get();
+    if (list == nullptr) return;
+    const std::uint32_t count = owner->ValueCount();
+    if (count == 1) {
+        CellRef own = hive->GetCell(list->GetOffset());
+        if (own.IsUsable()) FreeCell(own, hive);
+        return;
+    }
+    DropEntry(list->record, 0, count, position, 4);
+    list->Save(hive);
+}
+
 void RemoveFromParent(Key* parent, Hive* hive, Key* key) {
-    const std::uint32_t index = key->index;
     const std::uint32_t count = parent->SubKeyCount();
-    // A list that empties frees its own cell; the key learns of it from its count.
-    if (parent->subKeyList != nullptr) parent->subKeyList->RemoveAt(hive, index, nullptr);
+    RemoveSubKeyEntry(parent, hive, key->index);
     parent->SetField(NkField::SubKeyCount, count - 1);
     if (count - 1 == 0) {
         parent->SetField(NkField::SubKeyListCell, kNoCell);
         parent->SetField(NkField::MaxSubKeyName, 0);
         parent->SetField(NkField::MaxClassName, 0);
-        parent->subKeyList.reset();
     }
+    parent->ListChanged(Key::ListChange::SubKeyRemoved);  // destroys key: it is the list's child
     parent->Save(hive);
+}
+
+}  // namespace
+
+Status DeleteSubKeyAt(Key* owner, Hive* hive, std::uint32_t position) {
+    if (position >= owner->SubKeyCount()) return Status::Of(StatusCode::NotFound, "no subkey at that position");
+    Key* key = owner->SubKeyAt(hive, position);
+    if (key == nullptr)
+        return Status::Of(StatusCode::Damaged, "the subkey can't be read", owner->GetOffset() + std::uint64_t{kBaseBlockSize});
+    if (key->SubKeyCount() != 0) return Status::Of(StatusCode::NotEmpty, "the key has subkeys");
+    if (!DeleteKey(key, hive)) return Status::Of(StatusCode::Damaged, "the key's cell can't be released");
+    return Status::Success();
 }
 
 void DeleteValue(Val* value, Hive* hive) {
@@ -63,38 +131,16 @@ void DeleteValue(Val* value, Hive* hive) {
     FreeCell(own, hive);
     Key* owner = OwnerKey(value);
     if (owner == nullptr) return;
-    owner->carriedValueNames.reset();  // positions behind the removed one move
     const std::uint32_t count = owner->ValueCount();
-    const std::uint32_t index = value->index;
-    if (owner->valueList != nullptr) RemoveValueEntry(owner->valueList.get(), hive, owner, index);
+    RemoveValueEntry(owner, hive, value->index);
     owner->SetField(NkField::ValueCount, count - 1);
     if (count - 1 == 0) {
         owner->SetField(NkField::ValueListCell, kNoCell);
         owner->SetField(NkField::MaxValueName, 0);
         owner->SetField(NkField::MaxValueData, 0);
-        owner->valueList.reset();
     }
+    owner->ListChanged(Key::ListChange::ValueRemoved);  // destroys value when it is the list's child
     owner->Save(hive);
-}
-
-void RemoveValueEntry(SubValList* list, Hive* hive, Key* owner, std::uint32_t position) {
-    const std::uint32_t count = owner->ValueCount();
-    list->EntriesChanged();
-    if (count == 1) {
-        CellRef own = hive->GetCell(list->GetOffset());
-        if (!own.IsUsable()) return;
-        FreeCell(own, hive);
-    } else {
-        // Entries behind the position move down; a damaged count is cut to what the cell holds.
-        const std::uint32_t last = std::min(count, list->EntriesHeld());
-        if (last > 0 && position < last - 1) {
-            std::uint8_t* entries = list->record.Data();
-            std::memmove(entries + position * 4, entries + (position + 1) * 4,
-                         static_cast<std::size_t>(last - 1 - position) * 4);
-        }
-        list->Save(hive);
-    }
-    list->child.reset();
 }
 
 void FreeValueData(Val* value, Hive* hive) {

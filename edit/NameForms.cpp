@@ -2,11 +2,13 @@
 
 #include <locale.h>
 
+#include <cctype>
 #include <cwctype>
 #include <numeric>
 #include <vector>
 
 #include "edit/Edit.h"
+#include "store/CodePage.h"
 #include "store/Format.h"
 
 namespace Tamvik {
@@ -60,33 +62,8 @@ WString WindowsUpperName(const WString& name) {
 }
 
 
-std::optional<StoredName> StoreName(const WString& name) {
-    StoredName stored;
-    stored.compressed = true;
-    for (char16_t unit : name) stored.compressed = stored.compressed && unit <= 0xFF;
-    stored.bytes.reserve(name.size() * (stored.compressed ? 1 : 2));
-    for (char16_t unit : name) {
-        stored.bytes += static_cast<char>(unit & 0xFF);
-        if (!stored.compressed) stored.bytes += static_cast<char>(unit >> 8);
-    }
-    if (stored.bytes.size() > kMaxNameBytes) return std::nullopt;
-    return stored;
-}
-
-bool SameName(const WString& a, const WString& b) {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i)
-        if (a[i] != b[i] && UpperUnit(a[i]) != UpperUnit(b[i])) return false;
-    return true;
-}
-
-std::uint32_t WindowsNameHash(const WString& name) {
-    std::uint32_t hash = 0;
-    for (char16_t unit : name) hash = hash * 37 + WindowsUpper(unit);
-    return hash;
-}
-
-std::uint32_t WindowsNameHint(const WString& name) {
+namespace {
+std::uint32_t WindowsHint(const WString& name) {
     std::uint32_t hint = 0;
     bool fits = true;
     for (std::size_t i = 0; i < name.size() && i < 4; ++i) {
@@ -96,10 +73,67 @@ std::uint32_t WindowsNameHint(const WString& name) {
     return fits ? hint : hint & ~0xFFu;
 }
 
+std::uint32_t WindowsHash(const WString& name) {
+    std::uint32_t hash = 0;
+    for (char16_t unit : name) hash = hash * 37 + WindowsUpper(unit);
+    return hash;
+}
+
+std::uint32_t CodePageHash(const std::string& bytes) {
+    std::uint32_t hash = 0;
+    for (char c : bytes) {
+        const auto byte = static_cast<unsigned char>(c);
+        const std::int32_t term = byte < 0x80 ? std::toupper(byte) : static_cast<std::int32_t>(static_cast<std::int8_t>(byte));
+        hash = hash * 37 + static_cast<std::uint32_t>(term);
+    }
+    return hash;
+}
+}  // namespace
+
+NewName CodePageName(const std::string& narrow, const WString& wide) {
+    NewName name;
+    name.form = NameForm::CodePage936;
+    name.bytes = narrow;
+    name.compressed = true;
+    name.units.assign(narrow.begin(), narrow.end());
+    for (char16_t& unit : name.units) unit &= 0xFF;
+    name.wide = wide;
+    return name;
+}
+
+std::optional<NewName> StoredName(const WString& wide) {
+    NewName name;
+    name.form = NameForm::Stored;
+    for (char16_t unit : wide) name.compressed = name.compressed && unit <= 0xFF;
+    name.bytes.reserve(wide.size() * (name.compressed ? 1 : 2));
+    for (char16_t unit : wide) {
+        name.bytes += static_cast<char>(unit & 0xFF);
+        if (!name.compressed) name.bytes += static_cast<char>(unit >> 8);
+    }
+    if (name.bytes.size() > kMaxNameBytes) return std::nullopt;
+    name.units = wide;
+    name.wide = wide;
+    return name;
+}
+
 std::uint32_t HintFor(std::uint16_t signature, const WString& name) {
-    if (signature == kLhSignature) return WindowsNameHash(name);
-    if (signature == kLfSignature) return WindowsNameHint(name);
+    if (signature == kLhSignature) return WindowsHash(name);
+    if (signature == kLfSignature) return WindowsHint(name);
     return 0;
+}
+
+std::uint32_t EntryHint(std::uint16_t signature, const NewName& name) {
+    if (signature == kLhSignature && name.form == NameForm::CodePage936) return CodePageHash(name.bytes);
+    return HintFor(signature, name.units);
+}
+
+int CompareLibraryOrder(const std::string& nameNarrow, const WString& existing) {
+    return CompareNoCase(nameNarrow.c_str(), NarrowLossy(existing).c_str());
+}
+
+bool GoesBefore(const NewName& name, const std::string& nameNarrow, const WString& existing, ListOrder order) {
+    if (order == ListOrder::Windows) return CompareWindowsOrder(name.wide, existing) < 0;
+    return CompareLibraryOrder(nameNarrow, existing) < 0;
 }
 
 }  // namespace Tamvik

@@ -5,15 +5,11 @@
 #include "nodes/Data.h"
 #include "nodes/MakeNode.h"
 #include "store/Allocator.h"
+#include "store/ByteOrder.h"
 
 namespace Tamvik {
 
 namespace {
-
-// New data of more than 4 bytes in a cell of its own, or in a db when it is big.
-std::uint32_t WriteOutOfLine(Hive* hive, const std::uint8_t* data, std::uint32_t length) {
-    return NeedsBigData(hive, length) ? WriteBigData(hive, data, length) : WriteDataCell(hive, data, length);
-}
 
 // Releases the data a value held before it got new cells: segments, list and
 // db cell of a real db record, or just the cell.
@@ -114,6 +110,25 @@ void UpdateMaxValueData(Val* value, Hive* hive, std::uint32_t length) {
     if (owner == nullptr || length <= owner->Field(NkField::MaxValueData)) return;
     owner->SetField(NkField::MaxValueData, length);
     owner->Save(hive);
+}
+
+Status ReplaceValue(Val* value, Hive* hive, std::uint32_t type, const std::uint8_t* data, std::uint32_t length) {
+    const std::uint32_t cell = length > 4 ? WriteOutOfLine(hive, data, length) : 0;
+    if (length > 4 && cell == 0) return Status::Of(StatusCode::NoRoom, "no room for the value's data");
+    FreeValueData(value, hive);
+    value->record.SetU32(VkField::Type, type);
+    if (length > 4) {
+        value->record.SetU32(VkField::DataLength, length);
+        value->record.SetU32(VkField::DataCell, cell);
+    } else {
+        std::uint8_t inlined[4] = {};
+        if (length != 0) std::memcpy(inlined, data, length);
+        value->record.SetU32(VkField::DataLength, kInlineData + length);
+        value->record.SetU32(VkField::DataCell, LoadU32(inlined));
+    }
+    value->Save(hive);
+    UpdateMaxValueData(value, hive, length);
+    return Status::Success();
 }
 
 bool SetValueData(Val* value, Hive* hive, const std::uint8_t* data, std::uint32_t length) {

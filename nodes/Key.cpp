@@ -116,6 +116,53 @@ std::uint64_t Key::UpperNameHash() const {
 
 Node* Key::FindChild(Hive* hive, const char16_t* name) { return FindSubKey(hive, name); }
 
+void Key::RaiseMaxName(std::uint32_t fieldOffset, std::uint32_t units) {
+    if (MaxNameUnits(Field(fieldOffset)) < units) SetField(fieldOffset, units * 2);
+}
+
+void Key::ListChanged(ListChange change, std::uint64_t generation, const WString& appended) {
+    switch (change) {
+        case ListChange::SubKeysRewritten: subKeyList.reset(); break;
+        case ListChange::SubKeyRemoved:
+            // The list took the change in its own image; the removed key was its child.
+            if (subKeyList != nullptr) {
+                subKeyList->EntriesChanged();
+                subKeyList->child.reset();
+            }
+            if (SubKeyCount() == 0) subKeyList.reset();
+            break;
+        case ListChange::ValueAppending:
+            // The entries before the new one keep their places: what scans learnt of them is carried over.
+            if (valueList != nullptr) carriedValueNames = valueList->TakeNames();
+            valueList.reset();
+            break;
+        case ListChange::ValueAppended:
+            // The carried names learn the new last position: the entries before it
+            // stand where they stood, with their cells unchanged.
+            if (carriedValueNames) {
+                NameIndex& names = *carriedValueNames;
+                names.Confirm(generation);
+                const std::uint32_t position = ValueCount() - 1;
+                if (names.scanned != position) break;
+                const CaseMap& map = CurrentCaseMap();
+                LookupHash hash;
+                for (const char16_t unit : appended) hash.Add(map.Upper(unit));
+                names.Add(hash.Value(), position);
+                names.scanned = position + 1;
+            }
+            break;
+        case ListChange::ValueAppendFailed: carriedValueNames.reset(); break;
+        case ListChange::ValueRemoved:
+            carriedValueNames.reset();  // positions behind the removed one move
+            if (valueList != nullptr) {
+                valueList->EntriesChanged();
+                valueList->child.reset();
+            }
+            if (ValueCount() == 0) valueList.reset();
+            break;
+    }
+}
+
 std::unique_ptr<SubKeyList> Key::GetSubKeyList(Hive* hive) {
     return BuildNodeAt<SubKeyList>(hive, Field(NkField::SubKeyListCell), this, CellKind::BySignature);
 }
@@ -165,6 +212,25 @@ Val* Key::FindValue(Hive* hive, const char16_t* name) {
     }
     if (valueList == nullptr) return nullptr;
     return NodeAs<Val>(valueList->FindChild(hive, name));
+}
+
+Key* Key::SubKeyAt(Hive* hive, std::uint32_t position) {
+    if (position >= SubKeyCount()) return nullptr;
+    if (subKeyList == nullptr) subKeyList = GetSubKeyList(hive);
+    if (subKeyList == nullptr) return nullptr;
+    subKeyList->child = subKeyList->GetAt(hive, position);
+    return subKeyList->child.get();
+}
+
+Val* Key::ValueAt(Hive* hive, std::uint32_t position) {
+    if (position >= ValueCount()) return nullptr;
+    if (valueList == nullptr) {
+        valueList = GetValueList(hive);
+        carriedValueNames.reset();
+    }
+    if (valueList == nullptr) return nullptr;
+    valueList->child = valueList->GetAt(hive, position);
+    return valueList->child.get();
 }
 
 std::optional<WString> KeyNameAt(Hive* hive, std::uint32_t cellOffset) {

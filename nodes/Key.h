@@ -46,11 +46,30 @@ public:
     // Lookups by upper-case name through the cached lists; the result stays owned by the list.
     Key* FindSubKey(Hive* hive, const char16_t* name);
     Val* FindValue(Hive* hive, const char16_t* name);
+    // The same by position, as the enumerations count them.
+    Key* SubKeyAt(Hive* hive, std::uint32_t position);
+    Val* ValueAt(Hive* hive, std::uint32_t position);
 
     std::uint32_t Field(std::uint32_t fieldOffset) const { return record.U32(fieldOffset); }
     void SetField(std::uint32_t fieldOffset, std::uint32_t value) { record.SetU32(fieldOffset, value); }
     std::uint32_t SubKeyCount() const { return Field(NkField::SubKeyCount); }
     std::uint32_t ValueCount() const { return Field(NkField::ValueCount); }
+    // Raises a MaxSubKeyName or MaxValueName field to a name of this many characters.
+    void RaiseMaxName(std::uint32_t fieldOffset, std::uint32_t units);
+
+    // What an edit did to one of the key's lists. The key keeps or drops what
+    // it cached of its lists by it: the one place where those caches change
+    // after an edit.
+    enum class ListChange : std::uint8_t {
+        SubKeysRewritten,   // the subkey list was written anew, moved, or its entries reordered
+        SubKeyRemoved,      // an entry left the cached subkey list, whose image was changed in place
+        ValueAppending,     // the value list is about to be written anew with one entry more
+        ValueAppended,      // it was, and the owner counts the new value
+        ValueAppendFailed,  // that append didn't happen
+        ValueRemoved,       // an entry left the cached value list, changed in place
+    };
+    // For ValueAppended: the hive's write count after the append, and the new value's name.
+    void ListChanged(ListChange change, std::uint64_t generation = 0, const WString& appended = {});
 
     RecordRef record;
     std::uint32_t index = kNoCell;
@@ -81,6 +100,10 @@ private:
 std::optional<WString> KeyNameAt(Hive* hive, std::uint32_t cellOffset);
 std::optional<std::size_t> KeyNameInto(Hive* hive, std::uint32_t cellOffset, NameTarget target);
 std::optional<std::uint64_t> KeyNameHashAt(Hive* hive, std::uint32_t cellOffset);
+
+// The characters a MaxSubKeyName or MaxValueName field stands for: its low 16
+// bits hold twice the longest name's length.
+constexpr std::uint32_t MaxNameUnits(std::uint32_t field) { return (field & 0xFFFF) >> 1; }
 
 // The nearest Key strictly above node, or null.
 Key* OwnerKey(const Node* node);

@@ -1,11 +1,9 @@
 #include "nodes/SubKeyList.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "nodes/MakeNode.h"
 #include "nodes/Scan.h"
-#include "store/Allocator.h"
 #include "store/Hive.h"
 
 namespace Tamvik {
@@ -25,6 +23,25 @@ std::uint32_t SubKeyList::GetCount() const { return record.U16(ListField::Count)
 
 std::uint32_t SubKeyList::EntriesHeld(std::uint32_t entrySize) const {
     return record.Available(ListField::Entries) / entrySize;
+}
+
+bool SubKeyList::IsLeaf() const { return NodeAs<Indirect>(this) == nullptr; }
+
+std::optional<std::uint32_t> SubKeyList::EntryCell(std::uint32_t i) const {
+    const std::uint32_t size = EntrySize();
+    if (i >= EntriesHeld(size)) return std::nullopt;
+    return record.U32(ListField::Entries + i * size);
+}
+
+bool SubKeyList::HoldsCount() const {
+    return record.Holds(ListField::Entries, static_cast<std::uint64_t>(GetCount()) * EntrySize());
+}
+
+std::optional<std::uint32_t> SubKeyList::KeyCellAt(Hive* hive, std::uint32_t index) {
+    if (index >= GetCount()) return std::nullopt;
+    const std::optional<std::uint32_t> cell = EntryCell(index);
+    if (!cell || !Transient<Key>(hive, *cell, nullptr, CellKind::BySignature)) return std::nullopt;
+    return cell;
 }
 
 std::uint64_t SubKeyList::LeafLimit() const {
@@ -93,40 +110,12 @@ std::unique_ptr<Key> SubKeyList::LeafGetAt(Hive* hive, std::uint32_t index, std:
     return key;
 }
 
-void SubKeyList::LeafRemoveAt(Hive* hive, std::uint32_t index, bool* emptied, std::uint32_t entrySize) {
-    if (emptied != nullptr) *emptied = false;
-    names.Clear();
-    const std::uint32_t count = GetCount();
-    if (index >= count || index >= EntriesHeld(entrySize)) return;
-    const std::uint32_t newCount = count - 1;
-    record.SetU16(ListField::Count, static_cast<std::uint16_t>(newCount));
-    if (newCount == 0) {
-        CellRef own = hive->GetCell(offset);
-        if (!own.IsUsable()) return;
-        FreeCell(own, hive);
-        if (emptied != nullptr) *emptied = true;
-    } else {
-        // Entries behind the removed one move down; a damaged Count is cut to what the record holds.
-        std::uint32_t last = std::min(newCount, EntriesHeld(entrySize) - 1);
-        if (index < last) {
-            std::uint8_t* entries = record.Data() + ListField::Entries;
-            std::memmove(entries + index * entrySize, entries + (index + 1) * entrySize,
-                         static_cast<std::size_t>(last - index) * entrySize);
-        }
-        Save(hive);
-    }
-    child.reset();
-}
-
 std::unique_ptr<Key> IndxLeaf::GetAt(Hive* hive, std::uint32_t index) { return LeafGetAt(hive, index, kLeafEntry); }
 std::optional<std::size_t> IndxLeaf::NameInto(Hive* hive, std::uint32_t index, NameTarget target) {
     return LeafNameInto(hive, index, kLeafEntry, target);
 }
 std::optional<std::uint64_t> IndxLeaf::NameHashAt(Hive* hive, std::uint32_t index) {
     return LeafNameHashAt(hive, index, kLeafEntry);
-}
-void IndxLeaf::RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) {
-    LeafRemoveAt(hive, index, emptied, kLeafEntry);
 }
 std::unique_ptr<Key> FastLeaf::GetAt(Hive* hive, std::uint32_t index) { return LeafGetAt(hive, index, kFastEntry); }
 std::optional<std::size_t> FastLeaf::NameInto(Hive* hive, std::uint32_t index, NameTarget target) {
@@ -135,17 +124,23 @@ std::optional<std::size_t> FastLeaf::NameInto(Hive* hive, std::uint32_t index, N
 std::optional<std::uint64_t> FastLeaf::NameHashAt(Hive* hive, std::uint32_t index) {
     return LeafNameHashAt(hive, index, kFastEntry);
 }
-void FastLeaf::RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) {
-    LeafRemoveAt(hive, index, emptied, kFastEntry);
-}
 
-std::unique_ptr<SubKeyList> Indirect::BuildLeaf(Hive* hive, std::uint32_t entry) {
-    if (entry >= EntriesHeld(kLeafEntry)) return nullptr;
-    std::uint32_t cell = record.U32(ListField::Entries + entry * kLeafEntry);
-    std::unique_ptr<SubKeyList> leaf = BuildNodeAt<SubKeyList>(hive, cell, OwnerKey(this), CellKind::BySignature);
-    // An ri inside an ri would break the position arithmetic, and could reach itself.
-    if (NodeAs<Indirect>(leaf.get()) != nullptr) return nullptr;
-    return leaf;
+LeafEntry Indirect::LeafAt(Hive* hive, std::uint32_t entry) {
+    LeafEntry found;
+    if (entry >= EntriesHeld(kLeafEntry)) {
+        found.fault = LeafFault::PastRecord;
+        return found;
+    }
+    found.cell = record.U32(ListField::Entries + entry * kLeafEntry);
+    found.leaf = BuildNodeAt<SubKeyList>(hive, found.cell, OwnerKey(this), CellKind::BySignature);
+    if (found.leaf == nullptr) {
+        found.fault = LeafFault::NoList;
+    } else if (!found.leaf->IsLeaf()) {
+        // An ri inside an ri would break the position arithmetic, and could reach itself.
+        found.leaf.reset();
+        found.fault = LeafFault::NotALeaf;
+    }
+    return found;
 }
 
 const std::vector<std::unique_ptr<SubKeyList>>* Indirect::KeptLeaves(Hive* hive) {
@@ -154,7 +149,7 @@ const std::vector<std::unique_ptr<SubKeyList>>* Indirect::KeptLeaves(Hive* hive)
     leaves_.clear();
     const std::uint32_t count = GetCount();
     for (std::uint32_t j = 0; j < count; ++j) {
-        std::unique_ptr<SubKeyList> leaf = BuildLeaf(hive, j);
+        std::unique_ptr<SubKeyList> leaf = LeafAt(hive, j).leaf;
         if (leaf == nullptr) break;  // the walk of GetAt ends at a leaf that can't be built
         leaves_.push_back(std::move(leaf));
     }
@@ -176,7 +171,7 @@ auto Indirect::WalkTo(Hive* hive, std::uint32_t index, AtLeaf atLeaf) -> decltyp
         if (kept != nullptr) {
             if (j < kept->size()) leaf = (*kept)[j].get();
         } else {
-            built = BuildLeaf(hive, j);
+            built = LeafAt(hive, j).leaf;
             leaf = built.get();
         }
         if (leaf == nullptr) break;
@@ -201,7 +196,7 @@ std::uint64_t Indirect::PositionLimit(Hive* hive) {
     }
     const std::uint32_t count = GetCount();
     for (std::uint32_t j = 0; j < count; ++j) {
-        std::unique_ptr<SubKeyList> leaf = BuildLeaf(hive, j);
+        std::unique_ptr<SubKeyList> leaf = LeafAt(hive, j).leaf;
         if (leaf == nullptr) break;
         total += leaf->GetCount();
     }
@@ -222,43 +217,35 @@ std::optional<std::uint64_t> Indirect::NameHashAt(Hive* hive, std::uint32_t inde
     return WalkTo(hive, index, [&](SubKeyList* leaf, std::uint32_t at) { return leaf->NameHashAt(hive, at); });
 }
 
-// An ri list is only ever a key's own list, never inside another, so no
-// caller asks whether it emptied: when it does, it frees its own cell.
-void Indirect::RemoveAt(Hive* hive, std::uint32_t index, bool*) {
+void Indirect::EntriesChanged() {
     names.Clear();
     leavesKept_ = false;
-    std::uint32_t remaining = index;
-    const std::uint32_t count = GetCount();
-    for (std::uint32_t j = 0; j < count; ++j) {
-        std::unique_ptr<SubKeyList> leaf = BuildLeaf(hive, j);
-        if (leaf == nullptr) break;
-        const std::uint32_t leafCount = leaf->GetCount();
-        if (remaining >= leafCount) {
-            remaining -= leafCount;
-            continue;
-        }
-        bool inner = false;
-        leaf->RemoveAt(hive, remaining, &inner);
-        if (inner) {
-            const std::uint32_t newCount = count - 1;
-            record.SetU16(ListField::Count, static_cast<std::uint16_t>(newCount));
-            if (newCount != 0) {
-                std::uint32_t last = std::min(newCount, EntriesHeld(kLeafEntry) - 1);
-                if (j < last) {
-                    std::uint8_t* entries = record.Data() + ListField::Entries;
-                    std::memmove(entries + j * kLeafEntry, entries + (j + 1) * kLeafEntry,
-                                 static_cast<std::size_t>(last - j) * kLeafEntry);
-                }
-                Save(hive);
-            } else {
-                CellRef own = hive->GetCell(offset);
-                if (!own.IsUsable()) return;
-                FreeCell(own, hive);
-            }
-        }
-        break;
+}
+
+std::optional<std::uint32_t> Indirect::KeyCellAt(Hive* hive, std::uint32_t index) {
+    return WalkTo(hive, index, [&](SubKeyList* leaf, std::uint32_t at) { return leaf->KeyCellAt(hive, at); });
+}
+
+OpenedList OpenLeaves(Hive* hive, std::unique_ptr<SubKeyList> list) {
+    OpenedList opened;
+    opened.top = std::move(list);
+    if (opened.top == nullptr) return opened;
+    Indirect* ri = NodeAs<Indirect>(opened.top.get());
+    if (ri == nullptr) {
+        opened.leaves.push_back(opened.top.get());
+        return opened;
     }
-    child.reset();
+    for (std::uint32_t j = 0; j < ri->GetCount(); ++j) {
+        LeafEntry entry = ri->LeafAt(hive, j);
+        if (entry.fault != LeafFault::None) {
+            opened.fault = entry.fault;
+            opened.faultEntry = j;
+            return opened;
+        }
+        opened.leaves.push_back(entry.leaf.get());
+        opened.ownLeaves.push_back(std::move(entry.leaf));
+    }
+    return opened;
 }
 
 }  // namespace Tamvik

@@ -1,5 +1,6 @@
-// The four subkey list records behind one face: position-based GetAt and
-// RemoveAt, and the scan by name that holds a key's one looked-up child.
+// The four subkey list records behind one face: position-based GetAt, the
+// scan by name that holds a key's one looked-up child, and the opening of an
+// ri to its leaves that edits and structure walks share.
 #pragma once
 
 #include <cstdint>
@@ -30,8 +31,8 @@ public:
 
     // A new key at a position counted over all keys of the list, or null.
     virtual std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) = 0;
-    // Takes the entry out; a leaf sets *emptied (when asked) if it freed its own cell.
-    virtual void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) = 0;
+    // The nk offset GetAt's key would stand at, found without building it.
+    virtual std::optional<std::uint32_t> KeyCellAt(Hive* hive, std::uint32_t index);
     // Count of the record: keys in a leaf, leaves in an ri.
     virtual std::uint32_t GetCount() const;
     // The name GetAt's key would have, or nothing when GetAt gives null; and
@@ -42,6 +43,16 @@ public:
     virtual std::optional<std::size_t> NameInto(Hive* hive, std::uint32_t index, NameTarget target);
 
     std::uint16_t Signature() const { return record.U16(ListField::Signature); }
+    std::uint32_t EntrySize() const { return ListEntrySize(Signature()); }
+    bool IsLeaf() const;
+    // The offset entry i of a leaf holds, when the record holds that entry.
+    std::optional<std::uint32_t> EntryCell(std::uint32_t i) const;
+    // Positions below this can give a key; none at or above it can.
+    std::uint64_t Positions(Hive* hive) { return PositionLimit(hive); }
+    // Whether the record holds all Count entries.
+    bool HoldsCount() const;
+    // An edit changed the list's entries: what scans learnt of them no longer holds.
+    virtual void EntriesChanged() { names.Clear(); }
     // Takes over what the scans of an earlier node of this list learnt.
     void AdoptNames(NameIndex&& learnt) { names = std::move(learnt); }
 
@@ -57,7 +68,6 @@ protected:
     virtual bool NothingFrom(std::uint64_t position) const;
     // Shared by the leaves, which differ only in their entry size.
     std::unique_ptr<Key> LeafGetAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize);
-    void LeafRemoveAt(Hive* hive, std::uint32_t index, bool* emptied, std::uint32_t entrySize);
     std::optional<std::size_t> LeafNameInto(Hive* hive, std::uint32_t index, std::uint32_t entrySize,
                                             NameTarget target);
     std::optional<std::uint64_t> LeafNameHashAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize);
@@ -67,6 +77,21 @@ protected:
     std::uint32_t EntriesHeld(std::uint32_t entrySize) const;
 };
 
+// What is wrong with an entry of an ri, if anything.
+enum class LeafFault : std::uint8_t {
+    None,
+    PastRecord,  // the entry lies outside the ri's cell
+    NoList,      // no usable cell holding a subkey list stands at its offset
+    NotALeaf,    // it names another ri: nesting would break the positions and could loop
+};
+
+// One entry of an ri: the offset it holds and the leaf built there.
+struct LeafEntry {
+    std::uint32_t cell = kNoCell;
+    std::unique_ptr<SubKeyList> leaf;  // null when fault says why
+    LeafFault fault = LeafFault::None;
+};
+
 // An ri: a list of leaves. Positions run over the keys of all leaves in order.
 class Indirect : public SubKeyList {
 public:
@@ -74,17 +99,18 @@ public:
     static bool Holds(NodeClass c) { return c == NodeClass::Indirect; }
     using SubKeyList::SubKeyList;
     std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
+    std::optional<std::uint32_t> KeyCellAt(Hive* hive, std::uint32_t index) override;
     std::optional<std::size_t> NameInto(Hive* hive, std::uint32_t index, NameTarget target) override;
     std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index) override;
-    void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) override;
+    void EntriesChanged() override;
+    // The leaf entry j names, built from the file, or the fault that stops it.
+    LeafEntry LeafAt(Hive* hive, std::uint32_t entry);
 
 protected:
     std::uint64_t PositionLimit(Hive* hive) override;
     bool NothingFrom(std::uint64_t) const override { return lastWalkPassedAll; }
 
 private:
-    // The leaf of entry j, built from the file, or null. A nested ri is refused.
-    std::unique_ptr<SubKeyList> BuildLeaf(Hive* hive, std::uint32_t entry);
     // In a hive in memory: the leaves up to the first that can't be built, read
     // once and kept while the hive takes no write. Null on a volume, where each
     // walk reads them anew.
@@ -110,7 +136,6 @@ public:
     std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
     std::optional<std::size_t> NameInto(Hive* hive, std::uint32_t index, NameTarget target) override;
     std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index) override;
-    void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) override;
 };
 
 // An lf: key offsets with the first four name bytes beside each.
@@ -122,7 +147,6 @@ public:
     std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
     std::optional<std::size_t> NameInto(Hive* hive, std::uint32_t index, NameTarget target) override;
     std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index) override;
-    void RemoveAt(Hive* hive, std::uint32_t index, bool* emptied) override;
 };
 
 // An lh: as an lf, with a name hash beside each key.
@@ -132,5 +156,18 @@ public:
     static bool Holds(NodeClass c) { return c == NodeClass::HashLeaf; }
     using FastLeaf::FastLeaf;
 };
+
+// A key's subkey list opened to its leaves: the list itself when it is a
+// leaf, else every leaf its ri names, in order. Opening stops at the first
+// entry of an ri that gives no leaf, which fault and faultEntry tell.
+struct OpenedList {
+    std::unique_ptr<SubKeyList> top;
+    std::vector<std::unique_ptr<SubKeyList>> ownLeaves;  // an ri's leaves, built for this
+    std::vector<SubKeyList*> leaves;
+    LeafFault fault = LeafFault::None;
+    std::uint32_t faultEntry = 0;
+    bool Whole() const { return top != nullptr && fault == LeafFault::None; }
+};
+OpenedList OpenLeaves(Hive* hive, std::unique_ptr<SubKeyList> list);
 
 }  // namespace Tamvik

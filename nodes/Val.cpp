@@ -36,6 +36,17 @@ std::uint64_t Val::UpperNameHash() const {
     return RecordNameHash(record, VkField::NameLength, VkField::Name, NarrowName());
 }
 
+bool Val::DataFits(Hive* hive) const {
+    constexpr std::uint32_t kLargeData = 16u << 20;  // below this, a read may simply fail
+    const std::uint32_t length = StoredLength();
+    if (IsInline() || length <= kLargeData) return true;
+    const CellRef cell = hive->GetCell(DataCell());
+    if (!cell.IsUsable()) return false;
+    if (IsBigDataLength(hive->MinorVersion(), length))
+        return static_cast<std::uint64_t>(cell.word1 >> 16) * kSegmentSize >= length;
+    return cell.Magnitude() >= static_cast<std::uint64_t>(length) + 4;
+}
+
 bool Val::ReadData(Hive* hive, std::uint8_t* target, std::uint32_t capacity) {
     const std::uint32_t dataLength = DataLength();
     const std::uint32_t length = StoredLength();

@@ -33,6 +33,9 @@ public:
     std::uint32_t DataCell() const { return record.U32(VkField::DataCell); }
     std::uint32_t ValueType() const { return record.U32(VkField::Type); }
     bool IsInline() const { return DataLength() >= kInlineData; }
+    // Whether the cells the data lies in can hold the stored length at all, so
+    // that a damaged length never makes a reader allocate far more than the hive holds.
+    bool DataFits(Hive* hive) const;
     // DataLength without the inline bit.
     std::uint32_t StoredLength() const { return DataLength() & ~kInlineData; }
 

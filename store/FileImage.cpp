@@ -10,6 +10,9 @@
 #include <limits>
 #include <new>
 
+#include "store/ByteOrder.h"
+#include "store/Format.h"
+
 namespace Tamvik {
 
 namespace {
@@ -23,34 +26,90 @@ constexpr std::uint64_t kMaxPosition = static_cast<std::uint64_t>(std::numeric_l
 constexpr std::uint64_t kWritebackKick = 8u << 20;
 }  // namespace
 
+namespace {
+
+// A hive in a file of its own, reached by a descriptor.
+class FileStore : public ImageStore {
+public:
+    explicit FileStore(int fd) : fd_(fd) {}
+    ~FileStore() override { ::close(fd_); }
+    std::optional<std::uint64_t> Length() override {
+        struct stat info {};
+        fstat(fd_, &info);  // it answered once already, in Open
+        // A directory opens for reading and reads nothing, as a stream does.
+        return S_ISDIR(info.st_mode) ? 0 : static_cast<std::uint64_t>(std::max<off_t>(info.st_size, 0));
+    }
+    std::uint64_t ReadAt(std::uint64_t position, std::uint8_t* target, std::uint64_t length) override {
+        std::uint64_t done = 0;
+        while (done < length) {
+            const ssize_t n = ::pread(fd_, target + done, length - done, static_cast<off_t>(position + done));
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            done += static_cast<std::uint64_t>(n);
+        }
+        return done;
+    }
+    bool WriteAt(std::uint64_t position, const std::uint8_t* source, std::uint64_t length) override {
+        std::uint64_t done = 0;
+        while (done < length) {
+            const ssize_t n = ::pwrite(fd_, source + done, length - done, static_cast<off_t>(position + done));
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) return false;
+            done += static_cast<std::uint64_t>(n);
+        }
+        return true;
+    }
+    void Cut(std::uint64_t size) override {
+        if (::ftruncate(fd_, static_cast<off_t>(size)) != 0) {
+            // The file keeps what it took; the image can only forget it too.
+        }
+    }
+    void StartWriteback() override { ::sync_file_range(fd_, 0, 0, SYNC_FILE_RANGE_WRITE); }
+    bool Sync() override { return ::fdatasync(fd_) == 0; }
+
+private:
+    int fd_;
+};
+
+}  // namespace
+
 std::unique_ptr<FileImage> FileImage::Open(const std::string& path, bool readOnly) {
     const int fd = ::open(path.c_str(), (readOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC);
     if (fd < 0) return nullptr;
     struct stat info {};
-    std::unique_ptr<FileImage> image(new (std::nothrow) FileImage(fd, readOnly));
-    if (image == nullptr) {
+    std::unique_ptr<ImageStore> store(fstat(fd, &info) == 0 ? new (std::nothrow) FileStore(fd) : nullptr);
+    if (store == nullptr) {
         ::close(fd);
         return nullptr;
     }
-    // A directory opens for reading and reads nothing, as a stream does.
-    if (fstat(fd, &info) != 0) return nullptr;
-    const std::uint64_t size = S_ISDIR(info.st_mode) ? 0 : static_cast<std::uint64_t>(std::max<off_t>(info.st_size, 0));
-    if (!image->bytes_.Resize(size)) return nullptr;
-    std::uint64_t done = 0;
-    while (done < size) {
-        const ssize_t n = ::pread(fd, image->bytes_.Data() + done, size - done, static_cast<off_t>(done));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        done += static_cast<std::uint64_t>(n);
+    return Open(std::move(store), readOnly);
+}
+
+std::unique_ptr<FileImage> FileImage::Open(std::unique_ptr<ImageStore> store, bool readOnly) {
+    std::unique_ptr<FileImage> image(new (std::nothrow) FileImage(std::move(store), readOnly));
+    if (image == nullptr) return nullptr;
+    if (const std::optional<std::uint64_t> length = image->store_->Length()) {
+        if (!image->ReadIn(*length)) return nullptr;
+        return image;
     }
-    image->bytes_.Resize(done);  // a file that shrank meanwhile holds what was read
+    // Only the base block tells how far the hive goes: its header, then its bins.
+    if (!image->ReadIn(kBaseBlockSize)) return nullptr;
+    if (image->Size() < kBaseBlockSize) return image;
+    const std::uint64_t bins = LoadU32(image->bytes_.Data() + BaseBlockField::BinsSize);
+    if (!image->ReadIn(kBaseBlockSize + bins)) return nullptr;
     return image;
 }
 
-FileImage::~FileImage() {
-    Flush();
-    ::close(fd_);
+bool FileImage::ReadIn(std::uint64_t length) {
+    const std::uint64_t start = bytes_.Size();
+    if (length <= start) return true;
+    if (!bytes_.Resize(length)) return false;
+    const std::uint64_t done = store_->ReadAt(start, bytes_.Data() + start, length - start);
+    bytes_.Resize(start + done);  // a file that shrank meanwhile holds what was read
+    return true;
 }
+
+FileImage::~FileImage() { Flush(); }
 
 bool FileImage::Write(std::uint64_t position, const void* source, std::uint64_t length) {
     if (readOnly_ || position > kMaxPosition || length > kMaxPosition - position) return false;
@@ -87,9 +146,7 @@ bool FileImage::WriteThrough(std::uint64_t position, const void* source, std::ui
     std::copy(old.begin(), old.end(), bytes_.Data() + position);
     WriteOut(position, old.size());
     if (end > oldSize) {
-        if (::ftruncate(fd_, static_cast<off_t>(oldSize)) != 0) {
-            // The file keeps what it took; the image can only forget it too.
-        }
+        store_->Cut(oldSize);
         bytes_.Resize(oldSize);
     }
     ReadBack(position, old.size());
@@ -97,33 +154,18 @@ bool FileImage::WriteThrough(std::uint64_t position, const void* source, std::ui
 }
 
 bool FileImage::WriteOut(std::uint64_t position, std::uint64_t length) {
-    std::uint64_t done = 0;
-    while (done < length) {
-        const ssize_t n = ::pwrite(fd_, bytes_.Data() + position + done, length - done,
-                                   static_cast<off_t>(position + done));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<std::uint64_t>(n);
-    }
-    return true;
+    return store_->WriteAt(position, bytes_.Data() + position, length);
 }
 
 void FileImage::ReadBack(std::uint64_t position, std::uint64_t length) {
-    std::uint64_t done = 0;
-    while (done < length) {
-        const ssize_t n = ::pread(fd_, bytes_.Data() + position + done, length - done,
-                                  static_cast<off_t>(position + done));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        done += static_cast<std::uint64_t>(n);
-    }
+    const std::uint64_t done = store_->ReadAt(position, bytes_.Data() + position, length);
     // Bytes the file doesn't hold aren't there to read.
     if (done < length && position + done < bytes_.Size() && position + length >= bytes_.Size())
         bytes_.Resize(position + done);
 }
 
-void FileImage::Flush() {
-    if (dirty_.empty()) return;
+bool FileImage::Flush() {
+    if (dirty_.empty()) return true;
     std::sort(dirty_.begin(), dirty_.end());
     std::vector<std::pair<std::uint64_t, std::uint64_t>> runs;
     for (const auto& range : dirty_) {
@@ -133,20 +175,25 @@ void FileImage::Flush() {
             runs.push_back(range);
     }
     dirty_.clear();
+    bool written = true;
     for (const auto& [begin, end] : runs) {
         const std::uint64_t last = std::min<std::uint64_t>(end, bytes_.Size());
-        if (begin < last && !WriteOut(begin, last - begin)) ReadBack(begin, last - begin);
+        if (begin < last && !WriteOut(begin, last - begin)) {
+            ReadBack(begin, last - begin);
+            written = false;
+        }
         if (begin < last) unsynced_ += last - begin;
     }
     if (unsynced_ >= kWritebackKick) {
-        ::sync_file_range(fd_, 0, 0, SYNC_FILE_RANGE_WRITE);  // starts the writing, waits for nothing
+        store_->StartWriteback();
         unsynced_ = 0;
     }
+    return written;
 }
 
-void FileImage::Sync() {
-    Flush();
-    if (!readOnly_) ::fdatasync(fd_);
+bool FileImage::Sync() {
+    const bool flushed = Flush();
+    return (readOnly_ || store_->Sync()) && flushed;
 }
 
 }  // namespace Tamvik

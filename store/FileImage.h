@@ -1,12 +1,14 @@
 // The bytes of a hive file, held in memory once. Every read is served from
 // here. A write changes the bytes and marks them; Flush hands the marked
-// ranges to the file in positioned writes, so what a call changed is in the
-// file (written to the OS) when it returns. A hive opened read-only takes no
-// write at all: as its stream would, it refuses each one and stays as it is.
+// ranges to where the file is kept (its ImageStore: a file descriptor, or a
+// caller's device) in positioned writes, so what a call changed is there when
+// it returns. A hive opened read-only takes no write at all: as its stream
+// would, it refuses each one and stays as it is.
 #pragma once
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,10 +17,31 @@
 
 namespace Tamvik {
 
+// Where a file image's bytes are kept.
+class ImageStore {
+public:
+    virtual ~ImageStore() = default;
+    // The bytes to read in: a file's size; nothing when only the file's own
+    // base block can tell (then its header and bins are read).
+    virtual std::optional<std::uint64_t> Length() = 0;
+    // Reads up to length bytes at position; gives how many came, fewer only at the end.
+    virtual std::uint64_t ReadAt(std::uint64_t position, std::uint8_t* target, std::uint64_t length) = 0;
+    // Writes them all, or gives false.
+    virtual bool WriteAt(std::uint64_t position, const std::uint8_t* source, std::uint64_t length) = 0;
+    // Drops what lies behind size, where the store can.
+    virtual void Cut(std::uint64_t) {}
+    // Starts writing what it was handed to the disk, without waiting.
+    virtual void StartWriteback() {}
+    // Makes what it was handed durable.
+    virtual bool Sync() = 0;
+};
+
 class FileImage {
 public:
     // Opens path and reads it whole; null when it can't be opened or read.
     static std::unique_ptr<FileImage> Open(const std::string& path, bool readOnly);
+    // Reads the store's file whole; null when memory for it can't be had.
+    static std::unique_ptr<FileImage> Open(std::unique_ptr<ImageStore> store, bool readOnly);
     ~FileImage();
     FileImage(const FileImage&) = delete;
     FileImage& operator=(const FileImage&) = delete;
@@ -37,17 +60,18 @@ public:
     // has changed and the result is false.
     bool WriteThrough(std::uint64_t position, const void* source, std::uint64_t length);
     // Hands the marked ranges to the file. A range the file refuses is read
-    // back from it, so that the bytes stay what the file holds.
-    void Flush();
-    // Flush, then make the file durable.
-    void Sync();
+    // back from it, so that the bytes stay what the file holds; false then.
+    bool Flush();
+    // Flush, then make the file durable; false when either failed.
+    bool Sync();
 
 private:
-    FileImage(int fd, bool readOnly) : fd_(fd), readOnly_(readOnly) {}
+    FileImage(std::unique_ptr<ImageStore> store, bool readOnly) : store_(std::move(store)), readOnly_(readOnly) {}
+    bool ReadIn(std::uint64_t length);
     bool WriteOut(std::uint64_t position, std::uint64_t length);
     void ReadBack(std::uint64_t position, std::uint64_t length);
 
-    int fd_;
+    std::unique_ptr<ImageStore> store_;
     bool readOnly_;
     PageBuffer bytes_;
     std::vector<std::pair<std::uint64_t, std::uint64_t>> dirty_;  // [begin, end), in the order written

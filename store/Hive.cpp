@@ -135,13 +135,9 @@ bool Hive::WriteNewBin(std::uint32_t areaOffset, const std::uint8_t* image, std:
     return true;
 }
 
-void Hive::Flush() {
-    if (image_ != nullptr) image_->Flush();
-}
+bool Hive::Flush() { return image_ == nullptr || image_->Flush(); }
 
-void Hive::Sync() {
-    if (image_ != nullptr) image_->Sync();
-}
+bool Hive::Sync() { return image_ == nullptr || image_->Sync(); }
 
 const std::uint8_t* Hive::AreaBytes(std::uint32_t areaOffset, std::uint32_t size) const {
     if (image_ == nullptr || areaOffset > kMaxAreaOffset) return nullptr;

@@ -108,8 +108,8 @@ public:
     // one count is what would be built from them while the count stays.
     std::uint64_t Generation() const { return generation_; }
     // Hands what this call changed to the file; makes it durable as well.
-    void Flush();
-    void Sync();
+    bool Flush();
+    bool Sync();
 
     std::uint8_t baseBlock[kBaseBlockSize];
     void* closeHandle;

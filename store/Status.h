@@ -18,6 +18,7 @@ enum class StatusCode : std::uint8_t {
     NotEmpty,   // a key that still has subkeys
     NotAHive,   // the file or device holds nothing we can open as a hive
     Damaged,    // the structure doesn't hold where the operation looked
+    BadData,    // a value's data isn't where or what its record says
     NoRoom,     // the storage refused to grow (a full disk, a size limit)
     IoError,    // a read or write of the storage failed
     ReadOnly,   // the hive was opened for reading only

@@ -457,13 +457,18 @@ TEST(Layout, RewrittenDataTakesItsForm) {
         const std::uint32_t maxData = after.U32(after.Root(), NkField::MaxValueData);
         EXPECT_EQ(maxData, std::max<std::uint32_t>(c.before, c.after > c.before ? c.after : c.before)) << what;
     }
-    // A db's length over a cell that isn't a db: nothing is followed or written.
-    const Bytes data = Pattern(18000, 3);
-    const EditOutcome out = Edit(Tree({}, {{"v", 3, Pattern(20000, 9), DataForm::Cell}}), [&](TestHive& t) {
-        return RegSetValueExW(t.Key(), u"V", 0, 3, data.data(), static_cast<DWORD>(data.size()));
-    });
-    EXPECT_EQ(out.result, Result::Invalid);
-    EXPECT_EQ(out.after, out.before);
+    // A db's length over a cell that isn't a db, and data growing out of a
+    // cell that is free: nothing is followed or written.
+    HiveBuilder freed;
+    freed.SetRoot(freed.AddNk({"R", 0x2C, 0, 0xFFFFFFFF, 1, freed.AddOffsets({freed.AddVk({"v", 8, freed.AddFree(16)})})}));
+    for (const auto& [builder, size] : {std::pair{Tree({}, {{"v", 3, Pattern(20000, 9), DataForm::Cell}}), 18000}, {freed, 12}}) {
+        const Bytes data = Pattern(size, 3);
+        const EditOutcome out = Edit(builder, [&](TestHive& t) {
+            return RegSetValueExW(t.Key(), u"V", 0, 3, data.data(), static_cast<DWORD>(data.size()));
+        });
+        EXPECT_EQ(out.result, Result::Invalid) << size;
+        EXPECT_EQ(out.after, out.before) << size;
+    }
 }
 
 // --- Deletion and the sk ring ----------------------------------------------------------

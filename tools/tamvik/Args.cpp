@@ -1,6 +1,6 @@
 #include "Args.h"
 
-#include "Session.h"
+#include "ToolError.h"
 
 namespace TamvikTool {
 
@@ -38,9 +38,9 @@ Args ParseArgs(const std::vector<std::string>& argv, const std::vector<OptionSpe
         }
         const OptionSpec* chosen = nullptr;
         for (const auto& option : options)
-            if (option.name == name || (!option.alias.empty() && option.alias == name)) chosen = &option;
+            if (name == option.name || (option.alias != nullptr && name == option.alias)) chosen = &option;
         if (chosen == nullptr) UsageError("unknown option " + name + " (see tamvik " + command + " --help)");
-        if (chosen->takesValue) {
+        if (chosen->value != nullptr) {
             if (!inlineValue) {
                 if (i + 1 >= argv.size()) UsageError("option " + name + " needs a value");
                 inlineValue = argv[++i];

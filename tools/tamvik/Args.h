@@ -1,5 +1,5 @@
-// Command-line parsing shared by the subcommands: positional arguments,
-// flags, and options with a value.
+// Command-line options as each subcommand declares them once, and the
+// parsing of argv against that declaration.
 #pragma once
 
 #include <map>
@@ -11,11 +11,11 @@
 namespace TamvikTool {
 
 struct OptionSpec {
-    OptionSpec(std::string name_, bool takesValue_ = false, std::string alias_ = {})
-        : name(std::move(name_)), takesValue(takesValue_), alias(std::move(alias_)) {}
-    std::string name;  // "--prefix", "-r"
-    bool takesValue;
-    std::string alias;  // another spelling, e.g. "--recursive" for "-r"
+    const char* name;              // "--prefix", "-r"
+    const char* alias = nullptr;   // another spelling, e.g. "--recursive" for "-r"
+    const char* value = nullptr;   // the name of its argument in the help ("P"); null for a flag
+    const char* help = "";         // one line, or several: the later ones stand under the first
+    bool repeats = false;          // may be given more than once
 };
 
 struct Args {

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "Session.h"
+#include "ToolError.h"
 
 namespace TamvikTool {
 

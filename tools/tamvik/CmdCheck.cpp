@@ -11,12 +11,9 @@
 #include "Session.h"
 #include "StructureCheck.h"
 #include "Walk.h"
-#include "api/ToolEntry.h"
 #include "edit/NameForms.h"
 
 namespace TamvikTool {
-
-using namespace RegAPI;
 
 namespace {
 
@@ -52,14 +49,14 @@ std::string OrderProblem(const std::vector<SubKey>& subKeys) {
 
 // Puts the lists in Windows order, in a copy that replaces the hive.
 void Repair(const std::string& hive, const std::vector<KeyPath>& lists, const Args& args) {
-    EditSession edit(hive, {args.Has("--force"), args.Has("--in-place")});
+    EditSession edit(hive, EditOptions::From(args));
     {
         HiveSession session(edit.WorkPath(), false, edit.HivePath());
         KeyWriter writer(session);
         for (const KeyPath& path : lists) {
             bool changed = false;
             std::string why;
-            if (LONG r = writer.Sort(path, &changed, &why); r != Result::Ok)
+            if (int r = writer.Sort(path, &changed, &why); r != Result::Ok)
                 throw ToolError(hive + ": " + why + " " + DescribeResult(r) + "; the hive is unchanged");
             if (changed) std::printf("%s: repaired at key %s: subkey list put in Windows order\n", hive.c_str(),
                                      ShowPath(path).c_str());
@@ -68,9 +65,7 @@ void Repair(const std::string& hive, const std::vector<KeyPath>& lists, const Ar
     edit.Commit();
 }
 
-int RunCheck(const CommandArgs& argv) {
-    Args args = ParseArgs(
-        argv, {{"-q", false, "--quiet"}, {"--repair", false}, {"--force", false}, {"--in-place", false}}, 1, 1, "check");
+int RunCheck(const Args& args) {
     const std::string& hive = args.positional[0];
     std::vector<KeyPath> unordered;
     Tally tally;
@@ -93,10 +88,10 @@ int RunCheck(const CommandArgs& argv) {
         HiveSession session(hive, true);
         Progress progress("check: keys");
         WalkEvents events;
-        events.onKey = [&](const KeyPath& at, HKEY key) {
+        events.onKey = [&](const KeyPath& at, Cell key) {
             ++keys;
-            LONG result = Result::Ok;
-            for (const ValueEntry& v : ReadValues(key, &result)) {
+            int result = Result::Ok;
+            for (const ValueEntry& v : ReadValues(session.Hive(), key, &result)) {
                 ++values;
                 if (v.result != Result::Ok)
                     ReportKey(hive, at, "value #" + std::to_string(v.index) + " \"" + ToUtf8(v.name) +
@@ -105,9 +100,6 @@ int RunCheck(const CommandArgs& argv) {
             if (result != Result::Ok && result != Result::MoreData)
                 ReportKey(hive, at, "values can't be listed " + DescribeResult(result), false, &tally);
             progress.Update(keys, structure.keys);
-        };
-        events.onUnreachable = [&](const KeyPath& at, LONG r) {
-            ReportKey(hive, at, "can't be opened " + DescribeResult(r), false, &tally);
         };
         events.onSubKeys = [&](const KeyPath& at, const std::vector<SubKey>& subKeys) {
             for (const SubKey& subKey : subKeys)
@@ -119,10 +111,10 @@ int RunCheck(const CommandArgs& argv) {
             ReportKey(hive, at, problem, true, &tally);
             if (problem.rfind("subkey list", 0) == 0) unordered.push_back(at);
         };
-        events.onListError = [&](const KeyPath& at, LONG r) {
+        events.onListError = [&](const KeyPath& at, int r) {
             ReportKey(hive, at, "subkeys can't be listed " + DescribeResult(r), false, &tally);
         };
-        WalkTree(session.Root(), {}, events);
+        WalkTree(session.Hive(), session.Root(), {}, events);
     } catch (const ToolError& e) {
         ++tally.problems;
         std::printf("%s\n", e.what());

@@ -12,8 +12,6 @@
 
 namespace TamvikTool {
 
-using namespace RegAPI;
-
 namespace {
 
 std::u16string WideArgument(const std::string& text, const char* what) {
@@ -29,16 +27,13 @@ std::u16string ValueName(const std::string& text) {
     return name;
 }
 
-EditOptions Options(const Args& args) { return {args.Has("--force"), args.Has("--in-place")}; }
-
-[[noreturn]] void Failed(const HiveSession& session, const std::string& why, LONG r) {
+[[noreturn]] void Failed(const HiveSession& session, const std::string& why, int r) {
     throw ToolError(session.Path() + ": " + why + " " + DescribeResult(r));
 }
 
 }  // namespace
 
-int RunSet(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--force", false}, {"--in-place", false}}, 5, -1, "set");
+int RunSet(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional[1]);
     const std::u16string name = ValueName(args.positional[2]);
     std::optional<std::uint32_t> type = ParseTypeName(args.positional[3]);
@@ -48,13 +43,13 @@ int RunSet(const CommandArgs& argv) {
     const bool fromInput = values.size() == 1 && (values[0] == "-" || values[0].rfind('@', 0) == 0);
     const Bytes data = fromInput ? DataFromInput(*type, ReadInput(values[0] == "-" ? values[0] : values[0].substr(1)))
                                  : DataFromArguments(*type, values);
-    EditSession edit(args.positional[0], Options(args));
+    EditSession edit(args.positional[0], EditOptions::From(args));
     {
         HiveSession session(edit.WorkPath(), false, edit.HivePath());
         KeyWriter writer(session);
-        HKEY key = nullptr;
+        Cell key = 0;
         std::string why;
-        LONG r = writer.OpenKey(path, &key, &why);
+        int r = writer.OpenKey(path, &key, &why);
         if (r == Result::Ok) r = writer.PutValue(path, name, *type, data, &why);
         if (r != Result::Ok) Failed(session, why, r);
     }
@@ -62,22 +57,21 @@ int RunSet(const CommandArgs& argv) {
     return kExitOk;
 }
 
-int RunMkkey(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--force", false}, {"--in-place", false}, {"--windows-order", false}}, 2, 2, "mkkey");
+int RunMkkey(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional[1]);
     if (path.empty()) UsageError("the root key exists already");
     for (const auto& part : path)
         if (std::string problem = NameProblem(part, true); !problem.empty())
             UsageError("key " + ShowPath(path) + ": " + problem);
-    EditSession edit(args.positional[0], Options(args));
+    EditSession edit(args.positional[0], EditOptions::From(args));
     {
         HiveSession session(edit.WorkPath(), false, edit.HivePath());
         const bool windowsOrder = args.Has("--windows-order");
         KeyWriter writer(session,
-                         windowsOrder ? Tamvik::ToolEdit::ListOrder::Windows : Tamvik::ToolEdit::ListOrder::Library);
+                         windowsOrder ? Tamvik::ListOrder::Windows : Tamvik::ListOrder::Library);
         std::string why;
         bool created = false;
-        LONG r = writer.EnsureKey(path, &why, &created);
+        int r = writer.EnsureKey(path, &why, &created);
         if (r != Result::Ok) Failed(session, why, r);
         if (!created) Failed(session, "key " + ShowPath(path) + ": can't create", Result::AlreadyExists);
         std::size_t sorted = 0;
@@ -87,32 +81,30 @@ int RunMkkey(const CommandArgs& argv) {
     return kExitOk;
 }
 
-int RunRm(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--force", false}, {"--in-place", false}}, 3, 3, "rm");
+int RunRm(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional[1]);
     const std::u16string name = ValueName(args.positional[2]);
-    EditSession edit(args.positional[0], Options(args));
+    EditSession edit(args.positional[0], EditOptions::From(args));
     {
         HiveSession session(edit.WorkPath(), false, edit.HivePath());
         KeyWriter writer(session);
         std::string why;
-        LONG r = writer.DeleteValue(path, name, &why);
+        int r = writer.DeleteValue(path, name, &why);
         if (r != Result::Ok) Failed(session, why, r);
     }
     edit.Commit();
     return kExitOk;
 }
 
-int RunRmkey(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"-r", false, "--recursive"}, {"--force", false}, {"--in-place", false}}, 2, 2, "rmkey");
+int RunRmkey(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional[1]);
     if (path.empty()) UsageError("the root key can't be deleted");
-    EditSession edit(args.positional[0], Options(args));
+    EditSession edit(args.positional[0], EditOptions::From(args));
     {
         HiveSession session(edit.WorkPath(), false, edit.HivePath());
         KeyWriter writer(session);
         std::string why;
-        LONG r = writer.DeleteKey(path, args.Has("-r"), &why);
+        int r = writer.DeleteKey(path, args.Has("-r"), &why);
         if (r != Result::Ok) Failed(session, why, r);
     }
     edit.Commit();

@@ -11,8 +11,6 @@
 
 namespace TamvikTool {
 
-using namespace RegAPI;
-
 namespace {
 
 struct FileCloser {
@@ -27,18 +25,11 @@ std::u16string KeyLine(const std::u16string& prefix, const KeyPath& path) {
 
 }  // namespace
 
-int RunExport(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--prefix", true}, {"--utf8", false}, {"-o", true, "--output"}}, 1, 2, "export");
+int RunExport(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional.size() > 1 ? args.positional[1] : "");
-    std::u16string prefix;
-    if (auto p = args.Value("--prefix")) {
-        std::optional<std::u16string> wide = FromUtf8(*p);
-        if (!wide) UsageError("prefix is not valid UTF-8");
-        prefix = *wide;
-        while (!prefix.empty() && prefix.back() == u'\\') prefix.pop_back();
-    }
+    const std::u16string prefix = ParsePrefix(args.Value("--prefix").value_or(""));
     HiveSession session(args.positional[0], true);
-    HKEY start = session.Open(path);
+    const Cell start = session.Open(path);
 
     std::unique_ptr<std::FILE, FileCloser> file;
     std::FILE* out = stdout;
@@ -58,10 +49,10 @@ int RunExport(const CommandArgs& argv) {
         complete = false;
     };
     WalkEvents events;
-    events.onKey = [&](const KeyPath& at, HKEY key) {
+    events.onKey = [&](const KeyPath& at, Cell key) {
         writer.Key(KeyLine(prefix, at));
-        LONG result = Result::Ok;
-        for (const ValueEntry& v : ReadValues(key, &result)) {
+        int result = Result::Ok;
+        for (const ValueEntry& v : ReadValues(session.Hive(), key, &result)) {
             if (v.result != Result::Ok) {
                 warn(at, "value #" + std::to_string(v.index) + " \"" + ToUtf8(v.name) + "\" skipped: " +
                              DescribeResult(v.result));
@@ -71,9 +62,8 @@ int RunExport(const CommandArgs& argv) {
         }
         progress.Update(++keys);
     };
-    events.onUnreachable = [&](const KeyPath& at, LONG r) { warn(at, "skipped, can't be opened: " + DescribeResult(r)); };
-    events.onListError = [&](const KeyPath& at, LONG r) { warn(at, "subkeys incomplete: " + DescribeResult(r)); };
-    WalkTree(start, path, events);
+    events.onListError = [&](const KeyPath& at, int r) { warn(at, "subkeys incomplete: " + DescribeResult(r)); };
+    WalkTree(session.Hive(), start, path, events);
     writer.End();
     if (std::fflush(out) != 0 || !writer.Good()) throw ToolError("write error on the output");
     return complete ? kExitOk : kExitFailed;

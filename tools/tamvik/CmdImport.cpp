@@ -12,8 +12,6 @@
 
 namespace TamvikTool {
 
-using namespace RegAPI;
-
 namespace {
 
 // Case-insensitive (ASCII) test that path starts with prefix as whole components.
@@ -33,15 +31,15 @@ bool StripPrefix(const std::u16string& prefix, std::u16string* path) {
 // Applies the operations in file order; gives how many failed, each told on stderr.
 std::size_t Apply(HiveSession& session, const std::vector<RegOp>& ops, const std::vector<KeyPath>& paths,
                   bool windowsOrder) {
-    KeyWriter writer(session, windowsOrder ? Tamvik::ToolEdit::ListOrder::Windows : Tamvik::ToolEdit::ListOrder::Library);
+    KeyWriter writer(session, windowsOrder ? Tamvik::ListOrder::Windows : Tamvik::ListOrder::Library);
     std::size_t failures = 0;
     Progress progress("import: entries");
     for (std::size_t i = 0; i < ops.size(); ++i) {
         const RegOp& op = ops[i];
         const KeyPath& path = paths[i];
         std::string why;
-        LONG r = Result::Ok;
-        HKEY probe = nullptr;
+        int r = Result::Ok;
+        Cell probe = 0;
         switch (op.kind) {
             case RegOp::CreateKey: r = writer.EnsureKey(path, &why); break;
             case RegOp::DeleteKey:
@@ -64,24 +62,15 @@ std::size_t Apply(HiveSession& session, const std::vector<RegOp>& ops, const std
     }
     std::size_t sorted = 0;
     std::string why;
-    if (LONG r = windowsOrder ? writer.SortTouched(&sorted, &why) : Result::Ok; r != Result::Ok)
+    if (int r = windowsOrder ? writer.SortTouched(&sorted, &why) : Result::Ok; r != Result::Ok)
         throw ToolError(session.Path() + ": " + why + " " + DescribeResult(r));
     return failures;
 }
 
 }  // namespace
 
-int RunImport(const CommandArgs& argv) {
-    Args args =
-        ParseArgs(argv, {{"--prefix", true}, {"--force", false}, {"--in-place", false}, {"--windows-order", false}}, 2,
-                  2, "import");
-    std::u16string prefix;
-    if (auto p = args.Value("--prefix")) {
-        std::optional<std::u16string> wide = FromUtf8(*p);
-        if (!wide) UsageError("prefix is not valid UTF-8");
-        prefix = *wide;
-        while (!prefix.empty() && prefix.back() == u'\\') prefix.pop_back();
-    }
+int RunImport(const Args& args) {
+    const std::u16string prefix = ParsePrefix(args.Value("--prefix").value_or(""));
     const std::string& regName = args.positional[1];
     // Everything is parsed and every key path and name checked before the
     // hive opens, so that a bad file changes nothing.
@@ -112,7 +101,7 @@ int RunImport(const CommandArgs& argv) {
                         kExitUsage);
     }
 
-    EditSession edit(args.positional[0], {args.Has("--force"), args.Has("--in-place")});
+    EditSession edit(args.positional[0], EditOptions::From(args));
     std::size_t failures = 0;
     {
         HiveSession session(edit.WorkPath(), false, edit.HivePath());

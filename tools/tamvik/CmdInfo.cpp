@@ -9,8 +9,7 @@
 
 namespace TamvikTool {
 
-int RunInfo(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {}, 1, 1, "info");
+int RunInfo(const Args& args) {
     HiveFile file(args.positional[0]);
     // A file without a base block has no facts to show.
     if (file.FileSize() < kBaseBlockBytes || !file.Base().signatureOk)

@@ -7,15 +7,14 @@
 #include "AtomicFile.h"
 #include "Commands.h"
 #include "EditGuard.h"
-#include "NewHive.h"
+#include "edit/NewHive.h"
 #include "Session.h"
 #include "Text.h"
 
 namespace TamvikTool {
 
-int RunNew(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--minor", true}, {"--root-name", true}, {"--force", false}}, 1, 1, "new");
-    NewHiveOptions options;
+int RunNew(const Args& args) {
+    Tamvik::NewHiveOptions options;
     if (auto minor = args.Value("--minor")) {
         std::optional<std::uint64_t> n = ParseNumber(*minor);
         if (!n || *n < 2 || *n > 6) UsageError("--minor must be 2 to 6");
@@ -26,9 +25,9 @@ int RunNew(const CommandArgs& argv) {
         if (!wide) UsageError("root name is not valid UTF-8");
         options.rootName = *wide;
     }
-    std::string error;
-    const Bytes image = BuildEmptyHive(options, FileTimeNow(), &error);
-    if (image.empty()) UsageError(error);
+    Tamvik::Status status;
+    const Bytes image = Tamvik::EmptyHiveImage(options, Tamvik::FileTimeNow(), &status);
+    if (image.empty()) UsageError(status.text);
     const std::string& path = args.positional[0];
     struct stat existing {};
     const bool replace = ::stat(path.c_str(), &existing) == 0;

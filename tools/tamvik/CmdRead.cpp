@@ -8,11 +8,8 @@
 #include "Session.h"
 #include "ValueText.h"
 #include "Walk.h"
-#include "api/ToolEntry.h"
 
 namespace TamvikTool {
-
-using namespace RegAPI;
 
 namespace {
 
@@ -25,10 +22,10 @@ std::string ShowName(const std::u16string& name) {
 }
 
 // Prints the values of one key, indented; gives false if one was unreadable.
-bool PrintValues(HKEY key, const std::string& indent) {
-    LONG result = Result::Ok;
+bool PrintValues(Tamvik::HiveAccess& hive, Cell key, const std::string& indent) {
+    int result = Result::Ok;
     bool ok = true;
-    for (const ValueEntry& v : ReadValues(key, &result)) {
+    for (const ValueEntry& v : ReadValues(hive, key, &result)) {
         if (v.result != Result::Ok) {
             std::printf("%s%s = <unreadable %s>\n", indent.c_str(),
                         v.name.empty() && v.type == 0 ? std::string(1, '#').append(std::to_string(v.index)).c_str()
@@ -47,17 +44,13 @@ bool PrintValues(HKEY key, const std::string& indent) {
 // The facts ls -l and --json show of a key.
 struct KeyFacts {
     KeyTime time;
-    DWORD subKeys = 0, values = 0;
+    std::uint32_t subKeys = 0, values = 0;
 };
 
-KeyFacts FactsOf(HKEY key) {
-    KeyFacts facts;
-    std::uint64_t stamp = 0;
-    Tamvik::ToolEdit::KeyTimestamp(key, &stamp);
-    facts.time = DecodeKeyTime(stamp);
-    RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, &facts.subKeys, nullptr, nullptr, &facts.values, nullptr,
-                     nullptr, nullptr, nullptr);
-    return facts;
+KeyFacts FactsOf(Tamvik::HiveAccess& hive, Cell key) {
+    Tamvik::KeyInfo info;
+    if (!hive.Info(key, &info)) return {};
+    return {DecodeKeyTime(info.timestamp), info.subKeys, info.values};
 }
 
 // "2023-01-18 11:39:48 UTC  filetime  ", the column ls -l puts before a key.
@@ -67,11 +60,11 @@ std::string TimeColumn(const KeyFacts& facts) {
     return buffer;
 }
 
-std::string ValuesJson(HKEY key, bool* ok) {
-    LONG result = Result::Ok;
+std::string ValuesJson(Tamvik::HiveAccess& hive, Cell key, bool* ok) {
+    int result = Result::Ok;
     std::string out = "\"values\": [";
     bool first = true;
-    for (const ValueEntry& v : ReadValues(key, &result)) {
+    for (const ValueEntry& v : ReadValues(hive, key, &result)) {
         out += (first ? "" : ", ") + ValueJson(v);
         first = false;
         *ok = *ok && v.result == Result::Ok;
@@ -80,32 +73,30 @@ std::string ValuesJson(HKEY key, bool* ok) {
     return out + "]";
 }
 
-std::string KeyJson(const KeyPath& path, HKEY key) {
-    const KeyFacts facts = FactsOf(key);
+std::string KeyJson(Tamvik::HiveAccess& hive, const KeyPath& path, Cell key) {
+    const KeyFacts facts = FactsOf(hive, key);
     return "{\"path\": " + JsonString(JoinPath(path)) + ", " + KeyFieldsJson(facts.time, facts.subKeys, facts.values);
 }
 
 }  // namespace
 
-int RunLs(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"-r", false, "--recursive"}, {"-l", false, "--long"}, {"--json", false}}, 1, 2, "ls");
+int RunLs(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional.size() > 1 ? args.positional[1] : "");
     const bool json = args.Has("--json"), long_ = args.Has("-l");
     HiveSession session(args.positional[0], true);
-    HKEY key = session.Open(path);
+    Tamvik::HiveAccess& hive = session.Hive();
+    const Cell key = session.Open(path);
     bool ok = true;
-    auto listError = [&](const KeyPath& at, LONG r) {
+    auto listError = [&](const KeyPath& at, int r) {
         std::fprintf(stderr, "tamvik ls: %s: key %s: subkeys can't be listed %s\n", session.Path().c_str(),
                      ShowPath(at).c_str(), DescribeResult(r).c_str());
         ok = false;
     };
     if (!args.Has("-r")) {
-        LONG result = Result::Ok;
+        int result = Result::Ok;
         std::string subKeysJson;
-        for (const SubKey& subKey : SubKeys(key, &result)) {
-            HKEY child = nullptr;
-            const bool facts = (json || long_) && Tamvik::ToolEdit::OpenSubKeyAt(key, subKey.index, &child) == Result::Ok;
-            const KeyFacts f = facts ? FactsOf(child) : KeyFacts{};
+        for (const SubKey& subKey : SubKeys(hive, key, &result)) {
+            const KeyFacts f = json || long_ ? FactsOf(hive, subKey.cell) : KeyFacts{};
             if (json)
                 subKeysJson += std::string(subKeysJson.empty() ? "" : ", ") + "{\"name\": " + JsonString(subKey.name) +
                                ", " + KeyFieldsJson(f.time, f.subKeys, f.values) + "}";
@@ -114,44 +105,39 @@ int RunLs(const CommandArgs& argv) {
         }
         if (result != Result::Ok) listError(path, result);
         if (json) {
-            std::printf("%s, \"subkeys\": [%s], %s}\n", KeyJson(path, key).c_str(), subKeysJson.c_str(),
-                        ValuesJson(key, &ok).c_str());
+            std::printf("%s, \"subkeys\": [%s], %s}\n", KeyJson(hive, path, key).c_str(), subKeysJson.c_str(),
+                        ValuesJson(hive, key, &ok).c_str());
         } else {
-            ok = PrintValues(key, "") && ok;
+            ok = PrintValues(hive, key, "") && ok;
         }
         return ok ? kExitOk : kExitFailed;
     }
     WalkEvents events;
     bool first = true;
-    events.onKey = [&](const KeyPath& at, HKEY handle) {
+    events.onKey = [&](const KeyPath& at, Cell found) {
         if (json) {
-            std::printf("%s%s, %s}", first ? "[\n" : ",\n", KeyJson(at, handle).c_str(), ValuesJson(handle, &ok).c_str());
+            std::printf("%s%s, %s}", first ? "[\n" : ",\n", KeyJson(hive, at, found).c_str(),
+                        ValuesJson(hive, found, &ok).c_str());
             first = false;
             return;
         }
-        std::printf("%s%s\n", long_ ? TimeColumn(FactsOf(handle)).c_str() : "", ShowPath(at).c_str());
-        ok = PrintValues(handle, "  ") && ok;
-    };
-    events.onUnreachable = [&](const KeyPath& at, LONG r) {
-        std::fprintf(stderr, "tamvik ls: %s: key %s: can't open %s\n", session.Path().c_str(), ShowPath(at).c_str(),
-                     DescribeResult(r).c_str());
-        ok = false;
+        std::printf("%s%s\n", long_ ? TimeColumn(FactsOf(hive, found)).c_str() : "", ShowPath(at).c_str());
+        ok = PrintValues(hive, found, "  ") && ok;
     };
     events.onListError = listError;
-    WalkTree(key, path, events);
+    WalkTree(hive, key, path, events);
     if (json) std::printf("\n]\n");
     return ok ? kExitOk : kExitFailed;
 }
 
-int RunGet(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"--raw", false}, {"--type", false}, {"--json", false}}, 3, 3, "get");
+int RunGet(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional[1]);
     std::optional<std::u16string> name = FromUtf8(args.positional[2]);
     if (!name) UsageError("value name is not valid UTF-8");
     HiveSession session(args.positional[0], true);
-    HKEY key = session.Open(path);
+    const Cell key = session.Open(path);
     ValueEntry entry;
-    LONG r = ReadValue(key, *name, &entry);
+    const int r = ReadValue(session.Hive(), key, *name, &entry);
     if (r != Result::Ok)
         throw ToolError(session.Path() + ": key " + ShowPath(path) + ", value " + ShowName(*name) + ": can't read " +
                         DescribeResult(r));

@@ -25,9 +25,7 @@ constexpr char kReplayedSuffix[] = ".replayed";
 
 }  // namespace
 
-int RunReplay(const CommandArgs& argv) {
-    Args args = ParseArgs(argv, {{"-o", true, "--output"}, {"--log", true}, {"--partial", false}, {"--force", false}},
-                          1, 1, "replay");
+int RunReplay(const Args& args) {
     const std::string& hive = args.positional[0];
     const std::string out = args.Value("-o").value_or(hive + kReplayedSuffix);
     const bool force = args.Has("--force");

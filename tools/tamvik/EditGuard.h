@@ -1,5 +1,5 @@
-// The one gate every editing command passes before it writes to a hive: an
-// exclusive lock, the refusal of a dirty hive, and the copy the edit is made
+// The one gate every editing command passes before it writes to a hive: its
+// lock, the refusal of a dirty or damaged hive, and the copy the edit is made
 // on, which replaces the hive only once it is complete and on disk, so that an
 // interruption at any moment leaves either the old hive or the new one.
 // Refusals are ToolErrors with statuses of their own (see Session.h).
@@ -8,28 +8,17 @@
 #include <memory>
 #include <string>
 
+#include "Args.h"
 #include "AtomicFile.h"
+#include "HiveLock.h"
 
 namespace TamvikTool {
-
-// An exclusive flock on the hive file itself, taken without waiting: a second
-// editor is refused with kExitLocked rather than queued behind the first.
-// Read commands take no lock. When the file was replaced (by an edit that
-// ended while this one waited for the lock) the new file is locked instead.
-class HiveLock {
-public:
-    explicit HiveLock(const std::string& path);
-    ~HiveLock();
-    HiveLock(const HiveLock&) = delete;
-    HiveLock& operator=(const HiveLock&) = delete;
-
-private:
-    int fd_ = -1;
-};
 
 struct EditOptions {
     bool force = false;    // edit a dirty hive as it is (kExitDirty without it)
     bool inPlace = false;  // edit the hive itself: no copy, nothing guards it from an interruption
+    // As --force and --in-place give them.
+    static EditOptions From(const Args& args) { return {args.Has("--force"), args.Has("--in-place")}; }
 };
 
 class EditSession {

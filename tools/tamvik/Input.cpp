@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "Session.h"
+#include "ToolError.h"
 
 namespace TamvikTool {
 

@@ -61,7 +61,7 @@ std::string ValueJson(const ValueEntry& value) {
            std::to_string(value.type) + ", \"data\": " + JsonString(data) + "}";
 }
 
-std::string KeyFieldsJson(const KeyTime& time, RegAPI::DWORD subKeys, RegAPI::DWORD values) {
+std::string KeyFieldsJson(const KeyTime& time, std::uint32_t subKeys, std::uint32_t values) {
     return "\"last_write\": " + (time.iso.empty() ? std::string("null") : JsonString(time.iso)) + ", \"clock\": \"" +
            time.clock + "\", \"subkey_count\": " + std::to_string(subKeys) +
            ", \"value_count\": " + std::to_string(values);

@@ -27,6 +27,6 @@ std::string JsonString(std::string_view utf8);
 
 std::string ValueJson(const ValueEntry& value);
 // "last_write", "clock" and the counts, without the braces.
-std::string KeyFieldsJson(const KeyTime& time, RegAPI::DWORD subKeys, RegAPI::DWORD values);
+std::string KeyFieldsJson(const KeyTime& time, std::uint32_t subKeys, std::uint32_t values);
 
 }  // namespace TamvikTool

@@ -6,8 +6,7 @@
 
 namespace TamvikTool {
 
-using namespace RegAPI;
-namespace ToolEdit = Tamvik::ToolEdit;
+using Tamvik::Status;
 
 namespace {
 
@@ -24,151 +23,146 @@ std::string Where(const KeyPath& path, const std::u16string* value = nullptr) {
 std::string NameProblem(const std::u16string& name, bool isKey) {
     if (isKey && name.empty()) return "a key name can't be empty";
     if (isKey && name.find(u'\\') != std::u16string::npos) return "a key name can't hold a backslash";
-    if (!Tamvik::StoreName(name)) return "the name is longer than the 65535 bytes a record holds";
+    if (!Tamvik::StoredName(name)) return "the name is longer than the 65535 bytes a record holds";
     return {};
 }
 
-LONG KeyWriter::Reach(const KeyPath& path, bool create, std::string* why, bool* created) {
+int KeyWriter::Reach(const KeyPath& path, bool create, std::string* why, bool* created) {
     if (created != nullptr) *created = false;
     if (levels_.empty()) levels_.push_back({u"", u"", session_.Root(), false});
-    // The levels that agree with the path stay open; the rest are dropped
-    // before anything is opened beside them.
+    // The levels that agree with the path stay; the rest are looked up again.
     std::size_t keep = 1;
     while (keep < levels_.size() && keep - 1 < path.size() && levels_[keep].folded == Fold(path[keep - 1])) ++keep;
     levels_.resize(keep);
+    Tamvik::HiveAccess& hive = session_.Hive();
     for (std::size_t i = keep - 1; i < path.size(); ++i) {
         const Level parent = levels_.back();
         std::u16string folded = Fold(path[i]);
         std::u16string full = parent.path + u'\\' + folded;
         bool made = made_.count(full) != 0;
-        HKEY handle = nullptr;
+        Cell cell = 0;
         // Below a key made here, only keys made here exist.
-        LONG r = parent.made && !made ? Result::Invalid : ToolEdit::OpenSubKey(parent.handle, path[i], &handle);
-        if (r != Result::Ok) {
+        Status found = parent.made && !made ? Status::Of(Tamvik::StatusCode::NotFound, "made here")
+                                            : hive.FindSubKey(parent.cell, path[i], &cell);
+        if (!found) {
             const KeyPath upTo(path.begin(), path.begin() + static_cast<std::ptrdiff_t>(i) + 1);
             if (!create) {
                 *why = Where(upTo) + ": can't open";
-                return r;
+                return ResultOf(found, Asked::Open);
             }
             if (std::string problem = NameProblem(path[i], true); !problem.empty()) {
                 *why = Where(upTo) + ": " + problem;
                 return Result::Invalid;
             }
-            r = ToolEdit::CreateSubKey(parent.handle, path[i], order_, &handle);
-            if (r != Result::Ok) {
+            const Status made_here = hive.CreateSubKey(parent.cell, path[i], order_, &cell);
+            if (!made_here) {
                 *why = Where(upTo) + ": can't create";
-                return r;
+                return ResultOf(made_here, Asked::Create);
             }
             made_[full];
             made = true;
             touched_.insert(KeyPath(path.begin(), path.begin() + static_cast<std::ptrdiff_t>(i)));
             if (created != nullptr && i + 1 == path.size()) *created = true;
         }
-        levels_.push_back({std::move(folded), std::move(full), handle, made});
+        levels_.push_back({std::move(folded), std::move(full), cell, made});
     }
     return Result::Ok;
 }
 
-LONG KeyWriter::EnsureKey(const KeyPath& path, std::string* why, bool* created) {
-    return Reach(path, true, why, created);
-}
+int KeyWriter::EnsureKey(const KeyPath& path, std::string* why, bool* created) { return Reach(path, true, why, created); }
 
-LONG KeyWriter::OpenKey(const KeyPath& path, HKEY* handle, std::string* why) {
-    const LONG r = Reach(path, false, why, nullptr);
-    if (r == Result::Ok) *handle = levels_.back().handle;
+int KeyWriter::OpenKey(const KeyPath& path, Cell* key, std::string* why) {
+    const int r = Reach(path, false, why, nullptr);
+    if (r == Result::Ok) *key = levels_.back().cell;
     return r;
 }
 
-LONG KeyWriter::PutValue(const KeyPath& path, const std::u16string& name, DWORD type, const Bytes& data,
-                         std::string* why) {
+int KeyWriter::PutValue(const KeyPath& path, const std::u16string& name, std::uint32_t type, const Bytes& data,
+                        std::string* why) {
     if (std::string problem = NameProblem(name, false); !problem.empty()) {
         *why = Where(path, &name) + ": " + problem;
         return Result::Invalid;
     }
-    LONG r = Reach(path, false, why, nullptr);
-    if (r != Result::Ok) return r;
+    if (int r = Reach(path, false, why, nullptr); r != Result::Ok) return r;
     const Level& level = levels_.back();
     const bool surelyNew = level.made && made_[level.path].insert(Fold(name)).second;
-    r = ToolEdit::SetValue(level.handle, name, type, data.data(), static_cast<DWORD>(data.size()), surelyNew);
-    if (r != Result::Ok) *why = Where(path, &name) + ": can't store";
-    return r;
+    const Status set = session_.Hive().SetValue(level.cell, name, type, data.data(),
+                                                static_cast<std::uint32_t>(data.size()), surelyNew);
+    if (!set) *why = Where(path, &name) + ": can't store";
+    return ResultOf(set, Asked::Change);
 }
 
-LONG KeyWriter::DeleteValue(const KeyPath& path, const std::u16string& name, std::string* why) {
-    LONG r = Reach(path, false, why, nullptr);
-    if (r != Result::Ok) return r;
+int KeyWriter::DeleteValue(const KeyPath& path, const std::u16string& name, std::string* why) {
+    if (int r = Reach(path, false, why, nullptr); r != Result::Ok) return r;
     const Level& level = levels_.back();
-    r = ToolEdit::DeleteValue(level.handle, name);
-    if (r != Result::Ok) *why = Where(path, &name) + ": can't delete";
+    const Status deleted = session_.Hive().DeleteValue(level.cell, name);
+    if (!deleted) *why = Where(path, &name) + ": can't delete";
     else if (level.made) made_[level.path].erase(Fold(name));
-    return r;
+    return ResultOf(deleted, Asked::Change);
 }
 
-LONG KeyWriter::DeleteTree(KeyPath& path, std::string* why) {
-    LONG r = Reach(path, false, why, nullptr);
-    if (r != Result::Ok) return r;
-    LONG listResult = Result::Ok;
-    const std::vector<SubKey> subKeys = SubKeys(levels_.back().handle, &listResult);
+int KeyWriter::DeleteTree(KeyPath& path, std::string* why) {
+    if (int r = Reach(path, false, why, nullptr); r != Result::Ok) return r;
+    const Cell key = levels_.back().cell;
+    int listResult = Result::Ok;
+    const std::vector<SubKey> subKeys = SubKeys(session_.Hive(), key, &listResult);
     if (listResult != Result::Ok) {
         *why = Where(path) + ": its subkeys can't be listed";
         return listResult;
     }
     for (const SubKey& subKey : subKeys) {
         path.push_back(subKey.name);
-        r = DeleteTree(path, why);
+        const int r = DeleteTree(path, why);
         path.pop_back();
         if (r != Result::Ok) return r;
     }
     const std::u16string name = path.back();
     path.pop_back();
-    r = Reach(path, false, why, nullptr);
+    int r = Reach(path, false, why, nullptr);
     if (r == Result::Ok) {
         made_.erase(levels_.back().path + u'\\' + Fold(name));
-        r = ToolEdit::DeleteSubKey(levels_.back().handle, name);
+        r = ResultOf(session_.Hive().DeleteSubKey(levels_.back().cell, key), Asked::Change);
     }
     path.push_back(name);
     if (r != Result::Ok) *why = Where(path) + ": can't delete";
     return r;
 }
 
-LONG KeyWriter::DeleteKey(const KeyPath& path, bool recursive, std::string* why) {
+int KeyWriter::DeleteKey(const KeyPath& path, bool recursive, std::string* why) {
     if (path.empty()) {
         *why = "the root key can't be deleted";
         return Result::Invalid;
     }
-    HKEY key = nullptr;
-    LONG r = OpenKey(path, &key, why);
-    if (r != Result::Ok) return r;
-    DWORD subKeys = 0;
-    RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                     nullptr);
-    if (subKeys != 0 && !recursive) {
-        *why = Where(path) + ": has " + std::to_string(subKeys) + " subkeys (-r deletes them too)";
+    Cell key = 0;
+    if (int r = OpenKey(path, &key, why); r != Result::Ok) return r;
+    Tamvik::KeyInfo info;
+    session_.Hive().Info(key, &info);
+    if (info.subKeys != 0 && !recursive) {
+        *why = Where(path) + ": has " + std::to_string(info.subKeys) + " subkeys (-r deletes them too)";
         return Result::Invalid;
     }
     KeyPath walk = path;
     return DeleteTree(walk, why);
 }
 
-LONG KeyWriter::Sort(const KeyPath& path, bool* changed, std::string* why) {
-    HKEY key = nullptr;
-    LONG r = OpenKey(path, &key, why);
-    if (r != Result::Ok) return r;
-    r = ToolEdit::SortSubKeys(key, changed);
-    if (r != Result::Ok) *why = Where(path) + ": its subkey list can't be sorted";
-    return r;
+int KeyWriter::Sort(const KeyPath& path, bool* changed, std::string* why) {
+    Cell key = 0;
+    if (int r = OpenKey(path, &key, why); r != Result::Ok) return r;
+    const Status sorted = session_.Hive().SortSubKeys(key, changed);
+    if (!sorted) *why = Where(path) + ": its subkey list can't be sorted";
+    return ResultOf(sorted, Asked::List);
 }
 
-LONG KeyWriter::SortTouched(std::size_t* sorted, std::string* why) {
+int KeyWriter::SortTouched(std::size_t* sorted, std::string* why) {
     *sorted = 0;
     const std::set<KeyPath> touched = std::move(touched_);
     for (const KeyPath& path : touched) {
-        HKEY key = nullptr;
+        Cell key = 0;
         // A key deleted after it got a subkey has no list left to sort.
         std::string ignored;
         if (OpenKey(path, &key, &ignored) != Result::Ok) continue;
         bool changed = false;
-        if (LONG r = Sort(path, &changed, why); r != Result::Ok) return r;
+        if (int r = Sort(path, &changed, why); r != Result::Ok) return r;
         *sorted += changed ? 1 : 0;
     }
     return Result::Ok;

@@ -1,9 +1,7 @@
-// Changes to a hive by key path, made through the library's internal edit
-// functions so that every name and every data stores as written. It keeps one
-// open handle per level of the last path it reached: an entry under the same
-// key, or a sibling, opens only what differs, and the library's rule (opening
-// a key ends the handle of its sibling and everything below) holds because a
-// level is dropped before anything beside or above it is opened or changed.
+// Changes to a hive by key path, made through the library's internal API so
+// that every name and every data stores as written. It keeps the cell of each
+// level of the last path it reached: an entry under the same key, or a
+// sibling, looks up only what differs.
 #pragma once
 
 #include <set>
@@ -12,10 +10,8 @@
 #include <unordered_set>
 #include <vector>
 
-#include "RegAPI.h"
 #include "Session.h"
 #include "Text.h"
-#include "api/ToolEntry.h"
 
 namespace TamvikTool {
 
@@ -25,39 +21,39 @@ std::string NameProblem(const std::u16string& name, bool isKey);
 class KeyWriter {
 public:
     // order: where new subkeys go in their parent's list.
-    KeyWriter(HiveSession& session, Tamvik::ToolEdit::ListOrder order = Tamvik::ToolEdit::ListOrder::Library)
+    KeyWriter(HiveSession& session, Tamvik::ListOrder order = Tamvik::ListOrder::Library)
         : session_(session), order_(order) {}
 
     // Opens the key at path, creating missing keys on the way. *created (may
     // be null) tells whether the last component was made.
-    RegAPI::LONG EnsureKey(const KeyPath& path, std::string* why, bool* created = nullptr);
-    // Opens an existing key; the handle is good until the next call.
-    RegAPI::LONG OpenKey(const KeyPath& path, RegAPI::HKEY* handle, std::string* why);
+    int EnsureKey(const KeyPath& path, std::string* why, bool* created = nullptr);
+    // Finds an existing key.
+    int OpenKey(const KeyPath& path, Cell* key, std::string* why);
     // Creates the value or gives it the new type and data in its place.
-    RegAPI::LONG PutValue(const KeyPath& path, const std::u16string& name, RegAPI::DWORD type, const Bytes& data,
+    int PutValue(const KeyPath& path, const std::u16string& name, std::uint32_t type, const Bytes& data,
                           std::string* why);
-    RegAPI::LONG DeleteValue(const KeyPath& path, const std::u16string& name, std::string* why);
+    int DeleteValue(const KeyPath& path, const std::u16string& name, std::string* why);
     // Deletes one key; with recursive, its subtree first, leaves upward.
-    RegAPI::LONG DeleteKey(const KeyPath& path, bool recursive, std::string* why);
+    int DeleteKey(const KeyPath& path, bool recursive, std::string* why);
     // Puts the subkey list of the key at path in Windows order; *changed
     // tells whether entries moved.
-    RegAPI::LONG Sort(const KeyPath& path, bool* changed, std::string* why);
+    int Sort(const KeyPath& path, bool* changed, std::string* why);
     // The same for every list that got a new entry; *sorted counts those
     // whose entries moved.
-    RegAPI::LONG SortTouched(std::size_t* sorted, std::string* why);
+    int SortTouched(std::size_t* sorted, std::string* why);
 
 private:
     struct Level {
         std::u16string folded;  // the component, as the library matches names
         std::u16string path;    // the folded path from the root
-        RegAPI::HKEY handle;
+        Cell cell;
         bool made;              // made by this writer: it holds only what was made here
     };
-    RegAPI::LONG Reach(const KeyPath& path, bool create, std::string* why, bool* created);
-    RegAPI::LONG DeleteTree(KeyPath& path, std::string* why);
+    int Reach(const KeyPath& path, bool create, std::string* why, bool* created);
+    int DeleteTree(KeyPath& path, std::string* why);
 
     HiveSession& session_;
-    Tamvik::ToolEdit::ListOrder order_;
+    Tamvik::ListOrder order_;
     std::vector<Level> levels_;  // [0] the root, [i] the key at the first i components
     // Keys made here by folded path, with the folded names of the values set
     // in them: a name not in the set needn't be looked for.

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "Commands.h"
-#include "Session.h"
+#include "ToolError.h"
 
 using namespace TamvikTool;
 
@@ -30,7 +30,7 @@ void PrintOverview(std::FILE* out) {
                  "4 an editing command found the hive locked by another process\n");
 }
 
-bool WantsHelp(const CommandArgs& args) {
+bool WantsHelp(const std::vector<std::string>& args) {
     for (const std::string& a : args) {
         if (a == "--") return false;
         if (a == "--help" || a == "-h") return true;
@@ -56,13 +56,13 @@ int main(int argc, char** argv) {
     }
     for (const Command& command : AllCommands()) {
         if (name != command.name) continue;
-        CommandArgs args(argv + 2, argv + argc);
+        const std::vector<std::string> args(argv + 2, argv + argc);
         if (WantsHelp(args)) {
-            std::fputs(command.help, stdout);
+            std::fputs(HelpText(command).c_str(), stdout);
             return kExitOk;
         }
         try {
-            return command.run(args);
+            return command.run(ParseCommandArgs(command, args));
         } catch (const ToolError& e) {
             std::fprintf(stderr, "tamvik %s: %s\n", command.name, e.what());
             return e.Status();
