@@ -1,0 +1,145 @@
+// Disk images made and checked with outside programs (see DiskImage.h).
+#include "support/DiskImage.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
+
+#include "NtfsHeaders.h"
+#include "support/Peers.h"
+
+namespace TamvikTest {
+namespace {
+
+std::string Run(const std::string& command) {
+    const auto [status, out] = Capture(command + " 2>&1");
+    if (status != 0) throw std::runtime_error(command + " failed: " + out);
+    return out;
+}
+
+ntfs_inode* Child(ntfs_inode* folder, const std::string& name, bool isFolder) {
+    ntfschar* wide = nullptr;
+    const int length = ntfs_mbstoucs(name.c_str(), &wide);
+    const u64 found = ntfs_inode_lookup_by_name(folder, wide, length);
+    ntfs_inode* child = found != static_cast<u64>(-1)
+                            ? ntfs_inode_open(folder->vol, MREF(found))
+                            : ntfs_create(folder, 0, wide, static_cast<u8>(length), isFolder ? S_IFDIR : S_IFREG);
+    std::free(wide);
+    if (child == nullptr) throw std::runtime_error("libntfs-3g can't make " + name);
+    return child;
+}
+
+}  // namespace
+
+std::string ImageToolsMissing() {
+    std::string missing;
+    for (const char* tool : {"mkntfs", "sfdisk", "qemu-img", "qemu-nbd", "ntfscat", "ntfsfix", "fsntfsinfo"})
+        if (Capture(std::string("command -v ") + tool + " >/dev/null || test -x /usr/sbin/" + tool).first != 0)
+            missing += std::string(missing.empty() ? "" : " ") + tool;
+    return missing;
+}
+
+ScratchDir::ScratchDir() {
+    const char* dir = std::getenv("TMPDIR");
+    std::string pattern = std::string(dir != nullptr ? dir : "/tmp") + "/tamvik-image-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    path_ = pattern;
+}
+
+ScratchDir::~ScratchDir() { Capture("rm -rf " + Quoted(path_)); }
+
+void MakeNtfs(const std::string& file, std::uint64_t size, const std::string& label, const std::vector<NtfsFile>& files) {
+    Run("truncate -s " + std::to_string(size) + " " + Quoted(file) + " && PATH=$PATH:/usr/sbin mkntfs -F -f -q -L " +
+        Quoted(label) + " " + Quoted(file));
+    ntfs_volume* volume = ntfs_mount(file.c_str(), NTFS_MNT_NONE);
+    if (volume == nullptr) throw std::runtime_error("libntfs-3g can't mount " + file);
+    for (const NtfsFile& item : files) {
+        ntfs_inode* at = ntfs_inode_open(volume, FILE_root);
+        for (std::size_t start = 0, slash; at != nullptr; start = slash + 1) {
+            slash = item.path.find('/', start);
+            ntfs_inode* next = Child(at, item.path.substr(start, slash - start), slash != std::string::npos);
+            ntfs_inode_close(at);
+            at = next;
+            if (slash == std::string::npos) break;
+        }
+        ntfs_attr* data = ntfs_attr_open(at, AT_DATA, AT_UNNAMED, 0);
+        if (data == nullptr || ntfs_attr_pwrite(data, 0, static_cast<s64>(item.bytes.size()), item.bytes.data()) !=
+                                   static_cast<s64>(item.bytes.size()))
+            throw std::runtime_error("libntfs-3g can't write " + item.path);
+        ntfs_attr_close(data);
+        if (item.encrypted) {
+            at->flags = static_cast<FILE_ATTR_FLAGS>(at->flags | FILE_ATTR_ENCRYPTED);
+            NInoSetDirty(at);
+        }
+        ntfs_inode_close(at);
+    }
+    ntfs_umount(volume, FALSE);
+}
+
+std::uint64_t MakeDisk(const std::string& disk, Table table, const std::string& volume) {
+    if (table == Table::None) {
+        Run("cp " + Quoted(volume) + " " + Quoted(disk));
+        return 0;
+    }
+    const std::uint64_t start = table == Table::Gpt ? 4096 : 6144;  // sectors
+    const std::string layout =
+        table == Table::Gpt ? "label: gpt\\nstart=2048, size=1024, type=L\\n"
+                              "start=4096, type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7\\n"
+                            : "label: dos\\nstart=2048, size=1024, type=83\\nstart=4096, type=5\\nstart=6144, type=7\\n";
+    const std::uint64_t bytes = ReadFileBytes(volume).size();
+    Run("truncate -s " + std::to_string(start * 512 + bytes + (1 << 20)) + " " + Quoted(disk) + " && printf '" +
+        layout + "' | PATH=$PATH:/usr/sbin sfdisk -q " + Quoted(disk) + " && dd if=" + Quoted(volume) + " of=" +
+        Quoted(disk) + " bs=512 seek=" + std::to_string(start) + " conv=notrunc status=none");
+    return start * 512;
+}
+
+void ConvertImage(const std::string& raw, const std::string& format, const std::string& to, const std::string& options) {
+    Run("qemu-img convert -f raw -O " + format + (options.empty() ? "" : " -o " + options) + " " + Quoted(raw) + " " +
+        Quoted(to));
+}
+
+namespace {
+
+// The NTFS at start as a file of its own, in the scratch folder, as long as
+// its boot sector says (its backup copy is the last sector).
+std::string RawVolume(const std::string& image, std::uint64_t start, const ScratchDir& scratch) {
+    Run("qemu-img convert -U -O raw " + Quoted(image) + " " + Quoted(scratch / "extract.raw") + " && dd if=" +
+        Quoted(scratch / "extract.raw") + " of=" + Quoted(scratch / "extract.ntfs") + " bs=512 skip=" +
+        std::to_string(start / 512) + " status=none");
+    const Bytes boot = ReadFileBytes(scratch / "extract.ntfs");
+    std::uint64_t sectors = 0;  // NTFS boot sector: total sectors, u64 at 40
+    for (int i = 7; i >= 0 && boot.size() > 48; --i) sectors = sectors << 8 | boot[40 + i];
+    Run("truncate -s " + std::to_string((sectors + 1) * 512) + " " + Quoted(scratch / "extract.ntfs"));
+    return scratch / "extract.ntfs";
+}
+
+}  // namespace
+
+Bytes ExtractFile(const std::string& image, std::uint64_t start, const std::string& path, const ScratchDir& scratch) {
+    Run("ntfscat " + Quoted(RawVolume(image, start, scratch)) + " " + Quoted(path) + " > " +
+        Quoted(scratch / "extract.file"));
+    return ReadFileBytes(scratch / "extract.file");
+}
+
+std::string NtfsComplaints(const std::string& image, std::uint64_t start, const ScratchDir& scratch) {
+    const std::string volume = Quoted(RawVolume(image, start, scratch));
+    std::string said;
+    for (const std::string& check : {"ntfsfix -n " + volume, "fsntfsinfo " + volume}) {
+        const auto [status, out] = Capture(check + " 2>&1");
+        if (status != 0) said += check + ": " + out;
+    }
+    return said;
+}
+
+std::string FileDigest(const std::string& path) { return Run("sha256sum < " + Quoted(path)); }
+
+void PatchFile(const std::string& path, std::uint64_t offset, const Bytes& bytes) {
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(static_cast<std::streamoff>(offset));
+    file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+}  // namespace TamvikTest
