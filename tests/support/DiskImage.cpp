@@ -4,11 +4,16 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
 
 #include "NtfsHeaders.h"
+
+extern "C" {
+#include <ntfs-3g/mst.h>
+}
 #include "support/Peers.h"
 
 namespace TamvikTest {
@@ -76,6 +81,59 @@ void MakeNtfs(const std::string& file, std::uint64_t size, const std::string& la
         }
         ntfs_inode_close(at);
     }
+    ntfs_umount(volume, FALSE);
+}
+
+namespace {
+
+void Put(Bytes& page, std::size_t at, std::uint64_t value, int size) {
+    for (int i = 0; i < size; ++i) page[at + i] = static_cast<std::uint8_t>(value >> (8 * i));
+}
+
+// A journal restart page as Windows leaves one: the header (with its update
+// sequence array), a restart area naming one client in use, and that client.
+Bytes RestartPage(std::uint64_t logSize, bool clean, bool fastStartup) {
+    constexpr std::size_t kPage = 4096, kArea = 0x30, kClients = 0x30, kClient = 0xA0;
+    Bytes page(kPage, 0);
+    std::copy_n("RSTR", 4, page.begin());
+    Put(page, 4, 0x1E, 2);                          // update sequence array offset
+    Put(page, 6, kPage / 512 + 1, 2);               // and count
+    Put(page, 16, kPage, 4);                        // system page size
+    Put(page, 20, kPage, 4);                        // log page size
+    Put(page, 24, kArea, 2);                        // restart area offset
+    Put(page, 26, fastStartup ? 0 : 1, 2);          // minor version
+    Put(page, 28, fastStartup ? 2 : 1, 2);          // major version
+    Put(page, kArea + 8, 1, 2);                     // clients
+    Put(page, kArea + 10, 0xFFFF, 2);               // free list: none
+    Put(page, kArea + 12, 0, 2);                    // in-use list: client 0
+    Put(page, kArea + 14, clean ? 2 : 0, 2);        // flags: the volume is clean
+    int bits = 0;
+    for (std::uint64_t size = logSize; size != 0; size >>= 1) ++bits;
+    Put(page, kArea + 16, 67 - bits, 4);            // sequence number bits
+    Put(page, kArea + 20, kClients + kClient, 2);   // restart area length
+    Put(page, kArea + 22, kClients, 2);             // client array offset
+    Put(page, kArea + 24, logSize, 8);              // file size
+    Put(page, kArea + 36, 0x30, 2);                 // log record header length
+    Put(page, kArea + 38, 0x40, 2);                 // log page data offset
+    Put(page, kArea + kClients + 16, 0xFFFF, 2);    // previous client
+    Put(page, kArea + kClients + 18, 0xFFFF, 2);    // next client
+    ntfs_mst_pre_write_fixup(reinterpret_cast<NTFS_RECORD*>(page.data()), kPage);
+    return page;
+}
+
+}  // namespace
+
+void SpoilNtfs(const std::string& file, const std::string& how) {
+    ntfs_volume* volume = ntfs_mount(file.c_str(), NTFS_MNT_NONE);
+    if (volume == nullptr) throw std::runtime_error("libntfs-3g can't mount " + file);
+    if (how == "dirty") ntfs_volume_write_flags(volume, static_cast<le16>(volume->flags | VOLUME_IS_DIRTY));
+    ntfs_inode* log = ntfs_inode_open(volume, FILE_LogFile);
+    ntfs_attr* data = ntfs_attr_open(log, AT_DATA, AT_UNNAMED, 0);
+    const Bytes page = RestartPage(static_cast<std::uint64_t>(data->data_size), how != "unclean", how == "fast-startup");
+    for (s64 at : {0, 4096})
+        if (how != "dirty") ntfs_attr_pwrite(data, at, static_cast<s64>(page.size()), page.data());
+    ntfs_attr_close(data);
+    ntfs_inode_close(log);
     ntfs_umount(volume, FALSE);
 }
 

@@ -40,6 +40,11 @@ struct NtfsFile {
 // A new NTFS volume file of size bytes, holding these files.
 void MakeNtfs(const std::string& file, std::uint64_t size, const std::string& label, const std::vector<NtfsFile>& files);
 
+// Leaves a volume file as Windows may leave one that isn't safe to write:
+// "fast-startup" (its journal's restart pages at version 2.0), "unclean" (a
+// journal not marked clean) or "dirty" (the volume's dirty flag).
+void SpoilNtfs(const std::string& file, const std::string& how);
+
 enum class Table { Gpt, Mbr, None };
 // A raw disk with the volume as its NTFS partition: GPT (Linux 1, NTFS 2), MBR
 // (Linux 1, extended 2 holding the NTFS as logical 5) or no table (the volume

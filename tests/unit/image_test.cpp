@@ -49,8 +49,9 @@ struct Kit {
 };
 
 Kit MakeImage(const ScratchDir& scratch, Table table, const std::string& format, const std::string& options = "",
-              std::vector<NtfsFile> files = WindowsFiles()) {
+              std::vector<NtfsFile> files = WindowsFiles(), const std::string& spoil = "") {
     MakeNtfs(scratch / "volume.ntfs", 16 << 20, "Windows", files);
+    if (!spoil.empty()) SpoilNtfs(scratch / "volume.ntfs", spoil);
     const std::uint64_t start = MakeDisk(scratch / "disk.raw", table, scratch / "volume.ntfs");
     if (format == "raw") return {scratch / "disk.raw", start};
     ConvertImage(scratch / "disk.raw", format, scratch / ("disk." + format));
@@ -226,21 +227,39 @@ TEST(ImageTables, DamageIsNamedOrRefusedWithoutHanging) {
     }
 }
 
-// The refusals, each with its kind, and that a refusal to write still lets one read.
+// The refusals, each with its kind: a volume Windows left unsafe to write
+// (hibernated, fast startup, an unclean journal, the dirty flag) can still
+// be read; so can a file a device won't write.
 TEST(ImageRefusals, EachComesWithItsKind) {
     SKIP_WITHOUT_IMAGE_TOOLS();
-    ScratchDir scratch;
-    std::vector<NtfsFile> files = WindowsFiles();
     Bytes hibernated(4096, 0);
     std::copy_n("HIBR", 4, hibernated.begin());
-    files.push_back({"hiberfil.sys", hibernated});
-    const Kit kit = MakeImage(scratch, Table::Gpt, "qcow2", "", files);
+    struct Unsafe {
+        const char* spoil;
+        const char* reason;
+    };
+    for (const Unsafe& row : {Unsafe{"", "hibernated"}, Unsafe{"fast-startup", "Windows cache"},
+                              Unsafe{"unclean", "journal isn't clean"}, Unsafe{"dirty", "marked the volume dirty"}}) {
+        SCOPED_TRACE(row.reason);
+        ScratchDir scratch;
+        std::vector<NtfsFile> files = WindowsFiles();
+        if (!*row.spoil) files.push_back({"hiberfil.sys", hibernated});
+        const Kit kit = MakeImage(scratch, Table::None, "raw", "", files, row.spoil);
+        auto image = OpenImage(kit.image, {true, "", ""});
+        ASSERT_TRUE(image);
+        ti::Error error;
+        EXPECT_FALSE(ti::Volume::Open(*image, 0, true, error));
+        EXPECT_EQ(error.kind, ti::ErrorKind::Unsafe) << error.text;
+        EXPECT_NE(error.text.find(row.reason), std::string::npos) << error.text;
+        auto volume = OpenVolume(*image, 0, false);
+        Bytes head;
+        EXPECT_TRUE(volume && volume->Read(kSystem, head, error, 4096) && head.size() == 4096) << error.text;
+    }
+    ScratchDir scratch;
+    const Kit kit = MakeImage(scratch, Table::Gpt, "qcow2");
     auto image = OpenImage(kit.image, {true, "", ""});
     ASSERT_TRUE(image);
     ti::Error error;
-    EXPECT_FALSE(ti::Volume::Open(*image, 2, true, error));
-    EXPECT_EQ(error.kind, ti::ErrorKind::Unsafe) << error.text;
-    EXPECT_NE(error.text.find("hibernated"), std::string::npos) << error.text;
     EXPECT_FALSE(ti::Volume::Open(*image, 1, false, error));
     EXPECT_EQ(error.kind, ti::ErrorKind::Unsupported) << error.text;
     EXPECT_FALSE(ti::Volume::Open(*image, 7, false, error));
