@@ -142,7 +142,7 @@ bool VolumeDevice::DeviceWrite(void* handle, const void* buffer, std::uint32_t e
     if (!impl_->volume.writable)
         return impl_->Refuse(Fail(ErrorKind::Unsupported, file->path + ": the volume is open for reading only"));
     const std::uint64_t end = file->position + length;
-    const bool grows = end > file->bytes.size();
+    const bool grows = length > 0 && end > file->bytes.size();
     const auto* source = static_cast<const std::uint8_t*>(buffer);
     for (std::uint64_t done = 0; done < length;) {
         impl_->volume.window->last = {};
