@@ -65,6 +65,8 @@ void MakeNtfs(const std::string& file, std::uint64_t size, const std::string& la
         ntfs_inode* at = ntfs_inode_open(volume, FILE_root);
         for (std::size_t start = 0, slash; at != nullptr; start = slash + 1) {
             slash = item.path.find('/', start);
+            if (item.compressed && slash == std::string::npos)
+                at->flags = static_cast<FILE_ATTR_FLAGS>(at->flags | FILE_ATTR_COMPRESSED);
             ntfs_inode* next = Child(at, item.path.substr(start, slash - start), slash != std::string::npos);
             ntfs_inode_close(at);
             at = next;

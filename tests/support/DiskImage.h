@@ -34,7 +34,8 @@ private:
 struct NtfsFile {
     std::string path;  // with '/', from the root; folders are made on the way
     Bytes bytes;
-    bool encrypted = false;  // only marked so: the bytes stay plain
+    bool encrypted = false;   // only marked so: the bytes stay plain
+    bool compressed = false;  // made in a folder marked compressed, as Windows' compression makes it
 };
 
 // A new NTFS volume file of size bytes, holding these files.

@@ -263,10 +263,20 @@ TEST(ImageRefusals, EachComesWithItsKind) {
         EXPECT_TRUE(volume && volume->Read(kSystem, head, error, 4096) && head.size() == 4096) << error.text;
     }
     ScratchDir scratch;
-    const Kit kit = MakeImage(scratch, Table::Gpt, "qcow2");
+    std::vector<NtfsFile> files = WindowsFiles();
+    files.push_back({"Packed/hive", SmallHive("Packed"), false, true});
+    const Kit kit = MakeImage(scratch, Table::Gpt, "qcow2", "", files);
     auto image = OpenImage(kit.image, {true, "", ""});
     ASSERT_TRUE(image);
     ti::Error error;
+    {
+        auto writable = OpenVolume(*image, 2, true);
+        ASSERT_TRUE(writable);
+        ti::VolumeDevice device(*writable);
+        void* handle = nullptr;
+        EXPECT_FALSE(device.DeviceOpen(&handle, u"packed/HIVE", 3, 0, 3)) << "a compressed file isn't written";
+        EXPECT_EQ(device.LastError().kind, ti::ErrorKind::Unsupported) << device.LastError().text;
+    }
     EXPECT_FALSE(ti::Volume::Open(*image, 1, false, error));
     EXPECT_EQ(error.kind, ti::ErrorKind::Unsupported) << error.text;
     EXPECT_FALSE(ti::Volume::Open(*image, 7, false, error));
@@ -285,6 +295,8 @@ TEST(ImageRefusals, EachComesWithItsKind) {
         EXPECT_FALSE(device.DeviceOpen(&handle, row.path, 3, 0, 3));
         EXPECT_EQ(device.LastError().kind, row.kind) << device.LastError().text;
     }
+    EXPECT_EQ(ListThroughDevice(*volume, u"Packed/hive").lines, ListBytes(SmallHive("Packed")).lines)
+        << "a compressed file reads";
     void* handle = nullptr;
     ASSERT_TRUE(device.DeviceOpen(&handle, u"\\windows\\system32\\config\\software", 3, 0, 3));
     std::uint32_t one = 1;
