@@ -10,6 +10,10 @@
 namespace TamvikImage {
 namespace {
 
+// Cell offsets in a hive are 32-bit and count from byte 4096: no hive file is
+// longer, and the device keeps no longer file in memory.
+constexpr std::uint64_t kLargestFile = (1ull << 32) + 4096;
+
 struct OpenFile {
     std::string path;
     ntfs_inode* inode = nullptr;
@@ -100,7 +104,9 @@ bool VolumeDevice::DeviceOpen(void** handle, const char16_t* path, std::uint32_t
     Error error;
     if (!impl_->volume.OpenData(file->path, impl_->volume.writable, file->inode, file->data, error))
         return impl_->Refuse(error);
-    if (!impl_->volume.ReadData(file->data, std::numeric_limits<std::uint64_t>::max(), file->bytes, error)) {
+    if (static_cast<std::uint64_t>(file->data->data_size) > kLargestFile)
+        error = Fail(ErrorKind::Unsupported, file->path + ": larger than any hive can be");
+    if (error || !impl_->volume.ReadData(file->data, kLargestFile, file->bytes, error)) {
         ntfs_attr_close(file->data);
         ntfs_inode_close(file->inode);
         return impl_->Refuse(error);
@@ -142,6 +148,8 @@ bool VolumeDevice::DeviceWrite(void* handle, const void* buffer, std::uint32_t e
     if (!impl_->volume.writable)
         return impl_->Refuse(Fail(ErrorKind::Unsupported, file->path + ": the volume is open for reading only"));
     const std::uint64_t end = file->position + length;
+    if (end > kLargestFile)
+        return impl_->Refuse(Fail(ErrorKind::Unsupported, file->path + ": a write past the largest a hive can be"));
     const bool grows = length > 0 && end > file->bytes.size();
     const auto* source = static_cast<const std::uint8_t*>(buffer);
     for (std::uint64_t done = 0; done < length;) {
