@@ -22,6 +22,9 @@ struct __attribute__((visibility("hidden"))) Volume::Impl {
     ~Impl();
     // The inode at a path, or null with error set (NotFound when it isn't there).
     ntfs_inode* Resolve(const std::string& path, Error& error);
+    // Forgets the last failure underneath and libntfs-3g's last complaint, before a call whose failure
+    // Failure will describe.
+    void Begin();
     // An error from errno after a libntfs-3g call, with what it logged and the failure underneath.
     Error Failure(const std::string& what, int errnoValue) const;
     // The unnamed data stream of a file, refusing folders, encrypted files and,

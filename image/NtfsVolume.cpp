@@ -105,9 +105,13 @@ Error Volume::Impl::Failure(const std::string& what, int errnoValue) const {
     return Fail(errnoValue == ENOENT ? ErrorKind::NotFound : ErrorKind::Io, text);
 }
 
-ntfs_inode* Volume::Impl::Resolve(const std::string& path, Error& error) {
+void Volume::Impl::Begin() {
     lastMessage.clear();
     window->last = {};
+}
+
+ntfs_inode* Volume::Impl::Resolve(const std::string& path, Error& error) {
+    Begin();
     ntfs_inode* inode = ntfs_pathname_to_inode(volume, nullptr, NtfsPath(path).c_str());
     if (inode == nullptr) error = Failure(path, errno);
     return inode;
@@ -237,7 +241,7 @@ bool Volume::Impl::OpenData(const std::string& path, bool forWriting, ntfs_inode
 bool Volume::Impl::ReadData(ntfs_attr* data, std::uint64_t limit, std::vector<std::uint8_t>& bytes, Error& error) {
     bytes.resize(static_cast<std::size_t>(std::min<std::uint64_t>(static_cast<std::uint64_t>(data->data_size), limit)));
     for (std::size_t done = 0; done < bytes.size();) {
-        window->last = {};
+        Begin();
         const s64 got = ntfs_attr_pread(data, static_cast<s64>(done), static_cast<s64>(bytes.size() - done),
                                         bytes.data() + done);
         if (got <= 0) {

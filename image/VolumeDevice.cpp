@@ -77,7 +77,7 @@ struct __attribute__((visibility("hidden"))) VolumeDevice::Impl {
         Error error;
         if (file.written) ntfs_inode_update_times(file.inode, static_cast<ntfs_time_update_flags>(NTFS_UPDATE_MCTIME));
         ntfs_attr_close(file.data);
-        volume.window->last = {};
+        volume.Begin();
         if (ntfs_inode_close(file.inode) != 0) error = volume.Failure("closing " + file.path, errno);
         if (!error && file.written) error = volume.window->disk->Flush();
         files.erase(std::find_if(files.begin(), files.end(), [&](const auto& f) { return f.get() == &file; }));
@@ -153,7 +153,7 @@ bool VolumeDevice::DeviceWrite(void* handle, const void* buffer, std::uint32_t e
     const bool grows = length > 0 && end > file->bytes.size();
     const auto* source = static_cast<const std::uint8_t*>(buffer);
     for (std::uint64_t done = 0; done < length;) {
-        impl_->volume.window->last = {};
+        impl_->volume.Begin();
         const s64 put = ntfs_attr_pwrite(file->data, static_cast<s64>(file->position + done),
                                          static_cast<s64>(length - done), source + done);
         if (put <= 0) {
