@@ -41,7 +41,7 @@ ntfs_inode* Child(ntfs_inode* folder, const std::string& name, bool isFolder) {
 
 std::string ImageToolsMissing() {
     std::string missing;
-    for (const char* tool : {"mkntfs", "sfdisk", "qemu-img", "qemu-nbd", "ntfscat", "ntfsfix", "fsntfsinfo"})
+    for (const char* tool : {"mkntfs", "mke2fs", "sfdisk", "qemu-img", "qemu-nbd", "ntfscat", "ntfsfix", "fsntfsinfo"})
         if (Capture(std::string("command -v ") + tool + " >/dev/null || test -x /usr/sbin/" + tool).first != 0)
             missing += std::string(missing.empty() ? "" : " ") + tool;
     return missing;
@@ -153,6 +153,8 @@ std::uint64_t MakeDisk(const std::string& disk, Table table, const std::string& 
     Run("truncate -s " + std::to_string(start * 512 + bytes + (1 << 20)) + " " + Quoted(disk) + " && printf '" +
         layout + "' | PATH=$PATH:/usr/sbin sfdisk -q " + Quoted(disk) + " && dd if=" + Quoted(volume) + " of=" +
         Quoted(disk) + " bs=512 seek=" + std::to_string(start) + " conv=notrunc status=none");
+    // Partition 1 holds ext2 (labelled "linux"), made in place.
+    Run("PATH=$PATH:/usr/sbin mke2fs -q -F -t ext2 -L linux -E offset=1048576 " + Quoted(disk) + " 512k");
     return start * 512;
 }
 

@@ -47,8 +47,8 @@ void MakeNtfs(const std::string& file, std::uint64_t size, const std::string& la
 void SpoilNtfs(const std::string& file, const std::string& how);
 
 enum class Table { Gpt, Mbr, None };
-// A raw disk with the volume as its NTFS partition: GPT (Linux 1, NTFS 2), MBR
-// (Linux 1, extended 2 holding the NTFS as logical 5) or no table (the volume
+// A raw disk with the volume as its NTFS partition: GPT (ext2 1, NTFS 2), MBR
+// (ext2 1, extended 2 holding the NTFS as logical 5) or no table (the volume
 // itself). Gives where the NTFS starts.
 std::uint64_t MakeDisk(const std::string& disk, Table table, const std::string& volume);
 

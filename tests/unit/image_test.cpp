@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <tuple>
 
 #include "support/DiskImage.h"
 #include "support/HiveBuilder.h"
@@ -130,7 +131,13 @@ TEST_P(ImageFormats, AHiveReadsAsExtractedAndAnEditLandsInTheImage) {
         EXPECT_EQ(ntfs->number, row.partition);
         EXPECT_EQ(ntfs->start, kit.start);
         EXPECT_EQ(ntfs->label, "Windows");
-        EXPECT_EQ(partitions.size(), row.table == Table::None ? 1u : 2u);
+        ASSERT_EQ(partitions.size(), row.table == Table::None ? 1u : 2u);
+        if (row.table != Table::None) {
+            EXPECT_EQ(std::tie(partitions[0].number, partitions[0].start, partitions[0].label, partitions[0].typeName),
+                      std::make_tuple(1, 1u << 20, std::string("linux"),
+                                      std::string(row.table == Table::Gpt ? "Linux filesystem" : "Linux")));
+        }
+        EXPECT_EQ(ti::FileSystemName(partitions[0].fileSystem), std::string(row.table == Table::None ? "ntfs" : "ext2"));
         EXPECT_EQ(image->PartitionsHolding("\\windows\\system32\\CONFIG\\system"), std::vector<int>{row.partition});
 
         auto volume = OpenVolume(*image, row.partition, false);
@@ -208,6 +215,7 @@ TEST(ImageTables, DamageIsNamedOrRefusedWithoutHanging) {
         {"primary entries", Table::Gpt, {{1024 + 40, {9}}}, "primary GPT header", {1, 2}},
         {"backup header", Table::Gpt, {{lastSector + 24, {9}}}, "backup GPT header", {1, 2}},
         {"both headers", Table::Gpt, {{512 + 24, {9}}, {lastSector + 24, {9}}}, nullptr, {}},
+        {"an unsigned MBR", Table::Mbr, {{511, {0}}}, "", {0}},
         {"a looping chain", Table::Mbr, {{4096 * 512 + 446 + 16 + 4, {5}}}, "loops", {1, 5}},
     };
     for (const Row& row : rows) {
