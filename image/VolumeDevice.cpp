@@ -28,7 +28,8 @@ std::string Utf8(const char16_t* text) {
     std::string out;
     for (; text != nullptr && *text != 0; ++text) {
         std::uint32_t c = *text;
-        if (c >= 0xD800 && c < 0xDC00 && text[1] >= 0xDC00 && text[1] < 0xE000) c = 0x10000 + ((c - 0xD800) << 10) + (*++text - 0xDC00);
+        if (c >= 0xD800 && c < 0xDC00 && text[1] >= 0xDC00 && text[1] < 0xE000)
+            c = 0x10000 + ((c - 0xD800) << 10) + (*++text - 0xDC00);  // a surrogate pair
         if (c < 0x80) {
             out += static_cast<char>(c);
         } else if (c < 0x800) {
@@ -57,10 +58,15 @@ struct __attribute__((visibility("hidden"))) VolumeDevice::Impl {
         last = std::move(error);
         return false;
     }
-    // The open file of a handle, or null (and last set) for a handle we didn't give.
+    // The open file of a handle, or null (and last set) for a handle we didn't
+    // give or whose file a failed write left in doubt.
     OpenFile* Find(void* handle) {
-        for (const auto& file : files)
-            if (file.get() == handle) return file->broken ? nullptr : file.get();
+        for (const auto& file : files) {
+            if (file.get() != handle) continue;
+            if (!file->broken) return file.get();
+            last = Fail(ErrorKind::Io, file->path + ": an earlier write failed part way; only a close is taken");
+            return nullptr;
+        }
         last = Fail(ErrorKind::Io, handle == nullptr ? "no file is open under a null handle"
                                                      : "the handle names no usable open file");
         return nullptr;
