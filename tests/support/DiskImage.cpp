@@ -146,14 +146,15 @@ std::uint64_t MakeDisk(const std::string& disk, Table table, const std::string& 
     }
     const std::uint64_t start = table == Table::Gpt ? 4096 : 6144;  // sectors
     const std::string layout =
-        table == Table::Gpt ? "label: gpt\\nstart=2048, size=1024, type=L\\n"
+        table == Table::Gpt ? "label: gpt\\nstart=2048, size=1025, type=L\\n"
                               "start=4096, type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7\\n"
-                            : "label: dos\\nstart=2048, size=1024, type=83\\nstart=4096, type=5\\nstart=6144, type=7\\n";
+                            : "label: dos\\nstart=2048, size=1025, type=83\\nstart=4096, type=5\\nstart=6144, type=7\\n";
     const std::uint64_t bytes = ReadFileBytes(volume).size();
     Run("truncate -s " + std::to_string(start * 512 + bytes + (1 << 20)) + " " + Quoted(disk) + " && printf '" +
         layout + "' | PATH=$PATH:/usr/sbin sfdisk -q " + Quoted(disk) + " && dd if=" + Quoted(volume) + " of=" +
         Quoted(disk) + " bs=512 seek=" + std::to_string(start) + " conv=notrunc status=none");
-    // Partition 1 holds ext2 (labelled "linux"), made in place.
+    // Partition 1 (of an odd size: a count read a byte too long shows) holds
+    // ext2 labelled "linux", made in place.
     Run("PATH=$PATH:/usr/sbin mke2fs -q -F -t ext2 -L linux -E offset=1048576 " + Quoted(disk) + " 512k");
     return start * 512;
 }

@@ -133,8 +133,9 @@ TEST_P(ImageFormats, AHiveReadsAsExtractedAndAnEditLandsInTheImage) {
         EXPECT_EQ(ntfs->label, "Windows");
         ASSERT_EQ(partitions.size(), row.table == Table::None ? 1u : 2u);
         if (row.table != Table::None) {
-            EXPECT_EQ(std::tie(partitions[0].number, partitions[0].start, partitions[0].label, partitions[0].typeName),
-                      std::make_tuple(1, 1u << 20, std::string("linux"),
+            EXPECT_EQ(std::tie(partitions[0].number, partitions[0].start, partitions[0].size, partitions[0].label,
+                               partitions[0].typeName),
+                      std::make_tuple(1, 1u << 20, 1025u * 512, std::string("linux"),
                                       std::string(row.table == Table::Gpt ? "Linux filesystem" : "Linux")));
         }
         EXPECT_EQ(ti::FileSystemName(partitions[0].fileSystem), std::string(row.table == Table::None ? "ntfs" : "ext2"));
