@@ -45,7 +45,7 @@ if [ ${#packages[@]} -gt 0 ]; then
   apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${packages[@]}" >/dev/null
 fi
 
-cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DTAMVIK_TESTS=OFF >/dev/null
+cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DTAMVIK_TESTS=OFF -DTAMVIK_IMAGE=OFF >/dev/null
 cmake --build build-bench -j2 --target bench_tamvik bench_hivex >/dev/null
 bin=build-bench/bench
 

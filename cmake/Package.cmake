@@ -27,3 +27,15 @@ file(RELATIVE_PATH TAMVIK_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 string(REGEX REPLACE "/$" "" TAMVIK_PC_TO_PREFIX "${TAMVIK_PC_TO_PREFIX}")
 configure_file(cmake/tamvik.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tamvik.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tamvik.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# libtamvik-image, when built: libtamvik-image.so.0, TamvikImage.h beside
+# RegAPI.h, tamvik-image.pc, and the CMake package's component "image"
+# (find_package(Tamvik COMPONENTS image) gives Tamvik::image).
+if(TAMVIK_IMAGE)
+  target_include_directories(tamvik_image PUBLIC $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/tamvik>)
+  install(TARGETS tamvik_image EXPORT TamvikImageTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  install(FILES image/TamvikImage.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tamvik)
+  install(EXPORT TamvikImageTargets NAMESPACE Tamvik:: DESTINATION ${TAMVIK_CMAKE_DIR})
+  configure_file(cmake/tamvik-image.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tamvik-image.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tamvik-image.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endif()
