@@ -37,7 +37,7 @@ LogPage Bins(std::uint32_t k, std::uint32_t from = 0, std::uint32_t size = 4096)
     return {from, Bytes(hive.begin() + 4096 + from, hive.begin() + 4096 + from + size)};
 }
 
-enum class Fault { None, Hash, Cut, BinsTooLarge };
+enum class Fault { None, Hash, Cut, BinsTooLarge, Split };  // Split: the state in two pages, the later one first
 enum class Kind { New, Old, OldCut, Foreign };  // Foreign: an old-format log of another hive
 struct EntryCase {
     std::uint32_t sequence;
@@ -75,9 +75,12 @@ protected:
                            kHiveTime + (c.kind == Kind::Foreign ? 1 : 0));
             for (std::uint32_t page = 0; old && page < 4; ++page) log.AddDirtyPage(page, Bins(c.base, page * 512, 512).bytes);
             std::vector<std::pair<std::size_t, Fault>> faults;
-            for (const EntryCase& e : c.entries)
-                faults.emplace_back(log.AddEntry(e.sequence, {Bins(e.sequence)}, e.fault == Fault::BinsTooLarge ? 0x3000 : 0),
-                                    e.fault);
+            for (const EntryCase& e : c.entries) {
+                const std::vector<LogPage> pages = e.fault == Fault::Split
+                                                       ? std::vector{Bins(e.sequence, 512, 3584), Bins(e.sequence, 0, 512)}
+                                                       : std::vector{Bins(e.sequence)};
+                faults.emplace_back(log.AddEntry(e.sequence, pages, e.fault == Fault::BinsTooLarge ? 0x3000 : 0), e.fault);
+            }
             Bytes bytes = log.Build();
             for (const auto& [at, fault] : faults) {
                 if (fault == Fault::Hash) bytes[at + 600] ^= 1;
@@ -170,9 +173,10 @@ INSTANTIATE_TEST_SUITE_P(
                    "h.LOG2: new format, 3 entries of 3 pages; applies 3 entries",
                    "replay          would apply 4 entries (sequence 2 to 5, 4 pages)"}},
         // Both logs begun anew since the hive was last written: nothing is lost.
-        BuiltCase{"LogsBegunAfterTheHive", 3, 2, true, {{".LOG1", New, 7, {{7}, {8}}}, {".LOG2", New, 9, {{9}, {10}, {11}}}},
-                  0, "applied 5 entries (sequence 7 to 11, 5 pages)", 11},
-        BuiltCase{"OlderLogBesideTheCurrentOne", 5, 4, true, {{".LOG1", New, 4, {{4}, {5}}}, {".LOG2", New, 2, {{2}, {3}}}},
+        BuiltCase{"LogsBegunAfterTheHive", 3, 2, true, {{".LOG1", New, 7, {{7}, {8}}}, {".LOG2", New, 9, {{9}, {10, Fault::Split}, {11}}}},
+                  0, "applied 5 entries (sequence 7 to 11, 6 pages)", 11},
+        // Entries the chain holds, in the older log too, are no loss.
+        BuiltCase{"OlderLogBesideTheCurrentOne", 5, 4, true, {{".LOG1", New, 4, {{4}, {5}}}, {".LOG2", New, 2, {{2}, {3}, {4}, {5}}}},
                   0, "applied 2 entries (sequence 4 to 5", 5},
         BuiltCase{"BaseBlockFromTheLatestLog", 3, 2, false, kTwoLogs, 0,
                   "applied 3 entries (sequence 3 to 5, 3 pages), base block taken from the log", 5},
@@ -199,7 +203,8 @@ INSTANTIATE_TEST_SUITE_P(
         BuiltCase{"LogsAbsent", 3, 2, true, {}, 1, "no logs beside it", -1},
         BuiltCase{"OldFormat", 5, 4, true, {{".LOG1", Old, 5}}, 0, "applied 4 dirty pages", 5},
         // Windows takes the second log only when the first doesn't apply.
-        BuiltCase{"OldFormatFirstLogFirst", 5, 4, true, {{".LOG1", Old, 5}, {".LOG2", Old, 7}}, 0, "applied 4 dirty pages", 5},
+        BuiltCase{"OldFormatFirstLogFirst", 5, 4, true, {{".LOG1", Old, 5}, {".LOG2", Old, 7}}, 0, "applied 4 dirty pages", 5,
+                  {"h.LOG2: old format, 4 dirty pages; not used: "}},
         BuiltCase{"OldFormatGarbageBaseBlock", 5, 4, false, {{".Log1", Old, 5}}, 0, "base block taken from the log", 5,
                   {"dirty           yes: base block checksum is wrong, sequence numbers 5 and 4 differ",
                    "h.Log1: old format, 4 dirty pages; applies"}},
