@@ -10,9 +10,7 @@
 
 namespace TamvikTest {
 
-using Tamvik::LoadU32;
-using Tamvik::StoreU32;
-using Tamvik::StoreU64;
+using namespace Tamvik;  // the byte order
 
 namespace {
 
@@ -25,18 +23,14 @@ constexpr std::size_t kPage = 512;
 
 std::size_t RoundUp(std::size_t n, std::size_t unit) { return (n + unit - 1) / unit * unit; }
 
-void SetBase(std::uint8_t* base, std::uint32_t primary, std::uint32_t secondary, std::uint64_t timestamp,
-             bool checksumValid) {
+}  // namespace
+
+void SetBaseBlock(std::uint8_t* base, std::uint32_t primary, std::uint32_t secondary, bool checksumValid,
+                  std::uint64_t timestamp) {
     StoreU32(base + kSequence1, primary);
     StoreU32(base + kSequence2, secondary);
     StoreU64(base + kTimestamp, timestamp);
     StoreU32(base + kChecksum, ChecksumOf(base) ^ (checksumValid ? 0 : 1));
-}
-
-}  // namespace
-
-void SetSequence(Bytes& hive, std::uint32_t primary, std::uint32_t secondary, bool checksumValid) {
-    SetBase(hive.data(), primary, secondary, kHiveTime, checksumValid);
 }
 
 LogBuilder::LogBuilder(const Bytes& hive, std::uint32_t fileType, std::uint32_t sequence, std::uint64_t timestamp)
@@ -44,7 +38,7 @@ LogBuilder::LogBuilder(const Bytes& hive, std::uint32_t fileType, std::uint32_t 
       binsSize_(LoadU32(&hive[kBinsSize])) {
     log_.assign(hive.begin(), hive.begin() + sector_);
     StoreU32(&log_[kFileType], fileType);
-    SetBase(log_.data(), sequence, sequence, timestamp, true);
+    SetBaseBlock(log_.data(), sequence, sequence, true, timestamp);
 }
 
 // The Marvin32 hashes are the tool's: the one home of that rule, pinned by a

@@ -16,9 +16,10 @@ namespace TamvikTest {
 
 constexpr std::uint64_t kHiveTime = 0x01D295059E68E89E;  // the timestamp a hive and its logs share
 
-// A hive made dirty: its sequence numbers, kHiveTime, and the checksum made
-// anew (or one off).
-void SetSequence(Bytes& hive, std::uint32_t primary, std::uint32_t secondary, bool checksumValid = true);
+// A base block (a hive's, made dirty): its sequence numbers, its timestamp,
+// and the checksum made anew (or one off).
+void SetBaseBlock(std::uint8_t* base, std::uint32_t primary, std::uint32_t secondary, bool checksumValid = true,
+                  std::uint64_t timestamp = kHiveTime);
 
 struct LogPage {
     std::uint32_t binsOffset;

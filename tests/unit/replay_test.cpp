@@ -38,7 +38,7 @@ LogPage Bins(std::uint32_t k, std::uint32_t from = 0, std::uint32_t size = 4096)
 }
 
 enum class Fault { None, Hash, Cut, BinsTooLarge, Split };  // Split: the state in two pages, the later one first
-enum class Kind { New, Old, OldCut, Foreign };  // Foreign: an old-format log of another hive
+enum class Kind { New, Old, OldCut, Foreign };  // Foreign: an old-format log of another hive (timestamp 0)
 struct EntryCase {
     std::uint32_t sequence;
     Fault fault = Fault::None;
@@ -64,28 +64,27 @@ protected:
     }
 
     // Writes the hive "h" in state 0 with these sequence numbers and its logs.
-    std::string Lay(std::uint32_t primary, std::uint32_t secondary, bool checksumValid,
-                    const std::vector<LogCase>& logs) const {
+    std::string Lay(std::uint32_t primary, std::uint32_t secondary, bool checksumValid, const std::vector<LogCase>& logs,
+                    std::uint8_t clustering = 1) const {
         Bytes hive = State(0);
-        SetSequence(hive, primary, secondary, checksumValid);
+        hive[0x2C] = clustering;  // the log's sectors are clustering times 512 bytes
+        SetBaseBlock(hive.data(), primary, secondary, checksumValid);
         WriteBytes(At("h"), hive);
         for (const LogCase& c : logs) {
             const bool old = c.kind != Kind::New;
             LogBuilder log(hive, old ? LogBuilder::kOld : LogBuilder::kNew, c.base,
-                           kHiveTime + (c.kind == Kind::Foreign ? 1 : 0));
+                           c.kind == Kind::Foreign ? 0 : kHiveTime);
             for (std::uint32_t page = 0; old && page < 4; ++page) log.AddDirtyPage(page, Bins(c.base, page * 512, 512).bytes);
             std::vector<std::pair<std::size_t, Fault>> faults;
             for (const EntryCase& e : c.entries) {
-                const std::vector<LogPage> pages = e.fault == Fault::Split
-                                                       ? std::vector{Bins(e.sequence, 512, 3584), Bins(e.sequence, 0, 512)}
-                                                       : std::vector{Bins(e.sequence)};
+                std::vector<LogPage> pages = {Bins(e.sequence)};
+                if (e.fault == Fault::Split) pages = {Bins(e.sequence, 512, 3584), Bins(e.sequence, 0, 512)};
                 faults.emplace_back(log.AddEntry(e.sequence, pages, e.fault == Fault::BinsTooLarge ? 0x3000 : 0), e.fault);
             }
             Bytes bytes = log.Build();
-            for (const auto& [at, fault] : faults) {
+            for (const auto& [at, fault] : faults)
                 if (fault == Fault::Hash) bytes[at + 600] ^= 1;
-                if (fault == Fault::Cut) bytes.resize(at + 600);
-            }
+                else if (fault == Fault::Cut) bytes.resize(at + 600);
             if (c.kind == Kind::OldCut) bytes.resize(bytes.size() - 1024);
             WriteBytes(At(std::string("h") + c.suffix), bytes);
         }
@@ -129,6 +128,7 @@ struct BuiltCase {
     const char* message;  // in its output
     int state;            // n in the hive written (by --partial where refused); -1: none is
     std::vector<const char*> info = {};
+    std::uint8_t clustering = 1;
 };
 
 void PrintTo(const BuiltCase& c, std::ostream* os) { *os << c.name; }
@@ -137,7 +137,7 @@ class ReplayBuiltTest : public ReplayTest, public ::testing::WithParamInterface<
 
 TEST_P(ReplayBuiltTest, AppliesWhatWindowsWouldAndTellsWhereItStops) {
     const BuiltCase& c = GetParam();
-    const std::string hive = Lay(c.primary, c.secondary, c.checksumValid, c.logs), out = hive + ".replayed";
+    const std::string hive = Lay(c.primary, c.secondary, c.checksumValid, c.logs, c.clustering), out = hive + ".replayed";
     const char* verdict = c.status == 0 ? "would apply" : c.state >= 0 ? "would stop early" : "not possible";
     const ToolRun info = Cli({"info", hive}), check = Cli({"check", hive});
     EXPECT_EQ(info.status, 0) << info.Text();
@@ -183,7 +183,7 @@ INSTANTIATE_TEST_SUITE_P(
         BuiltCase{"FirstLogMissing", 3, 2, true, {kTwoLogs[1]}, 1,
                   "the first entry in the logs has sequence 3, the hive needs 2 first: a log is missing", 5},
         // Windows passes over a log begun before the hive's last write, entry 4 with it.
-        BuiltCase{"FirstEntryOlderThanTheHive", 5, 4, true, {{".LOG1", New, 3, {{3}, {4}}}, {".LOG2", New, 5, {{5}, {6}}}},
+        BuiltCase{"FirstEntryOlderThanTheHive", 5, 4, true, {{".LOG1", New, 3, {{3}, {4}}}, {".LOG2", New, 5, {{5}, {6}, {8}}}},
                   1, "h.LOG1 begins with sequence 3, older than the hive's 4; replay leaves out sequence 4", 6},
         BuiltCase{"OnlyLogOlderThanTheHive", 5, 4, true, {{".LOG1", New, 3, {{3}, {4}, {5}}}}, 1,
                   "h.LOG1 begins with sequence 3, older than the hive's 4; no file written", -1},
@@ -201,10 +201,11 @@ INSTANTIATE_TEST_SUITE_P(
         BuiltCase{"AnotherHivesLog", 3, 2, true, {{".LOG1", Kind::Foreign, 5}}, 1, "its timestamp differs from the hive's",
                   -1},
         BuiltCase{"LogsAbsent", 3, 2, true, {}, 1, "no logs beside it", -1},
-        BuiltCase{"OldFormat", 5, 4, true, {{".LOG1", Old, 5}}, 0, "applied 4 dirty pages", 5},
+        BuiltCase{"OldFormatIn4096ByteSectors", 5, 4, true, {{".LOG1", Old, 5}}, 0, "applied 4 dirty pages", 5, {}, 8},
+        BuiltCase{"NewFormatIn4096ByteSectors", 3, 2, true, kTwoLogs, 0, "applied 4 entries", 5, {}, 8},
         // Windows takes the second log only when the first doesn't apply.
-        BuiltCase{"OldFormatFirstLogFirst", 5, 4, true, {{".LOG1", Old, 5}, {".LOG2", Old, 7}}, 0, "applied 4 dirty pages", 5,
-                  {"h.LOG2: old format, 4 dirty pages; not used: "}},
+        BuiltCase{"OldFormatFirstLogFirst", 5, 4, true, {{".LOG1", Old, 5}, {".LOG2", Old, 7}}, 0,
+                  "applied 4 dirty pages", 5, {"h.LOG2: old format, 4 dirty pages; not used: "}},
         BuiltCase{"OldFormatGarbageBaseBlock", 5, 4, false, {{".Log1", Old, 5}}, 0, "base block taken from the log", 5,
                   {"dirty           yes: base block checksum is wrong, sequence numbers 5 and 4 differ",
                    "h.Log1: old format, 4 dirty pages; applies"}},
@@ -259,8 +260,8 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         RealCase{"NewFormatAcrossTwoLogs", "yarp__NewDirtyHive1", "NewDirtyHive", kNewDirtyLogs,
                  "yarp__NewDirtyHive1/RecoveredHive_Windows10", 0, true},
-        RealCase{"OldFormatLogInLowerCase", "yarp__OldDirtyHive", "OldDirtyHive", {{"OldDirtyHive.LOG1", "OldDirtyHive.log1"}},
-                 "yarp__OldDirtyHive/RecoveredHive_Windows7"},
+        RealCase{"OldFormatLogInLowerCase", "yarp__OldDirtyHive", "OldDirtyHive",
+                 {{"OldDirtyHive.LOG1", "OldDirtyHive.log1"}}, "yarp__OldDirtyHive/RecoveredHive_Windows7"},
         // The same log as the old-format hive's: Windows' result is that one's.
         RealCase{"GarbageBaseBlockFromTheLog", "yarp__BadBaseBlockHive", "BadBaseBlockHive",
                  {{"BadBaseBlockHive.LOG1", "BadBaseBlockHive.LOG1"}}, "yarp__OldDirtyHive/RecoveredHive_Windows7"},
@@ -303,10 +304,9 @@ TEST_F(ReplayTest, EveryEditingCommandRefusesADirtyHiveUnlessForced) {
     // Sequence numbers 2 and 1, as a write that never ended leaves them; the
     // checksum is made right so that only the numbers tell.
     Bytes b = ReadFileBytes(hive);
-    SetSequence(b, 2, 1);
+    SetBaseBlock(b.data(), 2, 1);
     WriteBytes(hive, b);
-    const std::string text = "Windows Registry Editor Version 5.00\n\n[\\Imp]\n\"a\"=\"b\"\n";
-    WriteBytes(reg, Bytes(text.begin(), text.end()));
+    WriteText(reg, "Windows Registry Editor Version 5.00\n\n[\\Imp]\n\"a\"=\"b\"\n");
     // In this order each forced edit finds what the one before made.
     const std::vector<std::vector<std::string>> edits = {{"set", hive, "Clean", "v", "sz", "text"},
                                                          {"rm", hive, "Clean", "v"}, {"mkkey", hive, "New"},

@@ -31,8 +31,8 @@ Run RunOf(const std::vector<LogFile>& logs, std::size_t l, std::optional<std::ui
     // its first entry: a first entry of another number is a leftover of an
     // earlier round, or the one written first is lost.
     if (e[0].sequence != base)
-        run.refused = log.path + " begins with sequence " + std::to_string(e[0].sequence) + ", not with its base block's " +
-                      std::to_string(base);
+        run.refused = log.path + " begins with sequence " + std::to_string(e[0].sequence) +
+                      ", not with its base block's " + std::to_string(base);
     // Begun before the hive was last written, the log's later entries can't
     // be told from changes the hive already holds.
     else if (hiveSequence && base < *hiveSequence)

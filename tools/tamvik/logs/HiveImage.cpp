@@ -12,10 +12,8 @@ HiveImage::HiveImage(const Bytes& primary) : bytes_(primary) {
 }
 
 void HiveImage::TakeBaseBlock(const LogFile& log) {
-    // Only the first sector was logged (clustering times 512 bytes); the rest
-    // of the block stays.
-    std::memcpy(bytes_.data(), log.bytes.data(),
-                std::min<std::size_t>({log.base.SectorBytes(), kBaseBlockBytes, log.bytes.size()}));
+    // Only the first sector was logged; the rest of the block stays.
+    std::memcpy(bytes_.data(), log.bytes.data(), kLogSectorBytes);
     Store32(bytes_.data() + BaseField::FileType, FileType::Primary);
 }
 
