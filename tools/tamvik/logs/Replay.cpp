@@ -97,13 +97,12 @@ void Replayer::NotUsed(std::size_t kept, const std::vector<std::size_t>& candida
         }
 }
 
-// One old-format log holds all the pages that were dirty: the newest one
-// that applies is used, and only it.
+// One old-format log holds all the pages that were dirty. Windows turns to
+// the second log only when the first one doesn't apply: the first that
+// applies, in the order .LOG, .LOG1, .LOG2, is used, and only it.
 void Replayer::ApplyOld(const std::vector<std::size_t>& candidates) {
-    std::size_t chosen = candidates.front();
-    for (std::size_t i : candidates)
-        if (logs_[i].base.sequence1 > logs_[chosen].base.sequence1) chosen = i;
-    NotUsed(chosen, candidates, "not used: " + logs_[chosen].path + " is newer");
+    const std::size_t chosen = candidates.front();
+    NotUsed(chosen, candidates, "not used: " + logs_[chosen].path + " comes first");
     const LogFile& log = logs_[chosen];
     r_.format = LogFormat::Old;
     if (!r_.primary.Valid()) image_.TakeBaseBlock(log);
@@ -140,10 +139,12 @@ void Replayer::ApplyNew(const std::vector<std::size_t>& candidates) {
         image_.TakeBaseBlock(logs_[chosen]);
         r_.baseBlockFromLog = true;
     }
-    const EntryChain chain = BuildChain(logs_, pool, trusted ? r_.primary.sequence2 : 0, trusted);
+    const EntryChain chain =
+        BuildChain(logs_, pool, trusted ? std::optional<std::uint32_t>(r_.primary.sequence2) : std::nullopt);
     if (chain.steps.empty()) {
-        r_.failure =
-            "no log entry is as new as the hive (its sequence number is " + std::to_string(r_.primary.sequence2) + ")";
+        r_.failure = !chain.gap.empty() ? chain.gap
+                                        : "no log entry is as new as the hive (its sequence number is " +
+                                              std::to_string(r_.primary.sequence2) + ")";
         return;
     }
     r_.incomplete = chain.gap;
