@@ -7,10 +7,14 @@
 #include "logs/BaseBlock.h"
 #include "logs/Files.h"
 #include "Session.h"
+#include "store/ByteOrder.h"
 
 namespace TamvikTool {
 
 namespace {
+using Tamvik::LoadU16;
+using Tamvik::LoadU32;
+using Tamvik::LoadU64;
 constexpr std::uint32_t kBinHeader = Tamvik::kBinHeaderSize;
 constexpr std::uint32_t kBinUnit = Tamvik::kBinAlignment;
 }  // namespace

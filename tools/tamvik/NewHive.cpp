@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "store/ByteOrder.h"
 #include "store/Checksum.h"
 #include "store/Format.h"
 
@@ -16,39 +17,18 @@ using namespace Tamvik;
 constexpr std::uint32_t kBinSize = kBinAlignment;  // a new hive has one bin of the least size
 constexpr std::uint16_t kRootFlags = 0x2C;  // hive entry, no delete, narrow name
 
-void Put16(std::uint8_t* p, std::uint16_t v) {
-    p[0] = static_cast<std::uint8_t>(v);
-    p[1] = static_cast<std::uint8_t>(v >> 8);
-}
-void Put32(std::uint8_t* p, std::uint32_t v) {
-    Put16(p, static_cast<std::uint16_t>(v));
-    Put16(p + 2, static_cast<std::uint16_t>(v >> 16));
-}
-void Put64(std::uint8_t* p, std::uint64_t v) {
-    Put32(p, static_cast<std::uint32_t>(v));
-    Put32(p + 4, static_cast<std::uint32_t>(v >> 32));
-}
-void Append16(Image& out, std::uint16_t v) {
-    out.push_back(static_cast<std::uint8_t>(v));
-    out.push_back(static_cast<std::uint8_t>(v >> 8));
-}
-void Append32(Image& out, std::uint32_t v) {
-    Append16(out, static_cast<std::uint16_t>(v));
-    Append16(out, static_cast<std::uint16_t>(v >> 16));
-}
-
 // A SID of the NT authority (5) or the world authority (1).
 Image Sid(std::uint8_t authority, std::initializer_list<std::uint32_t> subAuthorities) {
     Image sid = {1, static_cast<std::uint8_t>(subAuthorities.size()), 0, 0, 0, 0, 0, authority};
-    for (std::uint32_t s : subAuthorities) Append32(sid, s);
+    for (std::uint32_t s : subAuthorities) AppendU32(sid, s);
     return sid;
 }
 
 // An access-allowed ACE that subkeys inherit.
 Image AllowAce(std::uint32_t mask, const Image& sid) {
     Image ace = {0x00 /* ACCESS_ALLOWED */, 0x02 /* CONTAINER_INHERIT */};
-    Append16(ace, static_cast<std::uint16_t>(8 + sid.size()));
-    Append32(ace, mask);
+    AppendU16(ace, static_cast<std::uint16_t>(8 + sid.size()));
+    AppendU32(ace, mask);
     ace.insert(ace.end(), sid.begin(), sid.end());
     return ace;
 }
@@ -69,9 +49,9 @@ Image DefaultSecurityDescriptor() {
                              AllowAce(kKeyRead, everyone)})
         aces.insert(aces.end(), ace.begin(), ace.end());
     Image dacl = {2 /* ACL_REVISION */, 0};
-    Append16(dacl, static_cast<std::uint16_t>(8 + aces.size()));
-    Append16(dacl, 3);  // ACE count
-    Append16(dacl, 0);
+    AppendU16(dacl, static_cast<std::uint16_t>(8 + aces.size()));
+    AppendU16(dacl, 3);  // ACE count
+    AppendU16(dacl, 0);
     dacl.insert(dacl.end(), aces.begin(), aces.end());
 
     // Header, then DACL, owner and group, as the system itself lays them out.
@@ -80,11 +60,11 @@ Image DefaultSecurityDescriptor() {
     const auto ownerOffset = static_cast<std::uint32_t>(daclOffset + dacl.size());
     const auto groupOffset = static_cast<std::uint32_t>(ownerOffset + administrators.size());
     Image sd = {1 /* revision */, 0};
-    Append16(sd, 0x8004);  // self-relative, DACL present
-    Append32(sd, ownerOffset);
-    Append32(sd, groupOffset);
-    Append32(sd, 0);  // no SACL
-    Append32(sd, daclOffset);
+    AppendU16(sd, 0x8004);  // self-relative, DACL present
+    AppendU32(sd, ownerOffset);
+    AppendU32(sd, groupOffset);
+    AppendU32(sd, 0);  // no SACL
+    AppendU32(sd, daclOffset);
     sd.insert(sd.end(), dacl.begin(), dacl.end());
     sd.insert(sd.end(), administrators.begin(), administrators.end());
     sd.insert(sd.end(), system.begin(), system.end());
@@ -125,58 +105,58 @@ Image BuildEmptyHive(const NewHiveOptions& options, std::uint64_t timestamp, std
 
     Image file(kBaseBlockSize + kBinSize, 0);
     std::uint8_t* base = file.data();
-    Put32(base + BaseBlockField::Signature, kRegfSignature);
-    Put32(base + BaseBlockField::Sequence1, 1);  // primary sequence number
-    Put32(base + BaseBlockField::Sequence2, 1);  // secondary: equal, so the hive is clean
-    Put64(base + BaseBlockField::Timestamp, timestamp);
-    Put32(base + BaseBlockField::MajorVersion, 1);  // major version
-    Put32(base + BaseBlockField::MinorVersion, options.minorVersion);
-    Put32(base + BaseBlockField::FileType, 0);  // primary file
-    Put32(base + BaseBlockField::Format, 1);  // direct memory load format
-    Put32(base + BaseBlockField::RootCell, kRootCell);
-    Put32(base + BaseBlockField::BinsSize, kBinSize);  // length of the bins area
-    Put32(base + BaseBlockField::Clustering, 1);        // clustering factor
+    StoreU32(base + BaseBlockField::Signature, kRegfSignature);
+    StoreU32(base + BaseBlockField::Sequence1, 1);  // primary sequence number
+    StoreU32(base + BaseBlockField::Sequence2, 1);  // secondary: equal, so the hive is clean
+    StoreU64(base + BaseBlockField::Timestamp, timestamp);
+    StoreU32(base + BaseBlockField::MajorVersion, 1);  // major version
+    StoreU32(base + BaseBlockField::MinorVersion, options.minorVersion);
+    StoreU32(base + BaseBlockField::FileType, 0);  // primary file
+    StoreU32(base + BaseBlockField::Format, 1);  // direct memory load format
+    StoreU32(base + BaseBlockField::RootCell, kRootCell);
+    StoreU32(base + BaseBlockField::BinsSize, kBinSize);  // length of the bins area
+    StoreU32(base + BaseBlockField::Clustering, 1);        // clustering factor
     // The file name field holds the tail of a name in UTF-16; the root name serves.
     for (std::size_t i = 0; i < rootName.size() && i < 31; ++i)
-        Put16(base + BaseBlockField::FileName + 2 * i, static_cast<std::uint8_t>(rootName[i]));
-    Put32(base + BaseBlockField::Checksum, BaseBlockChecksum(base));
+        StoreU16(base + BaseBlockField::FileName + 2 * i, static_cast<std::uint8_t>(rootName[i]));
+    StoreU32(base + BaseBlockField::Checksum, BaseBlockChecksum(base));
 
     std::uint8_t* bin = base + kBaseBlockSize;
-    Put32(bin + BinField::Signature, kHbinSignature);
-    Put32(bin + BinField::BinOffset, 0);  // offset of this bin
-    Put32(bin + BinField::BinSize, kBinSize);
-    Put64(bin + BinField::Timestamp, timestamp);
+    StoreU32(bin + BinField::Signature, kHbinSignature);
+    StoreU32(bin + BinField::BinOffset, 0);  // offset of this bin
+    StoreU32(bin + BinField::BinSize, kBinSize);
+    StoreU64(bin + BinField::Timestamp, timestamp);
 
     std::uint8_t* nk = bin + kRootCell;
-    Put32(nk, static_cast<std::uint32_t>(-static_cast<std::int32_t>(nkSize)));
+    StoreU32(nk, static_cast<std::uint32_t>(-static_cast<std::int32_t>(nkSize)));
     std::uint8_t* r = nk + 4;
-    Put16(r + NkField::Signature, kNkSignature);
-    Put16(r + NkField::Flags, kRootFlags);
-    Put64(r + NkField::Timestamp, timestamp);
-    Put32(r + NkField::ParentCell, kNoCell);  // the root has no parent
-    Put32(r + NkField::SubKeyCount, 0);       // subkeys
-    Put32(r + NkField::VolatileSubKeyCount, 0);        // volatile subkeys
-    Put32(r + NkField::SubKeyListCell, kNoCell);  // subkey list
-    Put32(r + NkField::VolatileSubKeyListCell, kNoCell);  // volatile subkey list
-    Put32(r + NkField::ValueCount, 0);       // values
-    Put32(r + NkField::ValueListCell, kNoCell);  // value list
-    Put32(r + NkField::SecurityCell, skCell);
-    Put32(r + NkField::ClassCell, kNoCell);  // class name
-    Put16(r + NkField::NameLength, static_cast<std::uint16_t>(rootName.size()));
-    Put16(r + NkField::ClassLength, 0);
+    StoreU16(r + NkField::Signature, kNkSignature);
+    StoreU16(r + NkField::Flags, kRootFlags);
+    StoreU64(r + NkField::Timestamp, timestamp);
+    StoreU32(r + NkField::ParentCell, kNoCell);  // the root has no parent
+    StoreU32(r + NkField::SubKeyCount, 0);       // subkeys
+    StoreU32(r + NkField::VolatileSubKeyCount, 0);        // volatile subkeys
+    StoreU32(r + NkField::SubKeyListCell, kNoCell);  // subkey list
+    StoreU32(r + NkField::VolatileSubKeyListCell, kNoCell);  // volatile subkey list
+    StoreU32(r + NkField::ValueCount, 0);       // values
+    StoreU32(r + NkField::ValueListCell, kNoCell);  // value list
+    StoreU32(r + NkField::SecurityCell, skCell);
+    StoreU32(r + NkField::ClassCell, kNoCell);  // class name
+    StoreU16(r + NkField::NameLength, static_cast<std::uint16_t>(rootName.size()));
+    StoreU16(r + NkField::ClassLength, 0);
     std::memcpy(r + NkField::Name, rootName.data(), rootName.size());
 
     std::uint8_t* sk = bin + skCell;
-    Put32(sk, static_cast<std::uint32_t>(-static_cast<std::int32_t>(skSize)));
+    StoreU32(sk, static_cast<std::uint32_t>(-static_cast<std::int32_t>(skSize)));
     std::uint8_t* s = sk + 4;
-    Put16(s + SkField::Signature, kSkSignature);
-    Put32(s + SkField::NextSecurity, skCell);  // the ring of one: linked to itself both ways
-    Put32(s + SkField::PrevSecurity, skCell);
-    Put32(s + SkField::RefCount, 1);  // referenced by the root key
-    Put32(s + SkField::DescriptorLength, static_cast<std::uint32_t>(sd.size()));
+    StoreU16(s + SkField::Signature, kSkSignature);
+    StoreU32(s + SkField::NextSecurity, skCell);  // the ring of one: linked to itself both ways
+    StoreU32(s + SkField::PrevSecurity, skCell);
+    StoreU32(s + SkField::RefCount, 1);  // referenced by the root key
+    StoreU32(s + SkField::DescriptorLength, static_cast<std::uint32_t>(sd.size()));
     std::memcpy(s + SkField::Descriptor, sd.data(), sd.size());
 
-    Put32(bin + freeCell, kBinSize - freeCell);  // positive size: free
+    StoreU32(bin + freeCell, kBinSize - freeCell);  // positive size: free
     return file;
 }
 

@@ -3,11 +3,15 @@
 #include <map>
 #include <set>
 
+#include "store/ByteOrder.h"
+
 namespace TamvikTool {
 
 namespace {
 
 using Tamvik::kSegmentSize;
+using Tamvik::LoadU16;
+using Tamvik::LoadU32;
 namespace NkField = Tamvik::NkField;
 namespace VkField = Tamvik::VkField;
 namespace SkField = Tamvik::SkField;

@@ -14,7 +14,7 @@ HiveImage::HiveImage(const Bytes& primary) : bytes_(primary) {
 void HiveImage::TakeBaseBlock(const LogFile& log) {
     // Only the first sector was logged; the rest of the block stays.
     std::memcpy(bytes_.data(), log.bytes.data(), kLogSectorBytes);
-    Store32(bytes_.data() + BaseField::FileType, FileType::Primary);
+    StoreU32(bytes_.data() + BaseField::FileType, FileType::Primary);
 }
 
 void HiveImage::Grow(std::uint32_t binsSize) {
@@ -38,12 +38,12 @@ std::string HiveImage::CheckBins(std::uint32_t binsSize, std::uint64_t vouched) 
     while (at < binsSize) {
         const std::uint8_t* h = bytes_.data() + kBaseBlockBytes + at;
         // at and every size are multiples of kBinUnit, so a header fits.
-        const std::uint32_t size = Load32(h + BinField::Size);
+        const std::uint32_t size = LoadU32(h + BinField::Size);
         std::string fault;
         if (!HasSignature(h, kHbinSignature))
             fault = "no \"hbin\" signature";
-        else if (Load32(h + BinField::Offset) != at)
-            fault = "it records its offset as " + Hex(Load32(h + BinField::Offset));
+        else if (LoadU32(h + BinField::Offset) != at)
+            fault = "it records its offset as " + Hex(LoadU32(h + BinField::Offset));
         else if (size < kBinUnit || size % kBinUnit != 0 || size > binsSize - at)
             fault = "its size " + Hex(size) + " doesn't fit";
         if (!fault.empty()) {
@@ -58,14 +58,14 @@ std::string HiveImage::CheckBins(std::uint32_t binsSize, std::uint64_t vouched) 
 
 Bytes HiveImage::Finish(std::uint32_t sequence, std::uint32_t binsSize, std::optional<std::uint32_t> entryFlags) && {
     std::uint8_t* b = bytes_.data();
-    Store32(b + BaseField::Sequence1, sequence);
-    Store32(b + BaseField::Sequence2, sequence);
-    Store32(b + BaseField::FileType, FileType::Primary);
-    Store32(b + BaseField::BinsSize, binsSize);
+    StoreU32(b + BaseField::Sequence1, sequence);
+    StoreU32(b + BaseField::Sequence2, sequence);
+    StoreU32(b + BaseField::FileType, FileType::Primary);
+    StoreU32(b + BaseField::BinsSize, binsSize);
     if (entryFlags)
-        Store32(b + BaseField::Flags,
-                (Load32(b + BaseField::Flags) & ~kEntryFlagsMask) | (*entryFlags & kEntryFlagsMask));
-    Store32(b + BaseField::Checksum, BaseBlockChecksum(b));
+        StoreU32(b + BaseField::Flags,
+                (LoadU32(b + BaseField::Flags) & ~kEntryFlagsMask) | (*entryFlags & kEntryFlagsMask));
+    StoreU32(b + BaseField::Checksum, BaseBlockChecksum(b));
     return std::move(bytes_);
 }
 
