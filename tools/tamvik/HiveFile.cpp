@@ -47,7 +47,7 @@ std::string WhyNotAHive(const std::string& path) {
     if (head.size() < kBaseBlockBytes)
         return "only " + std::to_string(head.size()) + " bytes, fewer than the 4096 of a base block";
     if (std::memcmp(head.data(), "regf", 4) != 0) return "no regf signature";
-    const std::uint32_t stored = LoadU32(head.data() + Tamvik::BaseBlockField::Checksum), computed = TamvikLogs::BaseBlockChecksum(head.data());
+    const std::uint32_t stored = LoadU32(head.data() + Tamvik::BaseBlockField::Checksum), computed = Tamvik::BaseBlockChecksum(head.data());
     if (stored != computed)
         return "base block checksum is wrong: stored " + Hex(stored) + ", computed " + Hex(computed);
     return {};
@@ -81,7 +81,7 @@ void HiveFile::ReadBaseBlock() {
         base_.fileName += c;
     }
     base_.storedChecksum = LoadU32(b + 0x1FC);
-    base_.computedChecksum = TamvikLogs::BaseBlockChecksum(b);
+    base_.computedChecksum = Tamvik::BaseBlockChecksum(b);
 
     if (!base_.signatureOk) Add(0x0, "base block: signature is not \"regf\"");
     if (base_.storedChecksum != base_.computedChecksum)

@@ -3,8 +3,8 @@
 #include <chrono>
 #include <cstring>
 
+#include "store/BaseBlock.h"
 #include "store/ByteOrder.h"
-#include "store/Checksum.h"
 #include "store/Format.h"
 
 namespace TamvikTool {
@@ -119,7 +119,7 @@ Image BuildEmptyHive(const NewHiveOptions& options, std::uint64_t timestamp, std
     // The file name field holds the tail of a name in UTF-16; the root name serves.
     for (std::size_t i = 0; i < rootName.size() && i < 31; ++i)
         StoreU16(base + BaseBlockField::FileName + 2 * i, static_cast<std::uint8_t>(rootName[i]));
-    StoreU32(base + BaseBlockField::Checksum, BaseBlockChecksum(base));
+    EncodeChecksum(base);
 
     std::uint8_t* bin = base + kBaseBlockSize;
     StoreU32(bin + BinField::Signature, kHbinSignature);

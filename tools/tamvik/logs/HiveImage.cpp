@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "Hex.h"
+#include "store/BinWalk.h"
 
 namespace TamvikLogs {
 
@@ -34,24 +35,23 @@ bool HiveImage::Written(std::uint64_t from, std::uint64_t to) const {
 
 std::string HiveImage::CheckBins(std::uint32_t binsSize, std::uint64_t vouched) {
     Grow(binsSize);
-    std::uint64_t at = 0;
-    while (at < binsSize) {
-        const std::uint8_t* h = bytes_.data() + kBaseBlockBytes + at;
+    for (Tamvik::BinWalk bins(binsSize); bins.More();) {
+        const std::uint64_t at = bins.At();
         // at and every size are multiples of kBinUnit, so a header fits.
-        const std::uint32_t size = LoadU32(h + BinField::Size);
+        const Tamvik::BinHeader h = Tamvik::BinHeader::Decode(bytes_.data() + kBaseBlockBytes + at);
         std::string fault;
-        if (!HasSignature(h, kHbinSignature))
+        if (!h.signatureOk)
             fault = "no \"hbin\" signature";
-        else if (LoadU32(h + BinField::Offset) != at)
-            fault = "it records its offset as " + Hex(LoadU32(h + BinField::Offset));
-        else if (size < kBinUnit || size % kBinUnit != 0 || size > binsSize - at)
-            fault = "its size " + Hex(size) + " doesn't fit";
+        else if (h.binOffset != at)
+            fault = "it records its offset as " + Hex(h.binOffset);
+        else if (!Tamvik::IsWholeBins(h.binSize) || h.binSize > binsSize - at)
+            fault = "its size " + Hex(h.binSize) + " doesn't fit";
         if (!fault.empty()) {
             if (Written(at, at + kBinHeaderBytes) || at >= vouched)
                 return "the bin at " + Hex(at) + " is broken: " + fault;
             return {};
         }
-        at += size;
+        bins.Next(h.binSize);
     }
     return {};
 }
@@ -61,11 +61,11 @@ Bytes HiveImage::Finish(std::uint32_t sequence, std::uint32_t binsSize, std::opt
     StoreU32(b + BaseField::Sequence1, sequence);
     StoreU32(b + BaseField::Sequence2, sequence);
     StoreU32(b + BaseField::FileType, FileType::Primary);
-    StoreU32(b + BaseField::BinsSize, binsSize);
+    Tamvik::EncodeBinsSize(b, binsSize);
     if (entryFlags)
         StoreU32(b + BaseField::Flags,
                 (LoadU32(b + BaseField::Flags) & ~kEntryFlagsMask) | (*entryFlags & kEntryFlagsMask));
-    StoreU32(b + BaseField::Checksum, BaseBlockChecksum(b));
+    Tamvik::EncodeChecksum(b);
     return std::move(bytes_);
 }
 
