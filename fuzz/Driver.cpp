@@ -15,6 +15,7 @@
 #include "store/ByteOrder.h"
 #include "store/Format.h"
 #include "Session.h"
+#include "HiveFile.h"
 #include "StructureCheck.h"
 #include "support/HiveBuilder.h"
 
@@ -105,9 +106,9 @@ bool SoundForTheTool(const Bytes& hive) {
     try {
         const TamvikTool::HiveFile file(PathOf(fd));
         const auto isProblem = [](const TamvikTool::Finding& finding) { return !finding.warning; };
-        sound = file.Base().signatureOk && std::none_of(file.Findings().begin(), file.Findings().end(), isProblem);
+        sound = file.Scan().Base().signatureOk && std::none_of(file.Findings().begin(), file.Findings().end(), isProblem);
         if (sound) {
-            const TamvikTool::StructureReport report = TamvikTool::CheckStructure(file);
+            const TamvikTool::StructureReport report = TamvikTool::CheckStructure(file.Scan());
             sound = std::none_of(report.findings.begin(), report.findings.end(), isProblem);
         }
     } catch (const TamvikTool::ToolError&) {
