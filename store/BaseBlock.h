@@ -39,8 +39,4 @@ std::uint32_t BaseBlockChecksum(const std::uint8_t* block);
 void EncodeBinsSize(std::uint8_t* block, std::uint32_t binsSize);
 std::uint32_t EncodeChecksum(std::uint8_t* block);
 
-// Versions a hive can have: major 1, minor 1 to 6.
-constexpr bool KnownMajorVersion(std::uint32_t major) { return major == 1; }
-constexpr bool KnownMinorVersion(std::uint32_t minor) { return minor >= 1 && minor <= 6; }
-
 }  // namespace Tamvik

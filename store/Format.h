@@ -43,6 +43,10 @@ constexpr std::uint32_t kMinKeyCell = 80;
 constexpr std::uint32_t kMinValueCell = 24;
 constexpr std::uint32_t kMinSecurityCell = 64;
 
+// FileType of a hive (its logs have others) and the one Format there is.
+constexpr std::uint32_t kPrimaryFileType = 0;
+constexpr std::uint32_t kDirectLoadFormat = 1;
+
 namespace BaseBlockField {
 constexpr std::uint32_t Signature = 0x000;
 constexpr std::uint32_t Sequence1 = 0x004;
@@ -131,6 +135,9 @@ constexpr std::uint32_t CellMagnitude(std::int32_t cellSize) {
 // Sizes of whole bins, and of a bins area: a positive multiple of 4096.
 constexpr bool IsWholeBins(std::uint32_t size) { return size != 0 && size % kBinAlignment == 0; }
 
+// Versions a hive can have: major 1, minor 1 to 6.
+constexpr bool KnownMajorVersion(std::uint32_t major) { return major == 1; }
+constexpr bool KnownMinorVersion(std::uint32_t minor) { return minor >= 1 && minor <= 6; }
 // The rules that hang on MinorVersion. Cells of a hive of minor version 1
 // carry a back link to the cell before them, which moves the payload to +8.
 constexpr bool HasCellBackLinks(std::uint32_t minorVersion) { return minorVersion == 1; }

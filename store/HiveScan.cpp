@@ -9,9 +9,6 @@ namespace Tamvik {
 
 namespace {
 
-constexpr std::uint32_t kPrimaryFileType = 0;
-constexpr std::uint32_t kDirectLoadFormat = 1;
-
 std::string Hex(std::uint64_t value) {
     char text[24];
     std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(value));

@@ -78,7 +78,7 @@ std::uint64_t FileTimeNow() {
 }
 
 Image BuildEmptyHive(const NewHiveOptions& options, std::uint64_t timestamp, std::string* error) {
-    if (options.minorVersion < 2 || options.minorVersion > 6) {
+    if (!KnownMinorVersion(options.minorVersion) || HasCellBackLinks(options.minorVersion)) {
         *error = "minor version must be 2 to 6 (version 1.1 has another cell layout)";
         return {};
     }
@@ -111,8 +111,8 @@ Image BuildEmptyHive(const NewHiveOptions& options, std::uint64_t timestamp, std
     StoreU64(base + BaseBlockField::Timestamp, timestamp);
     StoreU32(base + BaseBlockField::MajorVersion, 1);  // major version
     StoreU32(base + BaseBlockField::MinorVersion, options.minorVersion);
-    StoreU32(base + BaseBlockField::FileType, 0);  // primary file
-    StoreU32(base + BaseBlockField::Format, 1);  // direct memory load format
+    StoreU32(base + BaseBlockField::FileType, kPrimaryFileType);
+    StoreU32(base + BaseBlockField::Format, kDirectLoadFormat);
     StoreU32(base + BaseBlockField::RootCell, kRootCell);
     StoreU32(base + BaseBlockField::BinsSize, kBinSize);  // length of the bins area
     StoreU32(base + BaseBlockField::Clustering, 1);        // clustering factor

@@ -21,8 +21,6 @@ constexpr std::uint32_t kMaxClustering = 8;       // sectors of 4096 bytes at mo
 constexpr std::uint32_t kBinUnit = Tamvik::kBinAlignment;
 constexpr std::uint32_t kBinHeaderBytes = Tamvik::kBinHeaderSize;
 
-constexpr char kRegfSignature[] = "regf";
-constexpr char kHbinSignature[] = "hbin";
 constexpr char kDirtSignature[] = "DIRT";
 constexpr char kEntrySignature[] = "HvLE";
 constexpr std::size_t kSignatureBytes = 4;
@@ -32,17 +30,11 @@ using namespace Tamvik::BaseBlockField;
 }  // namespace BaseField
 
 namespace FileType {
-constexpr std::uint32_t Primary = 0;
+constexpr std::uint32_t Primary = Tamvik::kPrimaryFileType;
 constexpr std::uint32_t OldLog = 1;
 constexpr std::uint32_t OldLog2000 = 2;  // the same layout, as Windows 2000 marked it
 constexpr std::uint32_t NewLog = 6;
 }  // namespace FileType
-
-namespace BinField {
-constexpr std::size_t Offset = Tamvik::BinField::BinOffset;
-constexpr std::size_t Size = Tamvik::BinField::BinSize;
-constexpr std::size_t Timestamp = Tamvik::BinField::Timestamp;
-}  // namespace BinField
 
 // A new-format log entry: a header, page references, then the pages.
 namespace EntryField {

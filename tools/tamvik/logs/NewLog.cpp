@@ -27,7 +27,7 @@ std::string ReadEntry(const Bytes& b, LogEntry& e) {
     if (Marvin32(p + EntryField::PageRefs, e.size - EntryField::PageRefs) != LoadU64(p + EntryField::Hash1))
         return "hash-1 is wrong: its pages are not what was logged";
     if (Marvin32(p, kHash2Bytes) != LoadU64(p + EntryField::Hash2)) return "hash-2 is wrong: its header is damaged";
-    if (e.binsSize == 0 || e.binsSize % kBinUnit != 0)
+    if (!Tamvik::IsWholeBins(e.binsSize))
         return "bins size " + Hex(e.binsSize) + " is not a positive multiple of 4096";
     if (count > (e.size - EntryField::PageRefs) / kPageRefBytes)
         return std::to_string(count) + " page references don't fit in the entry";
