@@ -81,6 +81,7 @@ WString Hive::GetName() const { return fileName; }
 void Hive::SetBinsSize(std::uint32_t size) {
     EncodeBinsSize(baseBlock_, size);
     header_.binsSize = size;
+    header_.computedChecksum = BaseBlockChecksum(baseBlock_);
     ++generation_;  // cells behind the old end can be had now
 }
 

@@ -74,7 +74,7 @@ public:
     void WriteBaseBlock();
     void WriteCell(std::uint32_t cellOffset, const std::uint8_t* image, std::uint32_t size);
 
-    // The base block as read at the open, with what the library wrote since.
+    // The base block as read at the open, with what the library changed since.
     const BaseBlock& Header() const { return header_; }
     std::uint32_t MinorVersion() const { return header_.minorVersion; }
     std::uint32_t RootCell() const { return header_.rootCell; }
