@@ -115,7 +115,7 @@ void HiveScan::ScanCells(const BinExtent& bin) {
         if (size < 0) {
             ++counts_.usedCells;
             counts_.usedBytes += magnitude;
-            if (magnitude >= PayloadStart() + 2) {
+            if (magnitude > PayloadStart()) {
                 const std::uint16_t signature = LoadU16(file_.data() + at + PayloadStart());
                 counts_.keys += signature == kNkSignature;
                 counts_.values += signature == kVkSignature;
@@ -140,8 +140,9 @@ std::int32_t HiveScan::CellSizeAt(std::uint32_t offset) const {
 }
 
 const std::uint8_t* HiveScan::Payload(std::uint32_t offset, std::uint32_t* size) const {
+    // Every cell of the scan is at least 8 bytes long: its payload may be empty.
     const std::int32_t cell = CellSizeAt(offset);
-    if (cell >= 0 || CellMagnitude(cell) < PayloadStart()) return nullptr;
+    if (cell >= 0) return nullptr;
     *size = CellMagnitude(cell) - PayloadStart();
     return file_.data() + kBaseBlockSize + offset + PayloadStart();
 }
