@@ -62,8 +62,7 @@ TEST_F(Tool, TheSampleImportsListsAndExportsWithEveryType) {
     const std::string hive = NewHive();
     ASSERT_EQ(Cli({"import", hive, std::string(TAMVIK_SOURCE_DIR) + "/tools/sample/demo.reg"}).status, 0);
     const ToolRun ls = Cli({"ls", hive, "-r"});
-    EXPECT_EQ(ls.out,
-              "\\\n\\Demo\n"
+    EXPECT_EQ(ls.out, "\\\n\\Demo\n"
               "  \"Greeting\" = REG_SZ \"Hello, world\"\n"
               "  \"Chinese\" = REG_SZ \"你好，世界\"\n"
               "  \"Quoted\" = REG_SZ \"a \"quoted\" C:\\path\\\"\n"
@@ -415,7 +414,8 @@ TEST_F(Tool, InfoAndCheckLookAtTheFileItself) {
         space[size > 0][0] += static_cast<std::uint32_t>(std::abs(size)), ++space[size > 0][1], lastFree = size > 0 ? offset : lastFree;
     const auto spaceIn = [&](int free) { return std::to_string(space[free][0]) + " bytes in " + std::to_string(space[free][1]); };
     for (const std::string& line : std::initializer_list<std::string>{"signature       regf\n", "keys            3\n", "values          1\n",
-             "bins            1\n", "security cells  1\n", "(ok)", "used space      " + spaceIn(0), "free space      " + spaceIn(1)})
+             "bins            1\n", "security cells  1\n", "(ok)", "used space      " + spaceIn(0), "free space      " + spaceIn(1),
+             "clustering      1\n", "file name       ROOT\n"})
         EXPECT_NE(info.out.find(line), std::string::npos) << line << info.out;
     // Damage of each kind, and the lines check gives for it; a base block field is changed with its checksum.
     const auto put = [](Bytes& b, std::size_t at, std::uint32_t value) { Tamvik::StoreU32(b.data() + at, value); };
