@@ -31,9 +31,8 @@ void BinIndex::Extend(std::uint32_t binsSize) {
     binWalk_.ExtendTo(binsSize);
     while (binWalk_.More()) {
         const std::uint32_t at = binWalk_.At();
-        // A header the file doesn't hold ends the walks; a longer file may resume them.
+        // A header the file doesn't hold ends the walks here; a longer file starts them again.
         if (!Readable(at, kBinHeaderSize)) {
-            binWalk_.Stop();
             endedAtFileEnd_ = true;
             break;
         }

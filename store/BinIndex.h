@@ -47,7 +47,7 @@ private:
     std::uint64_t imageSize_ = 0;
     std::uint32_t binsSize_ = 0;
     std::vector<Bin> walk_;       // every header the walk from the first bin reads
-    BinWalk binWalk_;             // where it reads the next one, or that it can't pass one
+    BinWalk binWalk_;             // where it reads the next header, or that a size of 0 ended it
     bool inOrder_ = true;         // every header names the place it was read at
     std::size_t searchable_ = 0;  // the bins FindFreeCell searches: a prefix of the walk
     bool searchStopped_ = false;  // it ended at a bin it can't take

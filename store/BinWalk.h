@@ -38,7 +38,6 @@ public:
         if (binSize == 0) stopped_ = true;
         at_ += binSize;
     }
-    void Stop() { stopped_ = true; }
     // BinsSize grew: a walk that ran out of bins may go on.
     void ExtendTo(std::uint64_t end) { end_ = end; }
 
