@@ -106,10 +106,9 @@ std::map<std::uint32_t, std::int32_t> Image::Cells() const {
 
 Bytes Image::WithoutBinTimes() const {
     Bytes out = file;
-    for (std::uint64_t bin = 0, size = 1; bin < BinsSize() && 4096 + bin + 32 <= file.size() && size != 0; bin += size) {
+    for (std::uint64_t bin = 0, size = 1; bin < BinsSize() && 4096 + bin + 32 <= file.size() && size != 0;
+         bin += size = Word(4096 + bin + Tamvik::BinField::BinSize))
         std::fill_n(out.begin() + static_cast<std::ptrdiff_t>(4096 + bin + Tamvik::BinField::Timestamp), 8, 0);
-        size = Word(4096 + bin + Tamvik::BinField::BinSize);
-    }
     return out;
 }
 
