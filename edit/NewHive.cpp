@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "store/Allocator.h"
+#include "store/BaseBlock.h"
 #include "store/ByteOrder.h"
-#include "store/Checksum.h"
 #include "store/Format.h"
 
 namespace Tamvik {
@@ -17,27 +17,18 @@ using Image = std::vector<std::uint8_t>;
 constexpr std::uint32_t kBinSize = kBinAlignment;  // a new hive has one bin of the least size
 constexpr std::uint16_t kRootFlags = 0x2C;  // hive entry, no delete, narrow name
 
-void Append16(Image& out, std::uint16_t v) {
-    out.resize(out.size() + 2);
-    StoreU16(out.data() + out.size() - 2, v);
-}
-void Append32(Image& out, std::uint32_t v) {
-    out.resize(out.size() + 4);
-    StoreU32(out.data() + out.size() - 4, v);
-}
-
 // A SID of the NT authority (5) or the world authority (1).
 Image Sid(std::uint8_t authority, std::initializer_list<std::uint32_t> subAuthorities) {
     Image sid = {1, static_cast<std::uint8_t>(subAuthorities.size()), 0, 0, 0, 0, 0, authority};
-    for (std::uint32_t s : subAuthorities) Append32(sid, s);
+    for (std::uint32_t s : subAuthorities) AppendU32(sid, s);
     return sid;
 }
 
 // An access-allowed ACE that subkeys inherit.
 Image AllowAce(std::uint32_t mask, const Image& sid) {
     Image ace = {0x00 /* ACCESS_ALLOWED */, 0x02 /* CONTAINER_INHERIT */};
-    Append16(ace, static_cast<std::uint16_t>(8 + sid.size()));
-    Append32(ace, mask);
+    AppendU16(ace, static_cast<std::uint16_t>(8 + sid.size()));
+    AppendU32(ace, mask);
     ace.insert(ace.end(), sid.begin(), sid.end());
     return ace;
 }
@@ -57,9 +48,9 @@ Image DefaultSecurityDescriptor() {
                              AllowAce(kKeyRead, everyone)})
         aces.insert(aces.end(), ace.begin(), ace.end());
     Image dacl = {2 /* ACL_REVISION */, 0};
-    Append16(dacl, static_cast<std::uint16_t>(8 + aces.size()));
-    Append16(dacl, 3);  // ACE count
-    Append16(dacl, 0);
+    AppendU16(dacl, static_cast<std::uint16_t>(8 + aces.size()));
+    AppendU16(dacl, 3);  // ACE count
+    AppendU16(dacl, 0);
     dacl.insert(dacl.end(), aces.begin(), aces.end());
 
     // Header, then DACL, owner and group, as the system itself lays them out.
@@ -68,11 +59,11 @@ Image DefaultSecurityDescriptor() {
     const auto ownerOffset = static_cast<std::uint32_t>(daclOffset + dacl.size());
     const auto groupOffset = static_cast<std::uint32_t>(ownerOffset + administrators.size());
     Image sd = {1 /* revision */, 0};
-    Append16(sd, 0x8004);  // self-relative, DACL present
-    Append32(sd, ownerOffset);
-    Append32(sd, groupOffset);
-    Append32(sd, 0);  // no SACL
-    Append32(sd, daclOffset);
+    AppendU16(sd, 0x8004);  // self-relative, DACL present
+    AppendU32(sd, ownerOffset);
+    AppendU32(sd, groupOffset);
+    AppendU32(sd, 0);  // no SACL
+    AppendU32(sd, daclOffset);
     sd.insert(sd.end(), dacl.begin(), dacl.end());
     sd.insert(sd.end(), administrators.begin(), administrators.end());
     sd.insert(sd.end(), system.begin(), system.end());
@@ -87,7 +78,7 @@ std::uint64_t FileTimeNow() {
 
 Image EmptyHiveImage(const NewHiveOptions& options, std::uint64_t timestamp, Status* status) {
     *status = Status::Success();
-    if (options.minorVersion < 2 || options.minorVersion > 6) {
+    if (!KnownMinorVersion(options.minorVersion) || HasCellBackLinks(options.minorVersion)) {
         *status = Status::Of(StatusCode::Invalid, "minor version must be 2 to 6 (version 1.1 has another cell layout)");
         return {};
     }
@@ -120,15 +111,15 @@ Image EmptyHiveImage(const NewHiveOptions& options, std::uint64_t timestamp, Sta
     StoreU64(base + BaseBlockField::Timestamp, timestamp);
     StoreU32(base + BaseBlockField::MajorVersion, 1);  // major version
     StoreU32(base + BaseBlockField::MinorVersion, options.minorVersion);
-    StoreU32(base + BaseBlockField::FileType, 0);  // primary file
-    StoreU32(base + BaseBlockField::Format, 1);  // direct memory load format
+    StoreU32(base + BaseBlockField::FileType, kPrimaryFileType);
+    StoreU32(base + BaseBlockField::Format, kDirectLoadFormat);
     StoreU32(base + BaseBlockField::RootCell, kRootCell);
     StoreU32(base + BaseBlockField::BinsSize, kBinSize);  // length of the bins area
     StoreU32(base + BaseBlockField::Clustering, 1);        // clustering factor
     // The file name field holds the tail of a name in UTF-16; the root name serves.
     for (std::size_t i = 0; i < rootName.size() && i < 31; ++i)
         StoreU16(base + BaseBlockField::FileName + 2 * i, static_cast<std::uint8_t>(rootName[i]));
-    StoreU32(base + BaseBlockField::Checksum, BaseBlockChecksum(base));
+    EncodeChecksum(base);
 
     std::uint8_t* bin = base + kBaseBlockSize;
     StoreU32(bin + BinField::Signature, kHbinSignature);

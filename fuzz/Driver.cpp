@@ -14,7 +14,6 @@
 
 #include "store/ByteOrder.h"
 #include "store/Format.h"
-#include "Session.h"
 #include "StructureCheck.h"
 #include "support/HiveBuilder.h"
 
@@ -100,21 +99,11 @@ std::string PathOf(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
 }  // namespace
 
 bool SoundForTheTool(const Bytes& hive) {
-    const int fd = MemoryFile(hive);
-    bool sound = false;
-    try {
-        const TamvikTool::HiveFile file(PathOf(fd));
-        const auto isProblem = [](const TamvikTool::Finding& finding) { return !finding.warning; };
-        sound = file.Base().signatureOk && std::none_of(file.Findings().begin(), file.Findings().end(), isProblem);
-        if (sound) {
-            const TamvikTool::StructureReport report = TamvikTool::CheckStructure(file);
-            sound = std::none_of(report.findings.begin(), report.findings.end(), isProblem);
-        }
-    } catch (const TamvikTool::ToolError&) {
-        sound = false;
-    }
-    close(fd);
-    return sound;
+    const Tamvik::HiveScan scan(hive);
+    const auto problem = [](const std::vector<Tamvik::Finding>& findings) {
+        return std::any_of(findings.begin(), findings.end(), [](const Tamvik::Finding& f) { return !f.warning; });
+    };
+    return scan.Base().signatureOk && !problem(scan.Findings()) && !problem(TamvikTool::CheckStructure(scan).findings);
 }
 
 HiveUnderTest::HiveUnderTest(const Bytes& bytes, bool readOnly)

@@ -44,7 +44,7 @@ std::uint32_t ForEachNameUnit(const RecordRef& record, std::uint32_t lengthField
         for (std::uint32_t i = 0; i < length; ++i) unit(static_cast<char16_t>(bytes[i]));
         return length;
     }
-    for (std::uint32_t i = 0; i < length / 2; ++i) unit(static_cast<char16_t>(bytes[2 * i] | (bytes[2 * i + 1] << 8)));
+    for (std::uint32_t i = 0; i < length / 2; ++i) unit(static_cast<char16_t>(LoadU16(bytes + 2 * i)));
     return length / 2;
 }
 }  // namespace

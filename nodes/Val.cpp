@@ -11,10 +11,6 @@
 
 namespace Tamvik {
 
-bool IsBigDataLength(std::uint32_t minorVersion, std::uint32_t dataLength) {
-    return minorVersion >= 4 && dataLength >= kSegmentSize + 1 && dataLength <= 0x7FFFFFFF;
-}
-
 Val::Val(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_, std::uint32_t bufferSize_,
          std::uint32_t payloadOffset)
     : Node(offset_, parent_, buffer_, bufferSize_),

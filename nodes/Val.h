@@ -82,7 +82,4 @@ private:
     NameIndex names;
 };
 
-// Whether data of this DataLength is read through a db record in this hive.
-bool IsBigDataLength(std::uint32_t minorVersion, std::uint32_t dataLength);
-
 }  // namespace Tamvik

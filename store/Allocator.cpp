@@ -4,6 +4,7 @@
 #include <memory>
 #include <new>
 
+#include "store/BinWalk.h"
 #include "store/ByteOrder.h"
 #include "store/Platform.h"
 
@@ -51,29 +52,29 @@ std::uint32_t FindFreeCell(Hive* hive, std::uint32_t& size, std::uint32_t& found
     const std::uint32_t binsSize = hive->BinsSize();
     if (hive->Bins() != nullptr) return hive->Bins()->FindFree(binsSize, need, found);
     // On a volume, the walk itself: the device sees every bin read.
-    for (std::uint64_t binOffset = 0; binOffset < binsSize;) {
-        BinRef bin = hive->GetBin(static_cast<std::uint32_t>(binOffset));
+    for (BinWalk bins(binsSize); bins.More();) {
+        BinRef bin = hive->GetBin(bins.At());
+        // The search ends at the first bin it can't take: no bin, an empty
+        // one, or a header that names another place than the walk stands on.
         if (!bin.IsValid() || bin.Signature() != kHbinSignature || bin.BinSize() == 0) return 0;
-        // A header that names another place than the walk stands on can't be trusted.
-        if (bin.BinOffset() != binOffset) return 0;
+        if (bin.BinOffset() != bins.At()) return 0;
         const std::uint32_t binSize = bin.BinSize();
         std::unique_ptr<std::uint8_t[]> image = hive->ReadAreaBlock(bin.BinOffset(), binSize);
         if (image == nullptr) return 0;
         // A bin too short to hold its own size field holds no cells either.
         const std::uint32_t limit =
             binSize < BinField::BinSize + 4 ? binSize : std::min(LoadU32(image.get() + BinField::BinSize), binSize);
-        for (std::uint64_t position = kBinHeaderSize; position + 4 <= limit;) {
-            const std::int32_t cellSize = LoadI32(image.get() + position);
-            if (cellSize == 0) break;  // no step forward: the rest of this bin isn't looked at
-            const std::uint32_t magnitude = cellSize < 0 ? 0u - static_cast<std::uint32_t>(cellSize)
-                                                         : static_cast<std::uint32_t>(cellSize);
-            if (cellSize > 0 && magnitude >= need && position + magnitude <= limit && RestIsUsable(magnitude - need)) {
+        for (CellWalk cells(0, limit); cells.More();) {
+            const std::int32_t cellSize = cells.SizeIn(image.get());
+            const std::uint32_t magnitude = CellMagnitude(cellSize);
+            // Only a free cell that ends inside the bin is taken.
+            if (cellSize > 0 && magnitude >= need && cells.Fits(cellSize) && RestIsUsable(magnitude - need)) {
                 found = magnitude;
-                return static_cast<std::uint32_t>(binOffset + position);
+                return static_cast<std::uint32_t>(bins.At() + cells.At());
             }
-            position += magnitude;
+            cells.Next(cellSize);
         }
-        binOffset += binSize;
+        bins.Next(binSize);
     }
     return 0;
 }
@@ -107,7 +108,7 @@ CellRef NextCell(const BinRef& bin, Hive* hive, const CellRef& cell) {
 }
 
 CellRef PrevCell(const BinRef& bin, Hive* hive, const CellRef& cell) {
-    if (hive->MinorVersion() == 1) {
+    if (HasCellBackLinks(hive->MinorVersion())) {
         if (cell.word1 == kNoCell) return CellRef();
         std::uint64_t at = static_cast<std::uint64_t>(bin.BinOffset()) + cell.word1;
         if (at >= cell.offset) return CellRef();
@@ -117,14 +118,14 @@ CellRef PrevCell(const BinRef& bin, Hive* hive, const CellRef& cell) {
             return CellRef();
         return prev;
     }
-    std::uint64_t position = static_cast<std::uint64_t>(bin.BinOffset()) + kBinHeaderSize;
-    while (position < cell.offset) {
-        CellRef walk = hive->GetCell(static_cast<std::uint32_t>(position));
-        if (!walk.IsValid() || walk.Magnitude() == 0) return CellRef();
-        std::uint64_t end = position + walk.Magnitude();
+    // The cells in front of this one, up to the one that ends where it starts.
+    for (CellWalk cells(bin.BinOffset(), cell.offset); cells.More();) {
+        CellRef walk = hive->GetCell(static_cast<std::uint32_t>(cells.At()));
+        if (!walk.IsValid()) return CellRef();
+        const std::uint64_t end = cells.At() + walk.Magnitude();
         if (end == cell.offset) return walk;
         if (end > cell.offset) return CellRef();
-        position = end;
+        cells.Next(walk.size);
     }
     return CellRef();
 }
@@ -143,7 +144,7 @@ void FreeCell(CellRef& cell, Hive* hive) {
     BinRef bin = hive->FindBin(cell);
     if (bin.IsValid()) {
         const std::uint64_t binEnd = static_cast<std::uint64_t>(bin.BinOffset()) + bin.BinSize();
-        const bool linked = hive->MinorVersion() == 1;
+        const bool linked = HasCellBackLinks(hive->MinorVersion());
         CellRef next = NextCell(bin, hive, cell);
         if (next.IsValid() && next.size > 0 && static_cast<std::uint64_t>(next.offset) + next.Magnitude() <= binEnd) {
             if (linked && static_cast<std::uint64_t>(next.offset) + next.Magnitude() < binEnd) {
@@ -181,7 +182,7 @@ void FreeCellAt(Hive* hive, std::uint32_t cellOffset) {
 
 bool PlanCell(Hive* hive, std::uint32_t askedSize, CellPlan& plan) {
     // Cells made here carry no back link, so a hive of the second layout can't take them.
-    if (hive->MinorVersion() == 1) return false;
+    if (HasCellBackLinks(hive->MinorVersion())) return false;
     std::uint32_t need = askedSize;
     std::uint32_t found = 0;
     std::uint32_t offset = FindFreeCell(hive, need, found);
@@ -252,10 +253,11 @@ bool ReclaimCell(Hive* hive, std::uint32_t cellOffset, std::uint32_t cellSize) {
     BinRef bin = hive->FindBin(probe);
     if (!bin.IsValid()) return false;
     const std::uint64_t binEnd = static_cast<std::uint64_t>(bin.BinOffset()) + bin.BinSize();
-    std::uint64_t position = static_cast<std::uint64_t>(bin.BinOffset()) + kBinHeaderSize;
-    while (position <= cellOffset) {
+    // The cells of the bin up to the one that holds cellOffset.
+    for (CellWalk cells(bin.BinOffset(), std::uint64_t{cellOffset} + kCellSizeField); cells.More();) {
+        const std::uint64_t position = cells.At();
         CellRef walk = hive->GetCell(static_cast<std::uint32_t>(position));
-        if (!walk.IsValid() || walk.Magnitude() == 0) return false;
+        if (!walk.IsValid()) return false;
         std::uint64_t end = position + walk.Magnitude();
         if (end > cellOffset) {
             std::uint64_t cellEnd = static_cast<std::uint64_t>(cellOffset) + cellSize;
@@ -267,7 +269,7 @@ bool ReclaimCell(Hive* hive, std::uint32_t cellOffset, std::uint32_t cellSize) {
                 WriteSizeField(hive, static_cast<std::uint32_t>(cellEnd), static_cast<std::int32_t>(end - cellEnd));
             return true;
         }
-        position = end;
+        cells.Next(walk.size);
     }
     return false;
 }

@@ -2,15 +2,11 @@
 
 #include <algorithm>
 
-#include "store/ByteOrder.h"
+#include "store/BinWalk.h"
 #include "store/FileImage.h"
 #include "store/Format.h"
 
 namespace Tamvik {
-
-std::uint32_t BinIndex::Word(std::uint64_t areaOffset) const {
-    return LoadU32(image_.At(kBaseBlockSize + areaOffset, 4));
-}
 
 bool BinIndex::Readable(std::uint64_t areaOffset, std::uint64_t length) const {
     // File positions are worked out in 32 bits, as the storage does.
@@ -23,8 +19,8 @@ void BinIndex::Extend(std::uint32_t binsSize) {
     if (built_ && (binsSize < binsSize_ || (image_.Size() != imageSize_ && endedAtFileEnd_))) built_ = false;
     if (!built_) {
         walk_.clear();
-        next_ = 0;
-        stopped_ = searchStopped_ = endedAtFileEnd_ = false;
+        binWalk_ = BinWalk();
+        searchStopped_ = endedAtFileEnd_ = false;
         inOrder_ = true;
         searchable_ = placed_ = 0;
         stale_.clear();
@@ -32,18 +28,21 @@ void BinIndex::Extend(std::uint32_t binsSize) {
     }
     imageSize_ = image_.Size();
     binsSize_ = binsSize;
-    while (!stopped_ && next_ < binsSize) {
-        const std::uint64_t at = next_;
+    binWalk_.ExtendTo(binsSize);
+    while (binWalk_.More()) {
+        const std::uint32_t at = binWalk_.At();
+        // A header the file doesn't hold ends the walks here; a longer file starts them again.
         if (!Readable(at, kBinHeaderSize)) {
-            stopped_ = endedAtFileEnd_ = true;
+            endedAtFileEnd_ = true;
             break;
         }
-        const Bin bin{static_cast<std::uint32_t>(at), Word(at + BinField::BinOffset), Word(at + BinField::BinSize)};
+        const BinHeader header = BinHeader::Decode(image_.At(kBaseBlockSize + std::uint64_t{at}, kBinHeaderSize));
+        const Bin bin{at, header.binOffset, header.binSize};
         walk_.push_back(bin);
         inOrder_ = inOrder_ && bin.binOffset == bin.at;
         if (!searchStopped_) {
-            const bool takes = Word(at + BinField::Signature) == kHbinSignature && bin.binSize != 0 &&
-                               bin.binOffset == bin.at;
+            // FindFreeCell's rule: its search ends at the first bin it can't take.
+            const bool takes = header.signatureOk && bin.binSize != 0 && bin.binOffset == bin.at;
             if (takes && Readable(at, bin.binSize)) {
                 ++searchable_;
                 stale_.push_back(true);
@@ -52,11 +51,7 @@ void BinIndex::Extend(std::uint32_t binsSize) {
                 endedAtFileEnd_ = endedAtFileEnd_ || takes;
             }
         }
-        if (bin.binSize == 0) {
-            stopped_ = true;
-            break;
-        }
-        next_ = at + bin.binSize;
+        binWalk_.Next(bin.binSize);
     }
     if (placed_ == searchable_) return;
     if (leaves_ < searchable_) {
@@ -74,33 +69,30 @@ void BinIndex::Extend(std::uint32_t binsSize) {
 
 std::uint32_t BinIndex::Summary(std::size_t bin) const {
     const Bin& b = walk_[bin];
-    const std::uint8_t* cells = image_.At(kBaseBlockSize + b.at, b.binSize);
+    const std::uint8_t* bytes = image_.At(kBaseBlockSize + b.at, b.binSize);
     std::uint32_t largest = 0;
-    for (std::uint64_t position = kBinHeaderSize; position + 4 <= b.binSize;) {
-        const std::int32_t size = LoadI32(cells + position);
-        if (size == 0) break;
-        const std::uint32_t magnitude = size < 0 ? 0u - static_cast<std::uint32_t>(size) : static_cast<std::uint32_t>(size);
-        if (size > 0 && position + magnitude <= b.binSize) {
-            if (magnitude % kCellAlignment != 0) return kVisit;
-            largest = std::max(largest, magnitude);
+    for (CellWalk cells(0, b.binSize); cells.More();) {
+        const std::int32_t size = cells.SizeIn(bytes);
+        if (size > 0 && cells.Fits(size)) {
+            if (CellMagnitude(size) % kCellAlignment != 0) return kVisit;
+            largest = std::max(largest, CellMagnitude(size));
         }
-        position += magnitude;
+        cells.Next(size);
     }
     return largest;
 }
 
 std::uint32_t BinIndex::Scan(std::size_t bin, std::uint32_t need, std::uint32_t& found) const {
     const Bin& b = walk_[bin];
-    const std::uint8_t* cells = image_.At(kBaseBlockSize + b.at, b.binSize);
-    for (std::uint64_t position = kBinHeaderSize; position + 4 <= b.binSize;) {
-        const std::int32_t size = LoadI32(cells + position);
-        if (size == 0) break;
-        const std::uint32_t magnitude = size < 0 ? 0u - static_cast<std::uint32_t>(size) : static_cast<std::uint32_t>(size);
-        if (size > 0 && magnitude >= need && position + magnitude <= b.binSize && RestIsUsable(magnitude - need)) {
+    const std::uint8_t* bytes = image_.At(kBaseBlockSize + b.at, b.binSize);
+    for (CellWalk cells(0, b.binSize); cells.More();) {
+        const std::int32_t size = cells.SizeIn(bytes);
+        const std::uint32_t magnitude = CellMagnitude(size);
+        if (size > 0 && magnitude >= need && cells.Fits(size) && RestIsUsable(magnitude - need)) {
             found = magnitude;
-            return static_cast<std::uint32_t>(b.at + position);
+            return static_cast<std::uint32_t>(b.at + cells.At());
         }
-        position += magnitude;
+        cells.Next(size);
     }
     return 0;
 }

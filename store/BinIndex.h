@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "store/BinWalk.h"
+
 namespace Tamvik {
 
 class FileImage;
@@ -30,7 +32,6 @@ private:
         std::uint32_t at, binOffset, binSize;  // where the walk read the header, and its two fields
     };
     void Extend(std::uint32_t binsSize);
-    std::uint32_t Word(std::uint64_t areaOffset) const;
     bool Readable(std::uint64_t areaOffset, std::uint64_t length) const;
     // Largest free cell of a whole multiple of 8 in a bin, or kVisit when the
     // bin holds free cells of other sizes, which only a walk of it can judge.
@@ -46,8 +47,7 @@ private:
     std::uint64_t imageSize_ = 0;
     std::uint32_t binsSize_ = 0;
     std::vector<Bin> walk_;       // every header the walk from the first bin reads
-    std::uint64_t next_ = 0;      // where it reads the next one
-    bool stopped_ = false;        // it ended at a header it can't pass, not at BinsSize
+    BinWalk binWalk_;             // where it reads the next header, or that a size of 0 ended it
     bool inOrder_ = true;         // every header names the place it was read at
     std::size_t searchable_ = 0;  // the bins FindFreeCell searches: a prefix of the walk
     bool searchStopped_ = false;  // it ended at a bin it can't take

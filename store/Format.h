@@ -14,6 +14,7 @@ constexpr std::uint32_t kInlineData = 0x80000000;  // DataLength bit: data stand
 constexpr std::uint32_t kSegmentSize = 16344;      // bytes of one db segment
 constexpr std::uint32_t kBinAlignment = 4096;
 constexpr std::uint32_t kCellAlignment = 8;     // cell sizes are multiples of it
+constexpr std::uint32_t kCellSizeField = 4;     // the CellSize in front of every cell
 // File positions are an offset plus 4096 in 32 bits: no offset may pass this.
 constexpr std::uint32_t kMaxAreaOffset = 0xFFFFFFFF - kBaseBlockSize;
 
@@ -41,6 +42,10 @@ constexpr std::uint32_t ListEntrySize(std::uint16_t signature) {
 constexpr std::uint32_t kMinKeyCell = 80;
 constexpr std::uint32_t kMinValueCell = 24;
 constexpr std::uint32_t kMinSecurityCell = 64;
+
+// FileType of a hive (its logs have others) and the one Format there is.
+constexpr std::uint32_t kPrimaryFileType = 0;
+constexpr std::uint32_t kDirectLoadFormat = 1;
 
 namespace BaseBlockField {
 constexpr std::uint32_t Signature = 0x000;
@@ -123,8 +128,25 @@ constexpr std::uint32_t SegmentListCell = 0x04;
 constexpr std::uint32_t Size = 0x08;
 }  // namespace DbField
 
-// Offset of the payload in a cell: the second layout (MinorVersion 1) has a back link.
-inline std::uint32_t PayloadOffset(std::uint32_t minorVersion) { return minorVersion == 1 ? 8 : 4; }
+// A CellSize's magnitude: the cell's length, whether allocated (negative) or free.
+constexpr std::uint32_t CellMagnitude(std::int32_t cellSize) {
+    return cellSize < 0 ? 0u - static_cast<std::uint32_t>(cellSize) : static_cast<std::uint32_t>(cellSize);
+}
+// Sizes of whole bins, and of a bins area: a positive multiple of 4096.
+constexpr bool IsWholeBins(std::uint32_t size) { return size != 0 && size % kBinAlignment == 0; }
+
+// Versions a hive can have: major 1, minor 1 to 6.
+constexpr bool KnownMajorVersion(std::uint32_t major) { return major == 1; }
+constexpr bool KnownMinorVersion(std::uint32_t minor) { return minor >= 1 && minor <= 6; }
+// The rules that hang on MinorVersion. Cells of a hive of minor version 1
+// carry a back link to the cell before them, which moves the payload to +8.
+constexpr bool HasCellBackLinks(std::uint32_t minorVersion) { return minorVersion == 1; }
+constexpr std::uint32_t PayloadOffset(std::uint32_t minorVersion) { return HasCellBackLinks(minorVersion) ? 8 : 4; }
+// From minor version 4 on, data longer than one segment (and not inline)
+// lies in segments behind a db record.
+constexpr bool IsBigDataLength(std::uint32_t minorVersion, std::uint32_t dataLength) {
+    return minorVersion >= 4 && dataLength >= kSegmentSize + 1 && dataLength <= 0x7FFFFFFF;
+}
 
 // The remainder rule: a free cell serves a need when the rest can become a
 // free cell of its own (0 or a multiple of 8), or is exactly 4 bytes, which

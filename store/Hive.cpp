@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "store/BinWalk.h"
 #include "store/ByteOrder.h"
 
 namespace Tamvik {
@@ -24,9 +25,10 @@ Hive::Hive(const WString& fileName_, std::unique_ptr<FileImage> image)
       bins_(std::make_unique<BinIndex>(*image_)) {
     storage.context = image_.get();
     // Whatever of the base block the file holds stands in the image; VerifyBaseBlock judges it.
-    std::memset(baseBlock, 0, sizeof baseBlock);
+    std::memset(baseBlock_, 0, sizeof baseBlock_);
     const std::uint64_t held = std::min<std::uint64_t>(image_->Size(), kBaseBlockSize);
-    if (held != 0) std::memcpy(baseBlock, image_->At(0, held), held);
+    if (held != 0) std::memcpy(baseBlock_, image_->At(0, held), held);
+    header_ = BaseBlock::Decode(baseBlock_, sizeof baseBlock_);
 }
 
 Hive::Hive(const WString& fileName_, void* context, SeekOp seek, ReadOp read, WriteOp write)
@@ -35,10 +37,10 @@ Hive::Hive(const WString& fileName_, void* context, SeekOp seek, ReadOp read, Wr
     storage.seek = seek;
     storage.read = read;
     storage.write = write;
-    std::memset(baseBlock, 0, sizeof baseBlock);
-    if (!SeekPosition(0)) return;
+    std::memset(baseBlock_, 0, sizeof baseBlock_);
     // Whatever arrives stands in the image; VerifyBaseBlock judges it.
-    ReadElement(baseBlock, kBaseBlockSize);
+    if (SeekPosition(0)) ReadElement(baseBlock_, kBaseBlockSize);
+    header_ = BaseBlock::Decode(baseBlock_, sizeof baseBlock_);
 }
 
 Hive::~Hive() {
@@ -76,18 +78,14 @@ std::optional<NameIndex> Hive::TakeNames(std::uint32_t listCell, bool values) {
 
 WString Hive::GetName() const { return fileName; }
 
-std::uint32_t Hive::MinorVersion() const { return LoadU32(baseBlock + BaseBlockField::MinorVersion); }
-std::uint32_t Hive::RootCell() const { return LoadU32(baseBlock + BaseBlockField::RootCell); }
-std::uint32_t Hive::BinsSize() const { return LoadU32(baseBlock + BaseBlockField::BinsSize); }
 void Hive::SetBinsSize(std::uint32_t size) {
-    StoreU32(baseBlock + BaseBlockField::BinsSize, size);
+    EncodeBinsSize(baseBlock_, size);
+    header_.binsSize = size;
+    header_.computedChecksum = BaseBlockChecksum(baseBlock_);
     ++generation_;  // cells behind the old end can be had now
 }
 
-bool Hive::VerifyBaseBlock() const {
-    return LoadU32(baseBlock + BaseBlockField::Signature) == kRegfSignature &&
-           LoadU32(baseBlock + BaseBlockField::Checksum) == BaseBlockChecksum(baseBlock);
-}
+bool Hive::VerifyBaseBlock() const { return header_.Valid(); }
 
 bool Hive::SeekPosition(std::uint64_t position) { return storage.seek(storage.context, &position, 0); }
 
@@ -195,25 +193,24 @@ BinRef Hive::FindBin(const CellRef& cell) {
         std::uint32_t walkOffset = 0;
         return bins_->Locate(binsSize, cell.offset, &walkOffset) ? GetBin(walkOffset) : BinRef();
     }
-    for (std::uint64_t walk = 0; walk < binsSize;) {
-        BinRef bin = GetBin(static_cast<std::uint32_t>(walk));
+    for (BinWalk bins(binsSize); bins.More();) {
+        BinRef bin = GetBin(bins.At());
         if (!bin.IsValid()) return BinRef();
+        // The bin its header says holds the cell, wherever the walk read that header.
         const std::uint64_t start = bin.BinOffset(), size = bin.BinSize();
         if (cell.offset >= start && cell.offset < start + size) return bin;
-        // A bin of size 0 gives no step forward: the walk ends there.
-        if (size == 0) return BinRef();
-        walk += size;
+        bins.Next(bin.BinSize());
     }
     return BinRef();
 }
 
 void Hive::WriteBaseBlock() {
-    StoreU32(baseBlock + BaseBlockField::Checksum, BaseBlockChecksum(baseBlock));
+    header_.storedChecksum = header_.computedChecksum = EncodeChecksum(baseBlock_);
     if (image_ != nullptr) {
-        image_->Write(0, baseBlock, kBaseBlockSize);
+        image_->Write(0, baseBlock_, kBaseBlockSize);
         ++generation_;
     } else if (SeekPosition(0)) {
-        WriteElement(baseBlock, kBaseBlockSize);
+        WriteElement(baseBlock_, kBaseBlockSize);
     }
 }
 

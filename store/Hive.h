@@ -10,8 +10,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "store/BaseBlock.h"
 #include "store/BinIndex.h"
-#include "store/Checksum.h"
 #include "store/FileImage.h"
 #include "store/Format.h"
 #include "store/NameIndex.h"
@@ -32,9 +32,7 @@ struct CellRef {
     // Valid and allocated: the only kind of cell a reference may lead to.
     bool IsUsable() const { return IsValid() && size < 0; }
     // Magnitude of the size, as a step or a length.
-    std::uint32_t Magnitude() const {
-        return size < 0 ? 0u - static_cast<std::uint32_t>(size) : static_cast<std::uint32_t>(size);
-    }
+    std::uint32_t Magnitude() const { return CellMagnitude(size); }
     void Invalidate() {
         offset = kNoCell;
         storage = nullptr;
@@ -76,9 +74,11 @@ public:
     void WriteBaseBlock();
     void WriteCell(std::uint32_t cellOffset, const std::uint8_t* image, std::uint32_t size);
 
-    std::uint32_t MinorVersion() const;
-    std::uint32_t RootCell() const;
-    std::uint32_t BinsSize() const;
+    // The base block as read at the open, with what the library changed since.
+    const BaseBlock& Header() const { return header_; }
+    std::uint32_t MinorVersion() const { return header_.minorVersion; }
+    std::uint32_t RootCell() const { return header_.rootCell; }
+    std::uint32_t BinsSize() const { return header_.binsSize; }
     void SetBinsSize(std::uint32_t size);
 
     // Transfers at an offset of the bins area, all or nothing; positions that
@@ -111,7 +111,6 @@ public:
     bool Flush();
     bool Sync();
 
-    std::uint8_t baseBlock[kBaseBlockSize];
     void* closeHandle;
     StorageOps storage;
     WString fileName;
@@ -135,6 +134,9 @@ private:
     bool WriteElement(const void* source, std::uint32_t size);
     void Touched(std::uint32_t areaOffset, std::uint64_t size);
 
+    // The block is written back whole, so its image is kept whole.
+    std::uint8_t baseBlock_[kBaseBlockSize];
+    BaseBlock header_;
     std::unique_ptr<FileImage> image_;
     std::unique_ptr<BinIndex> bins_;
     std::uint64_t generation_ = 0;

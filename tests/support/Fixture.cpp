@@ -104,6 +104,14 @@ std::map<std::uint32_t, std::int32_t> Image::Cells() const {
     return cells;
 }
 
+Bytes Image::WithoutBinTimes() const {
+    Bytes out = file;
+    for (std::uint64_t bin = 0, size = 1; bin < BinsSize() && 4096 + bin + 32 <= file.size() && size != 0;
+         bin += size = Word(4096 + bin + Tamvik::BinField::BinSize))
+        std::fill_n(out.begin() + static_cast<std::ptrdiff_t>(4096 + bin + Tamvik::BinField::Timestamp), 8, 0);
+    return out;
+}
+
 Bytes Image::Data(std::uint32_t vk) const {
     const std::uint32_t length = U32(vk, Tamvik::VkField::DataLength), cell = U32(vk, Tamvik::VkField::DataCell);
     auto bytes = [&](std::uint64_t from, std::uint32_t n) {

@@ -50,6 +50,11 @@ struct EditOutcome {
 };
 // Opens the hive, runs act on it, closes it: what act answered, and the file before and after.
 EditOutcome Edit(const HiveBuilder& builder, const std::function<RegAPI::LONG(TestHive&)>& act);
+// A narrow-named subkey made under key, its handle dropped: the result number.
+inline RegAPI::LONG Create(RegAPI::HKEY key, const char* name) {
+    RegAPI::HKEY out = nullptr;
+    return RegAPI::RegCreateKeyExA(key, name, &out);
+}
 
 // The records of a hive file by cell offset, fields counted from the payload
 // start (4 bytes into a cell, 8 in version 1.1). Reads past the file give 0.
@@ -70,6 +75,8 @@ public:
     std::vector<std::string> SubKeyNames(std::uint32_t nk) const;
     // Every cell the walk of the bins meets: offset and CellSize.
     std::map<std::uint32_t, std::int32_t> Cells() const;
+    // The file with the times new bins carry cleared.
+    Bytes WithoutBinTimes() const;
     // The data of a vk, in whatever form it stands.
     Bytes Data(std::uint32_t vk) const;
     // The u32 at a file position, 0 past the end.

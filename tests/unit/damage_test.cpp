@@ -130,11 +130,6 @@ HiveBuilder Cramped(std::vector<std::uint32_t> holes, std::uint32_t listCell = 1
     return b;
 }
 
-LONG NewKey(HKEY key, const char* name) {
-    HKEY created = nullptr;
-    return RegCreateKeyExA(key, name, &created);
-}
-
 TEST(Damage, RefusedNewBinsLoseNothing) {
     const Bytes data(40000, 9);
     auto set = [&](const char16_t* name, DWORD size) {
@@ -151,11 +146,11 @@ TEST(Damage, RefusedNewBinsLoseNothing) {
         LONG result;
         bool fileUnchanged;
     } cases[] = {
-        {"no room for the nk", Cramped({}), u"", [](HKEY k) { return NewKey(k, "New"); }, 57, true},
-        {"a leaf that can't move", Cramped({88}), u"", [](HKEY k) { return NewKey(k, "Cccc"); }, 57, false},
-        {"a leaf merged with a free neighbour", Cramped({88}, 16, false, 8), u"", [](HKEY k) { return NewKey(k, "C"); },
+        {"no room for the nk", Cramped({}), u"", [](HKEY k) { return Create(k, "New"); }, 57, true},
+        {"a leaf that can't move", Cramped({88}), u"", [](HKEY k) { return Create(k, "Cccc"); }, 57, false},
+        {"a leaf merged with a free neighbour", Cramped({88}, 16, false, 8), u"", [](HKEY k) { return Create(k, "C"); },
          57, false},
-        {"an ri owner", Cramped({96}, 16, true), u"", [](HKEY k) { return NewKey(k, "Bb"); }, 57, false},
+        {"an ri owner", Cramped({96}, 16, true), u"", [](HKEY k) { return Create(k, "Bb"); }, 57, false},
         {"a value list that can't move", Cramped({32}), u"Full", add(u"Newv", 1), 87, false},
         {"a first value without its data cell", Cramped({32, 8}), u"Empty", add(u"Newv", 10), 87, false},
         {"data refused after the list moved", Cramped({32, 24}), u"Full", add(u"Newv", 30), 87, false},
@@ -195,9 +190,9 @@ TEST(Damage, RefusedNewBinsLoseNothing) {
     ASSERT_EQ(RegOpenKeyExW(hive, u"", 0, 0, &root), Result::Ok);
     device.RefuseWrite(1);
     const Bytes before = file.Read();
-    EXPECT_EQ(NewKey(root, "New"), Result::CannotCreate);
+    EXPECT_EQ(Create(root, "New"), Result::CannotCreate);
     EXPECT_EQ(file.Read(), before);
-    EXPECT_EQ(NewKey(root, "New"), Result::Ok);
+    EXPECT_EQ(Create(root, "New"), Result::Ok);
     EXPECT_EQ(Image(file.Read()).BinsSize(), Image(before).BinsSize() + 4096);
     CloseHiveByVolume(&hive, &device);
 }

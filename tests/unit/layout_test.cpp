@@ -208,11 +208,6 @@ std::uint32_t Hint(const std::string& name) {
     return hint;
 }
 
-LONG Create(HKEY key, const char* name) {
-    HKEY out = nullptr;
-    return RegCreateKeyExA(key, name, &out);
-}
-
 TEST(Layout, NewKeysTheirRecordAndTheirLeaf) {
     HiveBuilder builder = Tree({TreeKey{"Leaf"}});
     const auto start = static_cast<std::uint64_t>(std::time(nullptr));
@@ -586,9 +581,7 @@ TEST(Layout, SecurityCellsCountTheirKeys) {
 TEST(Layout, ChecksumAndVersionOne) {
     auto sumOf = [](std::uint32_t word0, std::uint32_t word126, std::uint32_t outside) {
         Bytes block(4096, 0);
-        block[0] = static_cast<std::uint8_t>(word0), block[1] = static_cast<std::uint8_t>(word0 >> 8);
-        block[2] = static_cast<std::uint8_t>(word0 >> 16), block[3] = static_cast<std::uint8_t>(word0 >> 24);
-        for (int i = 0; i < 4; ++i) block[504 + i] = static_cast<std::uint8_t>(word126 >> (8 * i));
+        Tamvik::StoreU32(block.data(), word0), Tamvik::StoreU32(block.data() + 504, word126);
         block[600] = static_cast<std::uint8_t>(outside);
         return Tamvik::BaseBlockChecksum(block.data());
     };

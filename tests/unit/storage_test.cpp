@@ -214,18 +214,6 @@ void RunScript(HKEY handle, std::uint32_t seed, int steps) {
     hive->Flush();
 }
 
-// New bins carry the time they were made: the rest must be the same.
-Bytes WithoutBinTimes(Bytes file) {
-    const Image image(file);
-    for (std::uint64_t bin = 0; bin < image.BinsSize() && 4096 + bin + 32 <= file.size();) {
-        std::fill_n(file.begin() + static_cast<std::ptrdiff_t>(4096 + bin + 0x14), 8, 0);
-        const std::uint32_t size = image.Word(4096 + bin + 8);
-        if (size == 0) break;
-        bin += size;
-    }
-    return file;
-}
-
 // The index against the walk: on a hive of scattered free cells (and the same
 // script through a volume, whose walk is literal, to the same bytes), and on
 // a real hive with its own history of free space.
@@ -243,7 +231,7 @@ TEST(Storage, TheFreeSpaceIndexFindsTheFirstFit) {
         RunScript(hive, seed, 600);
         ASSERT_EQ(CloseHiveByVolume(&hive, &device), Result::Ok);
         Tamvik::currentDevice = nullptr;
-        EXPECT_EQ(WithoutBinTimes(indexed.Disk()), WithoutBinTimes(literal.Read())) << "seed " << seed;
+        EXPECT_EQ(Image(indexed.Disk()).WithoutBinTimes(), Image(literal.Read()).WithoutBinTimes()) << "seed " << seed;
     }
     if (SharedHives().empty()) GTEST_SKIP() << "../shared/hives is absent: the real hive part is skipped";
     TestHive real(ReadFileBytes(SharedHives() + "/clean/dfwinreg__SYSTEM"));

@@ -77,8 +77,8 @@ int RunCheck(const Args& args) {
         std::printf("%s: note: the hive is dirty; replay %s\n", hive.c_str(), dirt.replay.c_str());
     }
     StructureReport structure;
-    if (file.Base().signatureOk) {
-        structure = CheckStructure(file);
+    if (file.Scan().Base().signatureOk) {
+        structure = CheckStructure(file.Scan());
         for (const Finding& f : structure.findings) Report(hive, f, &tally);
     }
 

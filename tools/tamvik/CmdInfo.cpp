@@ -1,4 +1,4 @@
-// info: facts of the file, read directly.
+// info: facts of the file, from the library's scan of its bytes.
 #include <cstdio>
 
 #include "Args.h"
@@ -10,25 +10,26 @@
 namespace TamvikTool {
 
 int RunInfo(const Args& args) {
-    HiveFile file(args.positional[0]);
+    const HiveFile file(args.positional[0]);
+    const Tamvik::HiveScan& scan = file.Scan();
     // A file without a base block has no facts to show.
-    if (file.FileSize() < kBaseBlockBytes || !file.Base().signatureOk)
+    if (scan.FileSize() < Tamvik::kBaseBlockSize || !scan.Base().signatureOk)
         throw ToolError(args.positional[0] + ": not a hive (" + WhyNotAHive(args.positional[0]) + ")");
-    const BaseBlock& b = file.Base();
-    const CellCounts& c = file.Counts();
+    const Tamvik::BaseBlock& b = scan.Base();
+    const Tamvik::CellCounts& c = scan.Counts();
     std::printf("signature       %s\n", b.signatureOk ? "regf" : "(not regf)");
     std::printf("sequence        %u / %u%s\n", b.sequence1, b.sequence2, b.sequence1 == b.sequence2 ? "" : " (dirty)");
-    std::printf("version         %u.%u\n", b.major, b.minor);
+    std::printf("version         %u.%u\n", b.majorVersion, b.minorVersion);
     std::printf("file type       %u\n", b.fileType);
     std::printf("format          %u\n", b.format);
     std::printf("root cell       %s\n", Hex(b.rootCell).c_str());
     std::printf("bins size       %u (%s)\n", b.binsSize, Hex(b.binsSize).c_str());
     std::printf("clustering      %u\n", b.clustering);
     std::printf("checksum        %s (%s)\n", Hex(b.storedChecksum).c_str(),
-                b.storedChecksum == b.computedChecksum ? "ok" : ("bad, computed " + Hex(b.computedChecksum)).c_str());
+                b.ChecksumOk() ? "ok" : ("bad, computed " + Hex(b.computedChecksum)).c_str());
     std::printf("file name       %s\n", ToUtf8(b.fileName).c_str());
-    std::printf("file size       %llu\n", static_cast<unsigned long long>(file.FileSize()));
-    std::printf("bins            %zu\n", file.Bins().size());
+    std::printf("file size       %llu\n", static_cast<unsigned long long>(scan.FileSize()));
+    std::printf("bins            %zu\n", scan.Bins().size());
     std::printf("keys            %llu\n", static_cast<unsigned long long>(c.keys));
     std::printf("values          %llu\n", static_cast<unsigned long long>(c.values));
     std::printf("security cells  %llu\n", static_cast<unsigned long long>(c.security));

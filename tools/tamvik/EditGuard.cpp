@@ -47,9 +47,9 @@ void RefuseDamaged(const std::string& hivePath) {
     std::vector<Finding> problems;
     try {
         const HiveFile file(hivePath);
-        if (!file.Base().signatureOk) return;
+        if (!file.Scan().Base().signatureOk) return;
         problems = file.Findings();
-        const StructureReport report = CheckStructure(file);
+        const StructureReport report = CheckStructure(file.Scan());
         problems.insert(problems.end(), report.findings.begin(), report.findings.end());
     } catch (const ToolError&) {
         return;

@@ -2,7 +2,14 @@
 
 #include <cstring>
 
+#include "store/ByteOrder.h"
+
 namespace TamvikTool {
+
+using Tamvik::AppendU16;
+using Tamvik::AppendU32;
+using Tamvik::LoadU16;
+using Tamvik::LoadU32;
 
 namespace {
 

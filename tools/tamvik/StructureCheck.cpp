@@ -3,11 +3,19 @@
 #include <map>
 #include <set>
 
+#include "HiveFile.h"
+#include "store/ByteOrder.h"
+
 namespace TamvikTool {
 
 namespace {
 
+using Tamvik::Finding;
+using Tamvik::FindingKind;
 using Tamvik::kSegmentSize;
+constexpr std::uint32_t kNoCellOffset = Tamvik::kNoCell;
+using Tamvik::LoadU16;
+using Tamvik::LoadU32;
 namespace NkField = Tamvik::NkField;
 namespace VkField = Tamvik::VkField;
 namespace SkField = Tamvik::SkField;
@@ -17,7 +25,7 @@ constexpr std::uint32_t kInline = Tamvik::kInlineData;
 // cells, and every key is entered once, so damaged hives can't loop.
 class Checker {
 public:
-    explicit Checker(const HiveFile& file) : file_(file) {}
+    explicit Checker(const Tamvik::HiveScan& file) : file_(file) {}
 
     StructureReport Run() {
         const std::uint32_t root = file_.Base().rootCell;
@@ -27,7 +35,8 @@ public:
             referenced_.insert(root);
             stack.push_back({root, kNoCellOffset});
         } else {
-            report_.findings.push_back({Tamvik::BaseBlockField::RootCell, "base block: root cell " + Hex(root) + " names no allocated cell", false});
+            report_.findings.push_back(Finding::Of(FindingKind::Reference, Tamvik::BaseBlockField::RootCell,
+                                                  "base block: root cell " + Hex(root) + " names no allocated cell"));
         }
         while (!stack.empty()) {
             auto [key, parent] = stack.back();
@@ -42,8 +51,9 @@ public:
 private:
     using Stack = std::vector<std::pair<std::uint32_t, std::uint32_t>>;
 
-    void Problem(std::uint32_t cell, const std::string& text, bool warning = false) {
-        report_.findings.push_back({static_cast<std::uint64_t>(cell) + kBaseBlockBytes, text, warning});
+    void Problem(std::uint32_t cell, const std::string& text, bool warning = false,
+                 FindingKind kind = FindingKind::Reference) {
+        report_.findings.push_back(Finding::Of(kind, std::uint64_t{cell} + Tamvik::kBaseBlockSize, text, warning));
     }
 
     // The payload of an allocated cell that a reference names, or null with a
@@ -180,7 +190,7 @@ private:
         std::uint32_t size = 0;
         const std::uint8_t* data = Cell(dataCell, "data cell", valueCell, &size);
         if (data == nullptr) return;
-        if (file_.Base().minor >= 4 && length > kSegmentSize) {
+        if (Tamvik::IsBigDataLength(file_.Base().minorVersion, length)) {
             if (size < 8 || data[0] != 'd' || data[1] != 'b') {
                 Problem(dataCell, "data of " + std::to_string(length) + " bytes needs a db record, the cell has none");
                 return;
@@ -245,10 +255,10 @@ private:
         }
         if (lost != 0)
             Problem(0, std::to_string(lost) + " allocated cell(s) not reached from the root key (first: " + first + ")",
-                    true);
+                    true, FindingKind::Unreached);
     }
 
-    const HiveFile& file_;
+    const Tamvik::HiveScan& file_;
     StructureReport report_;
     std::set<std::uint32_t> keysSeen_;
     std::set<std::uint32_t> referenced_;
@@ -257,6 +267,6 @@ private:
 
 }  // namespace
 
-StructureReport CheckStructure(const HiveFile& file) { return Checker(file).Run(); }
+StructureReport CheckStructure(const Tamvik::HiveScan& file) { return Checker(file).Run(); }
 
 }  // namespace TamvikTool

@@ -4,15 +4,15 @@
 
 #include <vector>
 
-#include "HiveFile.h"
+#include "store/HiveScan.h"
 
 namespace TamvikTool {
 
 struct StructureReport {
-    std::vector<Finding> findings;
+    std::vector<Tamvik::Finding> findings;
     std::uint64_t keys = 0, values = 0;  // reached from the root
 };
 
-StructureReport CheckStructure(const HiveFile& file);
+StructureReport CheckStructure(const Tamvik::HiveScan& file);
 
 }  // namespace TamvikTool

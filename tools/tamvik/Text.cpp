@@ -3,7 +3,12 @@
 #include <cstdio>
 #include <limits>
 
+#include "store/ByteOrder.h"
+
 namespace TamvikTool {
+
+using Tamvik::AppendU16;
+using Tamvik::LoadU16;
 
 std::string ToUtf8(std::u16string_view text) {
     std::string out;
@@ -174,21 +179,6 @@ std::optional<std::uint64_t> ParseNumber(std::string_view text) {
         value = value * radix + digit;
     }
     return value;
-}
-
-std::uint32_t LoadU32(const std::uint8_t* p) {
-    return p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<std::uint32_t>(p[3]) << 24);
-}
-std::uint16_t LoadU16(const std::uint8_t* p) { return static_cast<std::uint16_t>(p[0] | (p[1] << 8)); }
-std::uint64_t LoadU64(const std::uint8_t* p) { return LoadU32(p) | (static_cast<std::uint64_t>(LoadU32(p + 4)) << 32); }
-
-void AppendU16(Bytes& out, std::uint16_t v) {
-    out.push_back(static_cast<std::uint8_t>(v));
-    out.push_back(static_cast<std::uint8_t>(v >> 8));
-}
-void AppendU32(Bytes& out, std::uint32_t v) {
-    AppendU16(out, static_cast<std::uint16_t>(v));
-    AppendU16(out, static_cast<std::uint16_t>(v >> 16));
 }
 
 Bytes StringData(std::u16string_view text) {

@@ -33,13 +33,6 @@ std::optional<Bytes> ParseHexBytes(std::string_view text);
 // Decimal or 0x-prefixed number that fits in 64 bits.
 std::optional<std::uint64_t> ParseNumber(std::string_view text);
 
-// Little-endian helpers over byte vectors.
-std::uint32_t LoadU32(const std::uint8_t* p);
-std::uint16_t LoadU16(const std::uint8_t* p);
-std::uint64_t LoadU64(const std::uint8_t* p);
-void AppendU16(Bytes& out, std::uint16_t v);
-void AppendU32(Bytes& out, std::uint32_t v);
-
 // Text as the data of a string value: UTF-16LE with a terminating NUL.
 Bytes StringData(std::u16string_view text);
 // A multi-string: each string with its NUL, then the empty string.

@@ -4,8 +4,13 @@
 
 #include "RegText.h"
 #include "Session.h"
+#include "store/ByteOrder.h"
 
 namespace TamvikTool {
+
+using Tamvik::AppendU32;
+using Tamvik::LoadU32;
+using Tamvik::LoadU64;
 
 namespace {
 

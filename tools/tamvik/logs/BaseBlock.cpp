@@ -1,5 +1,7 @@
 #include "BaseBlock.h"
 
+#include "store/BinWalk.h"
+
 namespace TamvikLogs {
 
 std::uint32_t BaseBlock::SectorBytes() const {
@@ -7,25 +9,14 @@ std::uint32_t BaseBlock::SectorBytes() const {
 }
 
 BaseBlock ReadBaseBlock(const std::uint8_t* data, std::size_t size) {
-    BaseBlock b;
-    if (size < kLogSectorBytes) return b;
-    b.signatureOk = HasSignature(data, kRegfSignature);
-    b.sequence1 = Load32(data + BaseField::Sequence1);
-    b.sequence2 = Load32(data + BaseField::Sequence2);
-    b.timestamp = Load64(data + BaseField::Timestamp);
-    b.fileType = Load32(data + BaseField::FileType);
-    b.binsSize = Load32(data + BaseField::BinsSize);
-    b.clustering = Load32(data + BaseField::Clustering);
-    b.flags = Load32(data + BaseField::Flags);
-    b.storedChecksum = Load32(data + BaseField::Checksum);
-    b.computedChecksum = BaseBlockChecksum(data);
-    return b;
+    if (size < kLogSectorBytes) return {};
+    return {Tamvik::BaseBlock::Decode(data, size)};
 }
 
 std::uint64_t FirstBinTimestamp(const Bytes& hive) {
     if (hive.size() < kBaseBlockBytes + kBinHeaderBytes) return 0;
-    const std::uint8_t* bin = hive.data() + kBaseBlockBytes;
-    return HasSignature(bin, kHbinSignature) ? Load64(bin + BinField::Timestamp) : 0;
+    const Tamvik::BinHeader first = Tamvik::BinHeader::Decode(hive.data() + kBaseBlockBytes);
+    return first.signatureOk ? first.timestamp : 0;
 }
 
 }  // namespace TamvikLogs

@@ -1,33 +1,22 @@
 // The facts of a base block that tell whether a hive is dirty and whether a
-// log belongs to it: signature, sequence numbers, timestamp, checksum.
+// log belongs to it, over the store's decoding of the block.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
 #include "Format.h"
-#include "store/Checksum.h"
+#include "store/BaseBlock.h"
 
 namespace TamvikLogs {
 
-struct BaseBlock {
-    bool signatureOk = false;
-    std::uint32_t sequence1 = 0, sequence2 = 0;
-    std::uint64_t timestamp = 0;
-    std::uint32_t fileType = 0, binsSize = 0, clustering = 0, flags = 0;
-    std::uint32_t storedChecksum = 0, computedChecksum = 0;
-
-    bool ChecksumOk() const { return storedChecksum == computedChecksum; }
-    // A base block Windows would trust: the right signature and checksum.
-    bool Valid() const { return signatureOk && ChecksumOk(); }
+struct BaseBlock : Tamvik::BaseBlock {
     // A hive needs its logs when its base block can't be trusted or a write
     // of it began (sequence 1 moved) and never ended (sequence 2 didn't).
     bool Dirty() const { return !Valid() || sequence1 != sequence2; }
     // Bytes of the first log sector, which holds the base block copy.
     std::uint32_t SectorBytes() const;
 };
-
-using Tamvik::BaseBlockChecksum;
 
 // Reads the facts; fewer than kLogSectorBytes bytes give a block whose
 // signature is not ok and whose numbers are 0.

@@ -1,6 +1,6 @@
-// The numbers of base blocks, bins and transaction logs that the log code
-// reads: sizes, signatures and field offsets, named once. Everything here is
-// little-endian.
+// The numbers of transaction logs that the log code reads: sizes, signatures
+// and field offsets, named once; those of the hive itself come from the
+// store. Everything here is little-endian.
 #pragma once
 
 #include <cstddef>
@@ -8,6 +8,7 @@
 #include <cstring>
 #include <vector>
 
+#include "store/ByteOrder.h"
 #include "store/Format.h"
 
 namespace TamvikLogs {
@@ -20,8 +21,6 @@ constexpr std::uint32_t kMaxClustering = 8;       // sectors of 4096 bytes at mo
 constexpr std::uint32_t kBinUnit = Tamvik::kBinAlignment;
 constexpr std::uint32_t kBinHeaderBytes = Tamvik::kBinHeaderSize;
 
-constexpr char kRegfSignature[] = "regf";
-constexpr char kHbinSignature[] = "hbin";
 constexpr char kDirtSignature[] = "DIRT";
 constexpr char kEntrySignature[] = "HvLE";
 constexpr std::size_t kSignatureBytes = 4;
@@ -31,17 +30,11 @@ using namespace Tamvik::BaseBlockField;
 }  // namespace BaseField
 
 namespace FileType {
-constexpr std::uint32_t Primary = 0;
+constexpr std::uint32_t Primary = Tamvik::kPrimaryFileType;
 constexpr std::uint32_t OldLog = 1;
 constexpr std::uint32_t OldLog2000 = 2;  // the same layout, as Windows 2000 marked it
 constexpr std::uint32_t NewLog = 6;
 }  // namespace FileType
-
-namespace BinField {
-constexpr std::size_t Offset = Tamvik::BinField::BinOffset;
-constexpr std::size_t Size = Tamvik::BinField::BinSize;
-constexpr std::size_t Timestamp = Tamvik::BinField::Timestamp;
-}  // namespace BinField
 
 // A new-format log entry: a header, page references, then the pages.
 namespace EntryField {
@@ -60,15 +53,10 @@ constexpr std::uint32_t kEntryFlagsMask = 0x1;          // the one base block fl
 
 constexpr std::uint64_t kMarvinSeed = 0x82EF4D887A4E55C5;
 
-inline std::uint32_t Load32(const std::uint8_t* p) {
-    return p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<std::uint32_t>(p[3]) << 24);
-}
-inline std::uint64_t Load64(const std::uint8_t* p) {
-    return Load32(p) | (static_cast<std::uint64_t>(Load32(p + 4)) << 32);
-}
-inline void Store32(std::uint8_t* p, std::uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<std::uint8_t>(v >> (8 * i));
-}
+using Tamvik::LoadU32;
+using Tamvik::LoadU64;
+using Tamvik::StoreU32;
+
 inline bool HasSignature(const std::uint8_t* p, const char* signature) {
     return std::memcmp(p, signature, kSignatureBytes) == 0;
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "Hex.h"
+#include "store/BinWalk.h"
 
 namespace TamvikLogs {
 
@@ -14,7 +15,7 @@ HiveImage::HiveImage(const Bytes& primary) : bytes_(primary) {
 void HiveImage::TakeBaseBlock(const LogFile& log) {
     // Only the first sector was logged; the rest of the block stays.
     std::memcpy(bytes_.data(), log.bytes.data(), kLogSectorBytes);
-    Store32(bytes_.data() + BaseField::FileType, FileType::Primary);
+    StoreU32(bytes_.data() + BaseField::FileType, FileType::Primary);
 }
 
 void HiveImage::Grow(std::uint32_t binsSize) {
@@ -34,38 +35,37 @@ bool HiveImage::Written(std::uint64_t from, std::uint64_t to) const {
 
 std::string HiveImage::CheckBins(std::uint32_t binsSize, std::uint64_t vouched) {
     Grow(binsSize);
-    std::uint64_t at = 0;
-    while (at < binsSize) {
-        const std::uint8_t* h = bytes_.data() + kBaseBlockBytes + at;
+    for (Tamvik::BinWalk bins(binsSize); bins.More();) {
+        const std::uint64_t at = bins.At();
         // at and every size are multiples of kBinUnit, so a header fits.
-        const std::uint32_t size = Load32(h + BinField::Size);
+        const Tamvik::BinHeader h = Tamvik::BinHeader::Decode(bytes_.data() + kBaseBlockBytes + at);
         std::string fault;
-        if (!HasSignature(h, kHbinSignature))
+        if (!h.signatureOk)
             fault = "no \"hbin\" signature";
-        else if (Load32(h + BinField::Offset) != at)
-            fault = "it records its offset as " + Hex(Load32(h + BinField::Offset));
-        else if (size < kBinUnit || size % kBinUnit != 0 || size > binsSize - at)
-            fault = "its size " + Hex(size) + " doesn't fit";
+        else if (h.binOffset != at)
+            fault = "it records its offset as " + Hex(h.binOffset);
+        else if (!Tamvik::IsWholeBins(h.binSize) || h.binSize > binsSize - at)
+            fault = "its size " + Hex(h.binSize) + " doesn't fit";
         if (!fault.empty()) {
             if (Written(at, at + kBinHeaderBytes) || at >= vouched)
                 return "the bin at " + Hex(at) + " is broken: " + fault;
             return {};
         }
-        at += size;
+        bins.Next(h.binSize);
     }
     return {};
 }
 
 Bytes HiveImage::Finish(std::uint32_t sequence, std::uint32_t binsSize, std::optional<std::uint32_t> entryFlags) && {
     std::uint8_t* b = bytes_.data();
-    Store32(b + BaseField::Sequence1, sequence);
-    Store32(b + BaseField::Sequence2, sequence);
-    Store32(b + BaseField::FileType, FileType::Primary);
-    Store32(b + BaseField::BinsSize, binsSize);
+    StoreU32(b + BaseField::Sequence1, sequence);
+    StoreU32(b + BaseField::Sequence2, sequence);
+    StoreU32(b + BaseField::FileType, FileType::Primary);
+    Tamvik::EncodeBinsSize(b, binsSize);
     if (entryFlags)
-        Store32(b + BaseField::Flags,
-                (Load32(b + BaseField::Flags) & ~kEntryFlagsMask) | (*entryFlags & kEntryFlagsMask));
-    Store32(b + BaseField::Checksum, BaseBlockChecksum(b));
+        StoreU32(b + BaseField::Flags,
+                (LoadU32(b + BaseField::Flags) & ~kEntryFlagsMask) | (*entryFlags & kEntryFlagsMask));
+    Tamvik::EncodeChecksum(b);
     return std::move(bytes_);
 }
 

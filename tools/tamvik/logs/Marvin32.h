@@ -26,7 +26,7 @@ constexpr std::uint64_t Marvin32(const std::uint8_t* data, std::size_t size, std
     auto hi = static_cast<std::uint32_t>(seed >> 32);
     std::size_t i = 0;
     for (; size - i >= 4; i += 4) {
-        lo += data[i] | (data[i + 1] << 8) | (data[i + 2] << 16) | (static_cast<std::uint32_t>(data[i + 3]) << 24);
+        lo += LoadU32(data + i);
         MarvinDetail::Mix(lo, hi);
     }
     std::uint32_t last = 0x80u << (8 * (size - i));

@@ -15,19 +15,19 @@ namespace {
 std::string ReadEntry(const Bytes& b, LogEntry& e) {
     const std::uint8_t* p = b.data() + e.at;
     const std::size_t left = b.size() - e.at;
-    e.size = Load32(p + EntryField::Size);
-    e.flags = Load32(p + EntryField::Flags);
-    e.binsSize = Load32(p + EntryField::BinsSize);
-    const std::uint32_t count = Load32(p + EntryField::PageCount);
+    e.size = LoadU32(p + EntryField::Size);
+    e.flags = LoadU32(p + EntryField::Flags);
+    e.binsSize = LoadU32(p + EntryField::BinsSize);
+    const std::uint32_t count = LoadU32(p + EntryField::PageCount);
     if (e.size < EntryField::PageRefs || e.size % kLogSectorBytes != 0)
         return "size " + std::to_string(e.size) + " is not a multiple of 512";
     if (e.size > left)
         return "size " + std::to_string(e.size) + " runs past the end of the file (" + std::to_string(left) +
                " bytes left): the log is truncated";
-    if (Marvin32(p + EntryField::PageRefs, e.size - EntryField::PageRefs) != Load64(p + EntryField::Hash1))
+    if (Marvin32(p + EntryField::PageRefs, e.size - EntryField::PageRefs) != LoadU64(p + EntryField::Hash1))
         return "hash-1 is wrong: its pages are not what was logged";
-    if (Marvin32(p, kHash2Bytes) != Load64(p + EntryField::Hash2)) return "hash-2 is wrong: its header is damaged";
-    if (e.binsSize == 0 || e.binsSize % kBinUnit != 0)
+    if (Marvin32(p, kHash2Bytes) != LoadU64(p + EntryField::Hash2)) return "hash-2 is wrong: its header is damaged";
+    if (!Tamvik::IsWholeBins(e.binsSize))
         return "bins size " + Hex(e.binsSize) + " is not a positive multiple of 4096";
     if (count > (e.size - EntryField::PageRefs) / kPageRefBytes)
         return std::to_string(count) + " page references don't fit in the entry";
@@ -35,7 +35,7 @@ std::string ReadEntry(const Bytes& b, LogEntry& e) {
     const std::size_t end = e.at + e.size;
     for (std::uint32_t i = 0; i < count; ++i) {
         const std::uint8_t* ref = p + EntryField::PageRefs + i * kPageRefBytes;
-        PageCopy page{Load32(ref), data, Load32(ref + 4)};
+        PageCopy page{LoadU32(ref), data, LoadU32(ref + 4)};
         if (static_cast<std::uint64_t>(page.binsOffset) + page.size > e.binsSize)
             return "page " + std::to_string(i) + " at " + Hex(page.binsOffset) + " runs past its bins size " +
                    Hex(e.binsSize);
@@ -58,11 +58,11 @@ void ParseNewLog(LogFile& log) {
         e.at = at;
         if (b.size() - at < EntryField::PageRefs) {
             e.sequenceKnown = b.size() - at >= EntryField::Sequence + 4;
-            if (e.sequenceKnown) e.sequence = Load32(b.data() + at + EntryField::Sequence);
+            if (e.sequenceKnown) e.sequence = LoadU32(b.data() + at + EntryField::Sequence);
             e.problem = "header cut short: the log is truncated";
         } else {
             e.sequenceKnown = true;
-            e.sequence = Load32(b.data() + at + EntryField::Sequence);
+            e.sequence = LoadU32(b.data() + at + EntryField::Sequence);
             e.problem = ReadEntry(b, e);
         }
         if (!e.problem.empty()) e.pages.clear();

@@ -17,7 +17,7 @@ void ParseOldLog(LogFile& log) {
     const Bytes& b = log.bytes;
     const std::uint32_t binsSize = log.base.binsSize;
     const std::size_t sector = log.base.SectorBytes();
-    if (binsSize == 0 || binsSize % kBinUnit != 0) {
+    if (!Tamvik::IsWholeBins(binsSize)) {
         log.problem = "its bins size " + std::to_string(binsSize) + " is not a positive multiple of 4096";
         return;
     }
