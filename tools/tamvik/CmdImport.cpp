@@ -101,10 +101,10 @@ int RunImport(const Args& args) {
                         kExitUsage);
     }
 
-    EditSession edit(args.positional[0], EditOptions::From(args));
+    EditSession edit(HivePlace::From(args), EditOptions::From(args));
     std::size_t failures = 0;
     {
-        HiveSession session(edit.WorkPath(), false, edit.HivePath());
+        HiveSession& session = edit.Session();
         failures = Apply(session, parse.ops, paths, args.Has("--windows-order"));
     }
     // What could be imported is kept; each entry that couldn't was told.

@@ -21,24 +21,19 @@ std::string Hex(std::uint64_t value) {
     return buffer;
 }
 
-HiveFile::HiveFile(const std::string& path) {
-    std::FILE* f = std::fopen(path.c_str(), "rb");
-    if (f == nullptr) throw ToolError(path + ": can't open (" + std::strerror(errno) + ")");
-    std::uint8_t buffer[65536];
-    std::size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0) bytes_.insert(bytes_.end(), buffer, buffer + n);
-    bool failed = std::ferror(f) != 0;
-    std::fclose(f);
-    if (failed) throw ToolError(path + ": can't read (read error)");
+HiveFile::HiveFile(HiveSource& source) {
+    std::string error;
+    if (!source.ReadHive(&bytes_, &error))
+        throw ToolError(source.Name() + (error == "read error" ? ": can't read (" : ": can't open (") + error + ")");
     fileSize_ = bytes_.size();
     ReadBaseBlock();
     ScanBins();
 }
 
-std::string WhyNotAHive(const std::string& path) {
-    TamvikLogs::Bytes head;
+std::string WhyNotAHive(HiveSource& source) {
+    Bytes head;
     std::string error;
-    if (!TamvikLogs::ReadFile(path, &head, &error, kBaseBlockBytes)) return error;
+    if (!source.ReadHive(&head, &error, kBaseBlockBytes)) return error;
     if (head.empty()) return "empty file";
     if (head.size() < kBaseBlockBytes)
         return "only " + std::to_string(head.size()) + " bytes, fewer than the 4096 of a base block";

@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "HiveSource.h"
 #include "Text.h"
 #include "store/Format.h"
 
@@ -46,7 +47,7 @@ struct CellCounts {
 class HiveFile {
 public:
     // Reads the file; throws ToolError when it can't be read at all.
-    explicit HiveFile(const std::string& path);
+    explicit HiveFile(HiveSource& source);
 
     const BaseBlock& Base() const { return base_; }
     const std::vector<Bin>& Bins() const { return bins_; }
@@ -86,6 +87,6 @@ std::string Hex(std::uint64_t value);
 // Why the library won't open a file as a hive, read from its base block:
 // "empty file", "only 12 bytes, ...", "no regf signature", "base block
 // checksum is wrong: ..."; empty when none of these holds.
-std::string WhyNotAHive(const std::string& path);
+std::string WhyNotAHive(HiveSource& source);
 
 }  // namespace TamvikTool
