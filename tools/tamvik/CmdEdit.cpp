@@ -63,10 +63,10 @@ int RunMkkey(const Args& args) {
     for (const auto& part : path)
         if (std::string problem = NameProblem(part, true); !problem.empty())
             UsageError("key " + ShowPath(path) + ": " + problem);
+    const bool windowsOrder = WindowsOrder(args);
     EditSession edit(HivePlace::From(args), EditOptions::From(args));
     {
         HiveSession& session = edit.Session();
-        const bool windowsOrder = args.Has("--windows-order");
         KeyWriter writer(session,
                          windowsOrder ? Tamvik::ListOrder::Windows : Tamvik::ListOrder::Library);
         std::string why;

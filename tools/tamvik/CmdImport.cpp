@@ -101,11 +101,12 @@ int RunImport(const Args& args) {
                         kExitUsage);
     }
 
+    const bool windowsOrder = WindowsOrder(args);
     EditSession edit(HivePlace::From(args), EditOptions::From(args));
     std::size_t failures = 0;
     {
         HiveSession& session = edit.Session();
-        failures = Apply(session, parse.ops, paths, args.Has("--windows-order"));
+        failures = Apply(session, parse.ops, paths, windowsOrder);
     }
     // What could be imported is kept; each entry that couldn't was told.
     edit.Commit();

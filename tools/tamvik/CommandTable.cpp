@@ -21,6 +21,10 @@ const OptionSpec kOverlay{"--overlay", nullptr, "NEW.qcow2",
                           "with --image: write into this new qcow2 overlay of the\n"
                           "image, which stays as it was (inside an image an edit\n"
                           "is otherwise made in place: there is no copy to rename)"};
+const OptionSpec kWindowsOrder{"--windows-order", nullptr, nullptr, "the default: see --library-order"};
+const OptionSpec kLibraryOrder{"--library-order", nullptr, nullptr,
+                               "put new keys where the library's exported functions\n"
+                               "do (_stricmp order), not where Windows looks for them"};
 
 // A reading command's options, then those naming a hive inside an image.
 std::vector<OptionSpec> Reading(std::vector<OptionSpec> options) {
@@ -86,10 +90,7 @@ const std::vector<Command>& AllCommands() {
          "the root ([\\A\\B] without a prefix).\n",
          RunExport},
         {"import", "merge a .reg file into a hive", "HIVE FILE.reg", 2, 2,
-         Editing({{"--prefix", nullptr, "P", "prefix to strip from every key path"},
-                  {"--windows-order", nullptr, nullptr,
-                   "put new subkeys, and every list they join, in the\n"
-                   "order Windows keeps (see tamvik check --help)"},
+         Editing({{"--prefix", nullptr, "P", "prefix to strip from every key path"}, kLibraryOrder, kWindowsOrder,
                   kForce, kInPlace}),
          "Creates keys as needed, creates or replaces values (the default value @,\n"
          "empty data and names in any script included), deletes [-keys] with\n"
@@ -97,7 +98,9 @@ const std::vector<Command>& AllCommands() {
          "prefix (default: a backslash, as export writes them). FILE - reads\n"
          "standard input. The whole file is parsed before the hive is opened; an\n"
          "entry that can't be stored is told, and the rest is imported (exit 1).\n"
-         "A REGEDIT4 file's hex string data is read as ANSI (code page 1252).\n",
+         "A REGEDIT4 file's hex string data is read as ANSI (code page 1252).\n"
+         "New keys go where Windows' binary search looks for them, and every list\n"
+         "they join is put in the order Windows keeps (see tamvik check --help).\n",
          RunImport},
         {"set", "create or replace one value", "HIVE PATH NAME TYPE VALUE...", 5, -1, Editing({kForce, kInPlace}),
          "TYPE: sz, expand_sz, multi_sz, dword, dword_be, qword, binary, none, link,\n"
@@ -111,10 +114,10 @@ const std::vector<Command>& AllCommands() {
          "line break dropped; multi_sz one string a line).\n",
          RunSet, nullptr, "HIVE PATH NAME TYPE @FILE|-"},
         {"mkkey", "create a key and any missing keys above it", "HIVE PATH", 2, 2,
-         Editing({{"--windows-order", nullptr, nullptr, "put the lists it joins in the order Windows keeps"}, kForce,
-                  kInPlace}),
+         Editing({kLibraryOrder, kWindowsOrder, kForce, kInPlace}),
          "Fails with 72 (already exists) when the key is there already. A new key\n"
-         "joins its parent's list where the library puts it (_stricmp order).\n",
+         "goes where Windows' binary search looks for it, and every list it joins\n"
+         "is put in the order Windows keeps (see tamvik check --help).\n",
          RunMkkey},
         {"rm", "delete one value", "HIVE PATH NAME", 3, 3, Editing({kForce, kInPlace}), "NAME '' is the default value.\n",
          RunRm},
@@ -136,9 +139,9 @@ const std::vector<Command>& AllCommands() {
          "problem; notes tell what its logs hold and what tamvik replay would do.\n"
          "A subkey list out of the order Windows keeps (names upper-cased, then\n"
          "compared unit by unit) is a warning naming its key: Windows looks keys up\n"
-         "by binary search and may not find a key out of place. The library puts\n"
-         "new keys in _stricmp order, which differs for names with [\\]^_ and\n"
-         "letters beyond ASCII.\n",
+         "by binary search and may not find a key out of place. The library's\n"
+         "exported functions put new keys in _stricmp order, which differs for names\n"
+         "with [\\]^_ and letters beyond ASCII.\n",
          RunCheck, "[-q] [--repair [--force] [--in-place]] [--image IMAGE [--partition N] [--overlay NEW.qcow2]]"},
         {"new", "write a new empty hive", "HIVE", 1, 1,
          {{"--minor", nullptr, "N", "minor version, 2 to 6"},
