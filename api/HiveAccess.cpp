@@ -65,7 +65,25 @@ class DeviceStore : public ImageStore {
 public:
     DeviceStore(CRegVolumeDevice* device, void* handle) : device_(device), handle_(handle) {}
     ~DeviceStore() override { device_->DeviceClose(handle_); }
-    std::optional<std::uint64_t> Length() override { return std::nullopt; }
+    // The device tells no size: the file ends before the first byte that
+    // can't be read, found by doubling and then halving. The whole file is
+    // read, as from a file, bins past those the header counts included.
+    std::optional<std::uint64_t> Length() override {
+        std::uint64_t readable = 0, unreadable = kBaseBlockSize;  // a byte at readable - 1 can be read
+        while (unreadable <= kMaxLength && Readable(unreadable)) {
+            readable = unreadable + 1;
+            unreadable *= 2;
+        }
+        if (unreadable > kMaxLength) return std::nullopt;
+        while (readable < unreadable) {
+            const std::uint64_t middle = readable + (unreadable - readable) / 2;
+            if (Readable(middle))
+                readable = middle + 1;
+            else
+                unreadable = middle;
+        }
+        return readable;
+    }
     std::uint64_t ReadAt(std::uint64_t position, std::uint8_t* target, std::uint64_t length) override {
         if (Transfer(position, target, length, false)) return length;
         // A read is all or nothing: short of the whole, it goes on a bin's size
@@ -84,6 +102,13 @@ public:
     bool Sync() override { return true; }  // the device has no call for it: what it took, it holds
 
 private:
+    // No hive file is longer: cell offsets are 32-bit and count from the base block's end.
+    static constexpr std::uint64_t kMaxLength = (std::uint64_t{1} << 32) + kBaseBlockSize;
+
+    bool Readable(std::uint64_t position) {
+        std::uint8_t byte = 0;
+        return Transfer(position, &byte, 1, false);
+    }
     bool Transfer(std::uint64_t position, std::uint8_t* bytes, std::uint64_t length, bool write) {
         for (std::uint64_t done = 0; done < length;) {
             const auto chunk = static_cast<std::uint32_t>(std::min<std::uint64_t>(length - done, 1u << 30));

@@ -14,6 +14,7 @@
 extern "C" {
 #include <ntfs-3g/mst.h>
 }
+#include "support/HiveBuilder.h"
 #include "support/Peers.h"
 
 namespace TamvikTest {
@@ -139,20 +140,24 @@ void SpoilNtfs(const std::string& file, const std::string& how) {
     ntfs_umount(volume, FALSE);
 }
 
-std::uint64_t MakeDisk(const std::string& disk, Table table, const std::string& volume) {
+std::uint64_t MakeDisk(const std::string& disk, Table table, const std::string& volume, bool twice) {
     if (table == Table::None) {
         Run("cp " + Quoted(volume) + " " + Quoted(disk));
         return 0;
     }
     const std::uint64_t start = table == Table::Gpt ? 4096 : 6144;  // sectors
+    const std::uint64_t bytes = ReadFileBytes(volume).size(), again = start + bytes / 512;
+    const std::string ntfs = "type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7\\n";
     const std::string layout =
-        table == Table::Gpt ? "label: gpt\\nstart=2048, size=1025, type=L\\n"
-                              "start=4096, type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7\\n"
+        table == Table::Gpt ? "label: gpt\\nstart=2048, size=1025, type=L\\nstart=4096, " +
+                                  (twice ? "size=" + std::to_string(bytes / 512) + ", " + ntfs + "start=" +
+                                               std::to_string(again) + ", " : "") + ntfs
                             : "label: dos\\nstart=2048, size=1025, type=83\\nstart=4096, type=5\\nstart=6144, type=7\\n";
-    const std::uint64_t bytes = ReadFileBytes(volume).size();
-    Run("truncate -s " + std::to_string(start * 512 + bytes + (1 << 20)) + " " + Quoted(disk) + " && printf '" +
-        layout + "' | PATH=$PATH:/usr/sbin sfdisk -q " + Quoted(disk) + " && dd if=" + Quoted(volume) + " of=" +
-        Quoted(disk) + " bs=512 seek=" + std::to_string(start) + " conv=notrunc status=none");
+    Run("truncate -s " + std::to_string(start * 512 + bytes * (twice ? 2 : 1) + (1 << 20)) + " " + Quoted(disk) +
+        " && printf '" + layout + "' | PATH=$PATH:/usr/sbin sfdisk -q " + Quoted(disk));
+    for (std::uint64_t at : twice ? std::vector<std::uint64_t>{start, again} : std::vector<std::uint64_t>{start})
+        Run("dd if=" + Quoted(volume) + " of=" + Quoted(disk) + " bs=512 seek=" + std::to_string(at) +
+            " conv=notrunc status=none");
     // Partition 1 (of an odd size: a count read a byte too long shows) holds
     // ext2 labelled "linux", made in place.
     Run("PATH=$PATH:/usr/sbin mke2fs -q -F -t ext2 -L linux -E offset=1048576 " + Quoted(disk) + " 512k");
@@ -195,6 +200,35 @@ std::string NtfsComplaints(const std::string& image, std::uint64_t start, const 
         if (status != 0) said += check + ": " + out;
     }
     return said;
+}
+
+Bytes SmallHive(const std::string& name) {
+    HiveBuilder builder;
+    builder.AddTree(TreeKey{"ROOT", {{"Where", 1, {'i', 0, 'n', 0, 0, 0}}},
+                            {TreeKey{name, {{"N", 4, {1, 0, 0, 0}}, {"B", 3, Bytes(300, 7)}}}, TreeKey{"Other"}}});
+    return builder.Build();
+}
+
+std::vector<NtfsFile> WindowsFiles() {
+    return {{kSystem, SmallHive("Select")},
+            {kSystem + ".LOG1", Bytes(512, 0)},
+            {"Windows/System32/config/SOFTWARE", SmallHive("Microsoft")},
+            {"Windows/System32/config/systemprofile/x", Bytes(1, 0)},
+            {"Users/Jos\xc3\xa9/NTUSER.DAT", SmallHive("Software")},
+            {"Users/Jos\xc3\xa9/AppData/Local/Microsoft/Windows/UsrClass.dat", SmallHive("Local Settings")},
+            {"Users/Public/desktop.ini", Bytes(10, ' ')},
+            {"EFI/Microsoft/Boot/BCD", SmallHive("Objects")},
+            {"secret.dat", Bytes(8192, 1), true}};
+}
+
+Kit MakeImage(const ScratchDir& scratch, Table table, const std::string& format, const std::string& options,
+              std::vector<NtfsFile> files, const std::string& spoil, bool twice) {
+    MakeNtfs(scratch / "volume.ntfs", 16 << 20, "Windows", files);
+    if (!spoil.empty()) SpoilNtfs(scratch / "volume.ntfs", spoil);
+    const std::uint64_t start = MakeDisk(scratch / "disk.raw", table, scratch / "volume.ntfs", twice);
+    if (format == "raw") return {scratch / "disk.raw", start};
+    ConvertImage(scratch / "disk.raw", format, scratch / ("disk." + format), options);
+    return {scratch / ("disk." + format), start};
 }
 
 std::string FileDigest(const std::string& path) { return Run("sha256sum < " + Quoted(path)); }

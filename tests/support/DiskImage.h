@@ -47,10 +47,10 @@ void MakeNtfs(const std::string& file, std::uint64_t size, const std::string& la
 void SpoilNtfs(const std::string& file, const std::string& how);
 
 enum class Table { Gpt, Mbr, None };
-// A raw disk with the volume as its NTFS partition: GPT (ext2 1, NTFS 2), MBR
-// (ext2 1, extended 2 holding the NTFS as logical 5) or no table (the volume
-// itself). Gives where the NTFS starts.
-std::uint64_t MakeDisk(const std::string& disk, Table table, const std::string& volume);
+// A raw disk with the volume as its NTFS partition: GPT (ext2 1, NTFS 2, and
+// with twice the same volume again as 3), MBR (ext2 1, extended 2 holding the
+// NTFS as logical 5) or no table (the volume itself). Gives where the NTFS starts.
+std::uint64_t MakeDisk(const std::string& disk, Table table, const std::string& volume, bool twice = false);
 
 // qemu-img convert from a raw disk; options as -o takes them.
 void ConvertImage(const std::string& raw, const std::string& format, const std::string& to,
@@ -61,6 +61,23 @@ void ConvertImage(const std::string& raw, const std::string& format, const std::
 Bytes ExtractFile(const std::string& image, std::uint64_t start, const std::string& path, const ScratchDir& scratch);
 // What ntfsfix -n and fsntfsinfo say against the NTFS at start; empty when both are content.
 std::string NtfsComplaints(const std::string& image, std::uint64_t start, const ScratchDir& scratch);
+
+const std::string kSystem = "Windows/System32/config/SYSTEM";
+
+// A hive of a key ROOT with a subkey of that name and one more.
+Bytes SmallHive(const std::string& name);
+// A volume as Windows lays one out, a few files that aren't hives among the hives.
+std::vector<NtfsFile> WindowsFiles();
+
+struct Kit {
+    std::string image;
+    std::uint64_t start;  // of the NTFS
+};
+
+// A 16 MiB volume of these files (spoilt as SpoilNtfs says), on a disk with
+// that table, in that format (made with qemu-img's -o options).
+Kit MakeImage(const ScratchDir& scratch, Table table, const std::string& format, const std::string& options = "",
+              std::vector<NtfsFile> files = WindowsFiles(), const std::string& spoil = "", bool twice = false);
 
 std::string FileDigest(const std::string& path);
 // Sets bytes of a file in place.

@@ -152,6 +152,14 @@ TEST(Access, ThroughADeviceAndDespiteABadChecksum) {
     EXPECT_NE(device.calls.back().text.find("write"), std::string::npos) << "on the device when the call returns";
     EXPECT_TRUE(hive->Close());
     EXPECT_EQ(device.calls.back().text, "close");
+    // A header whose bins size cuts through the root's value list (at 0x5ed0):
+    // through a device too the file is read whole, as from a file.
+    b.SetBinsSize(24280);
+    TempFile uncounted(b.Build());
+    ASSERT_TRUE(HiveAccess::Open(&device, uncounted.WidePath(), OpenMode::ReadOnly, &hive));
+    const std::unique_ptr<HiveAccess> fromFile = Opened(uncounted, OpenMode::ReadOnly);
+    EXPECT_EQ(Values(*hive, hive->Root()), Values(*fromFile, fromFile->Root()));
+    b.SetBinsSize(-1);
     // A new hive, where no file is yet.
     const std::string fresh = file.Path() + ".new";
     EXPECT_EQ(HiveAccess::CreateHive(file.Path(), {}).code, StatusCode::Exists);

@@ -23,44 +23,6 @@ using namespace RegAPI;
 using namespace TamvikTest;
 namespace ti = TamvikImage;
 
-const std::string kSystem = "Windows/System32/config/SYSTEM";
-
-Bytes SmallHive(const std::string& name) {
-    HiveBuilder builder;
-    builder.AddTree(TreeKey{"ROOT", {{"Where", 1, {'i', 0, 'n', 0, 0, 0}}},
-                            {TreeKey{name, {{"N", 4, {1, 0, 0, 0}}, {"B", 3, Bytes(300, 7)}}}, TreeKey{"Other"}}});
-    return builder.Build();
-}
-
-// A volume as Windows lays one out, a few files that aren't hives among the hives.
-std::vector<NtfsFile> WindowsFiles() {
-    return {{kSystem, SmallHive("Select")},
-            {kSystem + ".LOG1", Bytes(512, 0)},
-            {"Windows/System32/config/SOFTWARE", SmallHive("Microsoft")},
-            {"Windows/System32/config/systemprofile/x", Bytes(1, 0)},
-            {"Users/Jos\xc3\xa9/NTUSER.DAT", SmallHive("Software")},
-            {"Users/Jos\xc3\xa9/AppData/Local/Microsoft/Windows/UsrClass.dat", SmallHive("Local Settings")},
-            {"Users/Public/desktop.ini", Bytes(10, ' ')},
-            {"EFI/Microsoft/Boot/BCD", SmallHive("Objects")},
-            {"secret.dat", Bytes(8192, 1), true}};
-}
-
-struct Kit {
-    std::string image;
-    std::uint64_t start;  // of the NTFS
-};
-
-Kit MakeImage(const ScratchDir& scratch, Table table, const std::string& format, const std::string& options = "",
-              std::vector<NtfsFile> files = WindowsFiles(), const std::string& spoil = "") {
-    MakeNtfs(scratch / "volume.ntfs", 16 << 20, "Windows", files);
-    if (!spoil.empty()) SpoilNtfs(scratch / "volume.ntfs", spoil);
-    const std::uint64_t start = MakeDisk(scratch / "disk.raw", table, scratch / "volume.ntfs");
-    if (format == "raw") return {scratch / "disk.raw", start};
-    ConvertImage(scratch / "disk.raw", format, scratch / ("disk." + format));
-    if (!options.empty()) ConvertImage(scratch / "disk.raw", format, scratch / ("disk." + format), options);
-    return {scratch / ("disk." + format), start};
-}
-
 std::unique_ptr<ti::Image> OpenImage(const std::string& path, ti::OpenOptions options = {}) {
     ti::Error error;
     std::unique_ptr<ti::Image> image = ti::Image::Open(path, options, error);

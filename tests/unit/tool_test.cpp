@@ -346,13 +346,14 @@ TEST_F(Tool, InterruptedImportsLeaveTheOldHiveOrTheNew) {
     EXPECT_EQ(Cli({"mkkey", hive, "A"}).status, 0);
 }
 
-// New subkeys join a list where the library puts them (_stricmp order); check
-// tells a list out of Windows' order (upper case, ordinal), and --repair or
-// --windows-order puts it in that order, changing the list cells alone.
-TEST_F(Tool, WindowsOrderOnRequest) {
+// With --library-order new subkeys join a list where the library puts them
+// (_stricmp order); check tells a list out of Windows' order (upper case,
+// ordinal), and --repair or the default order puts it in that order, changing
+// the list cells alone.
+TEST_F(Tool, LibraryOrderOnRequestWindowsOrderByDefault) {
     const std::string hive = NewHive();
     for (const char* name : {"TCPIP6TUNNEL", "tcpipreg", "Tcpip_Helper", "[x]", "\xc3\xa9", "E"})
-        ASSERT_EQ(Cli({"mkkey", hive, std::string("A\\") + name}).status, 0) << name;
+        ASSERT_EQ(Cli({"mkkey", hive, std::string("A\\") + name, "--library-order"}).status, 0) << name;
     EXPECT_EQ(Cli({"ls", hive, "A"}).out, "[x]\\\nE\\\nTCPIP6TUNNEL\\\nTcpip_Helper\\\ntcpipreg\\\n\xc3\xa9\\\n");
     const ToolRun check = Cli({"check", hive});
     EXPECT_EQ(check.status, 0);
@@ -379,8 +380,8 @@ TEST_F(Tool, WindowsOrderOnRequest) {
     };
     EXPECT_EQ(hints(Image(after)), hints(Image(before)));
     EXPECT_EQ(Cli({"check", hive}).out.find("warning at"), std::string::npos);
-    for (const char* name : {"B\\_", "B\\a"}) ASSERT_EQ(Cli({"mkkey", hive, name}).status, 0);
-    EXPECT_EQ(Cli({"mkkey", hive, "B\\Z", "--windows-order"}).status, 0);
+    for (const char* name : {"B\\_", "B\\a"}) ASSERT_EQ(Cli({"mkkey", hive, name, "--library-order"}).status, 0);
+    EXPECT_EQ(Cli({"mkkey", hive, "B\\Z"}).status, 0);
     EXPECT_EQ(Cli({"ls", hive, "B"}).out, "a\\\nZ\\\n_\\\n");
     // A unit past 0xFF among the first four clears an lf hint's low byte; U+00FF still fits.
     for (const char* name : {"C\\\xc3\xbfz", "C\\\xc4\x81" "b"})
@@ -469,7 +470,7 @@ TEST_P(ToolOnRealHives, CheckAndExportImportIdentity) {
     EXPECT_NE(Cli({"info", original}).out.find("(ok)"), std::string::npos);
     ASSERT_EQ(Cli({"export", original, "-o", At("x.reg")}).status, 0);
     const std::string copy = NewHive();
-    const ToolRun import = Cli({"import", copy, At("x.reg"), "--windows-order"});
+    const ToolRun import = Cli({"import", copy, At("x.reg")});
     EXPECT_EQ(import.status, 0);
     EXPECT_EQ(import.err, "") << "no entry refused";
     EXPECT_EQ(Cli({"check", copy, "-q"}).status, 0);
@@ -502,7 +503,7 @@ TEST_F(Tool, AnRiListTakesNewKeysAndSorts) {
     fs::copy_file(SharedHives() + "/clean/nt-hive__testhive", hive);
     fs::permissions(hive, fs::perms::owner_read | fs::perms::owner_write);
     for (const char* name : {"[x]", "keyA", "key_", "\xc3\xbf"})
-        ASSERT_EQ(Cli({"mkkey", hive, std::string("subkey-test\\") + name}).status, 0) << name;
+        ASSERT_EQ(Cli({"mkkey", hive, std::string("subkey-test\\") + name, "--library-order"}).status, 0) << name;
     EXPECT_TRUE(Cli({"ls", hive, "subkey-test"}).out.starts_with("\xc3\xbf\\\n[x]\\\nKey0\\\n"));
     EXPECT_NE(Cli({"check", hive}).out.find("at key \\subkey-test: subkey list not in Windows order"), std::string::npos);
     EXPECT_EQ(Cli({"check", hive, "--repair"}).status, 0);

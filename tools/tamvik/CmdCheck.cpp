@@ -49,9 +49,9 @@ std::string OrderProblem(const std::vector<SubKey>& subKeys) {
 
 // Puts the lists in Windows order, in a copy that replaces the hive.
 void Repair(const std::string& hive, const std::vector<KeyPath>& lists, const Args& args) {
-    EditSession edit(hive, EditOptions::From(args));
+    EditSession edit(HivePlace::From(args), EditOptions::From(args));
     {
-        HiveSession session(edit.WorkPath(), false, edit.HivePath());
+        HiveSession& session = edit.Session();
         KeyWriter writer(session);
         for (const KeyPath& path : lists) {
             bool changed = false;
@@ -66,13 +66,15 @@ void Repair(const std::string& hive, const std::vector<KeyPath>& lists, const Ar
 }
 
 int RunCheck(const Args& args) {
-    const std::string& hive = args.positional[0];
+    const HivePlace place = HivePlace::From(args);
+    std::unique_ptr<HiveSource> source = place.Source();
+    const std::string hive = source->Name();
     std::vector<KeyPath> unordered;
     Tally tally;
-    HiveFile file(hive);
+    HiveFile file(*source);
     for (const Finding& f : file.Findings()) Report(hive, f, &tally);
     // The dirt itself is among the findings above; these say what can mend it.
-    if (const DirtyState dirt = InspectDirt(hive); dirt.dirty) {
+    if (const DirtyState dirt = InspectDirt(*source, place.ReplayArguments()); dirt.dirty) {
         for (const std::string& log : dirt.logs) std::printf("%s: note: log %s\n", hive.c_str(), log.c_str());
         std::printf("%s: note: the hive is dirty; replay %s\n", hive.c_str(), dirt.replay.c_str());
     }
@@ -85,7 +87,7 @@ int RunCheck(const Args& args) {
     // The same hive through the library: every key opened, every value read.
     std::uint64_t keys = 0, values = 0;
     try {
-        HiveSession session(hive, true);
+        HiveSession session(*source);
         Progress progress("check: keys");
         WalkEvents events;
         events.onKey = [&](const KeyPath& at, Cell key) {
@@ -119,6 +121,7 @@ int RunCheck(const Args& args) {
         ++tally.problems;
         std::printf("%s\n", e.what());
     }
+    source.reset();  // a repair opens the image again, for writing
     if (args.Has("--repair") && !unordered.empty()) Repair(hive, unordered, args);
     if (!args.Has("-q"))
         std::printf("%s: %llu problem(s), %llu warning(s); %llu keys and %llu values in the file's tree, %llu keys "

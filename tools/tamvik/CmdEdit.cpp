@@ -43,9 +43,9 @@ int RunSet(const Args& args) {
     const bool fromInput = values.size() == 1 && (values[0] == "-" || values[0].rfind('@', 0) == 0);
     const Bytes data = fromInput ? DataFromInput(*type, ReadInput(values[0] == "-" ? values[0] : values[0].substr(1)))
                                  : DataFromArguments(*type, values);
-    EditSession edit(args.positional[0], EditOptions::From(args));
+    EditSession edit(HivePlace::From(args), EditOptions::From(args));
     {
-        HiveSession session(edit.WorkPath(), false, edit.HivePath());
+        HiveSession& session = edit.Session();
         KeyWriter writer(session);
         Cell key = 0;
         std::string why;
@@ -63,10 +63,10 @@ int RunMkkey(const Args& args) {
     for (const auto& part : path)
         if (std::string problem = NameProblem(part, true); !problem.empty())
             UsageError("key " + ShowPath(path) + ": " + problem);
-    EditSession edit(args.positional[0], EditOptions::From(args));
+    const bool windowsOrder = WindowsOrder(args);
+    EditSession edit(HivePlace::From(args), EditOptions::From(args));
     {
-        HiveSession session(edit.WorkPath(), false, edit.HivePath());
-        const bool windowsOrder = args.Has("--windows-order");
+        HiveSession& session = edit.Session();
         KeyWriter writer(session,
                          windowsOrder ? Tamvik::ListOrder::Windows : Tamvik::ListOrder::Library);
         std::string why;
@@ -84,9 +84,9 @@ int RunMkkey(const Args& args) {
 int RunRm(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional[1]);
     const std::u16string name = ValueName(args.positional[2]);
-    EditSession edit(args.positional[0], EditOptions::From(args));
+    EditSession edit(HivePlace::From(args), EditOptions::From(args));
     {
-        HiveSession session(edit.WorkPath(), false, edit.HivePath());
+        HiveSession& session = edit.Session();
         KeyWriter writer(session);
         std::string why;
         int r = writer.DeleteValue(path, name, &why);
@@ -99,9 +99,9 @@ int RunRm(const Args& args) {
 int RunRmkey(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional[1]);
     if (path.empty()) UsageError("the root key can't be deleted");
-    EditSession edit(args.positional[0], EditOptions::From(args));
+    EditSession edit(HivePlace::From(args), EditOptions::From(args));
     {
-        HiveSession session(edit.WorkPath(), false, edit.HivePath());
+        HiveSession& session = edit.Session();
         KeyWriter writer(session);
         std::string why;
         int r = writer.DeleteKey(path, args.Has("-r"), &why);

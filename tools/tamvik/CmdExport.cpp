@@ -28,7 +28,7 @@ std::u16string KeyLine(const std::u16string& prefix, const KeyPath& path) {
 int RunExport(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional.size() > 1 ? args.positional[1] : "");
     const std::u16string prefix = ParsePrefix(args.Value("--prefix").value_or(""));
-    HiveSession session(args.positional[0], true);
+    HiveSession session(HivePlace::From(args));
     const Cell start = session.Open(path);
 
     std::unique_ptr<std::FILE, FileCloser> file;

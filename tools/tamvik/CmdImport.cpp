@@ -101,11 +101,12 @@ int RunImport(const Args& args) {
                         kExitUsage);
     }
 
-    EditSession edit(args.positional[0], EditOptions::From(args));
+    const bool windowsOrder = WindowsOrder(args);
+    EditSession edit(HivePlace::From(args), EditOptions::From(args));
     std::size_t failures = 0;
     {
-        HiveSession session(edit.WorkPath(), false, edit.HivePath());
-        failures = Apply(session, parse.ops, paths, args.Has("--windows-order"));
+        HiveSession& session = edit.Session();
+        failures = Apply(session, parse.ops, paths, windowsOrder);
     }
     // What could be imported is kept; each entry that couldn't was told.
     edit.Commit();

@@ -10,11 +10,13 @@
 namespace TamvikTool {
 
 int RunInfo(const Args& args) {
-    const HiveFile file(args.positional[0]);
+    const HivePlace place = HivePlace::From(args);
+    const std::unique_ptr<HiveSource> source = place.Source();
+    const HiveFile file(*source);
     const Tamvik::HiveScan& scan = file.Scan();
     // A file without a base block has no facts to show.
     if (scan.FileSize() < Tamvik::kBaseBlockSize || !scan.Base().signatureOk)
-        throw ToolError(args.positional[0] + ": not a hive (" + WhyNotAHive(args.positional[0]) + ")");
+        throw ToolError(source->Name() + ": not a hive (" + WhyNotAHive(*source) + ")");
     const Tamvik::BaseBlock& b = scan.Base();
     const Tamvik::CellCounts& c = scan.Counts();
     std::printf("signature       %s\n", b.signatureOk ? "regf" : "(not regf)");
@@ -37,13 +39,13 @@ int RunInfo(const Args& args) {
                 static_cast<unsigned long long>(c.usedCells));
     std::printf("free space      %llu bytes in %llu cells\n", static_cast<unsigned long long>(c.freeBytes),
                 static_cast<unsigned long long>(c.freeCells));
-    const DirtyState dirt = InspectDirt(args.positional[0]);
+    const DirtyState dirt = InspectDirt(*source, place.ReplayArguments());
     std::printf("dirty           %s\n", dirt.dirty ? ("yes: " + dirt.reason).c_str() : "no");
     for (const std::string& log : dirt.logs) std::printf("log             %s\n", log.c_str());
     if (dirt.dirty) std::printf("replay          %s\n", dirt.replay.c_str());
     // Faults met while reading are told, but info is no check: it still succeeds.
     for (const Finding& f : file.Findings())
-        std::fprintf(stderr, "tamvik info: %s: %s at file offset %s: %s\n", args.positional[0].c_str(),
+        std::fprintf(stderr, "tamvik info: %s: %s at file offset %s: %s\n", source->Name().c_str(),
                      f.warning ? "warning" : "problem", Hex(f.fileOffset).c_str(), f.text.c_str());
     return kExitOk;
 }

@@ -83,7 +83,7 @@ std::string KeyJson(Tamvik::HiveAccess& hive, const KeyPath& path, Cell key) {
 int RunLs(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional.size() > 1 ? args.positional[1] : "");
     const bool json = args.Has("--json"), long_ = args.Has("-l");
-    HiveSession session(args.positional[0], true);
+    HiveSession session(HivePlace::From(args));
     Tamvik::HiveAccess& hive = session.Hive();
     const Cell key = session.Open(path);
     bool ok = true;
@@ -134,7 +134,7 @@ int RunGet(const Args& args) {
     const KeyPath path = ParseKeyPath(args.positional[1]);
     std::optional<std::u16string> name = FromUtf8(args.positional[2]);
     if (!name) UsageError("value name is not valid UTF-8");
-    HiveSession session(args.positional[0], true);
+    HiveSession session(HivePlace::From(args));
     const Cell key = session.Open(path);
     ValueEntry entry;
     const int r = ReadValue(session.Hive(), key, *name, &entry);

@@ -11,6 +11,32 @@ namespace {
 const OptionSpec kForce{"--force", nullptr, nullptr, "edit a dirty (status 3) or damaged (5) hive anyway"};
 const OptionSpec kInPlace{"--in-place", nullptr, nullptr, "edit the hive itself instead of a copy (see tamvik --help)"};
 const OptionSpec kPrefix{"--prefix", nullptr, "P", "e.g. 'HKEY_LOCAL_MACHINE\\SOFTWARE'"};
+const OptionSpec kImage{"--image", nullptr, "IMAGE",
+                        "HIVE is a path in the file system of this disk image\n"
+                        "(raw, qcow2, vmdk, vhdx, vhd, vdi; see tamvik hives)"};
+const OptionSpec kPartition{"--partition", nullptr, "N",
+                            "with --image: the partition (default: the one NTFS\n"
+                            "partition that holds HIVE)"};
+const OptionSpec kOverlay{"--overlay", nullptr, "NEW.qcow2",
+                          "with --image: write into this new qcow2 overlay of the\n"
+                          "image, which stays as it was (inside an image an edit\n"
+                          "is otherwise made in place: there is no copy to rename)"};
+const OptionSpec kWindowsOrder{"--windows-order", nullptr, nullptr, "the default: see --library-order"};
+const OptionSpec kLibraryOrder{"--library-order", nullptr, nullptr,
+                               "put new keys where the library's exported functions\n"
+                               "do (_stricmp order), not where Windows looks for them"};
+
+// A reading command's options, then those naming a hive inside an image.
+std::vector<OptionSpec> Reading(std::vector<OptionSpec> options) {
+    options.insert(options.end(), {kImage, kPartition});
+    return options;
+}
+
+// An editing command's options, then those naming a hive inside an image.
+std::vector<OptionSpec> Editing(std::vector<OptionSpec> options) {
+    options.insert(options.end(), {kImage, kPartition, kOverlay});
+    return options;
+}
 
 std::string Label(const OptionSpec& option) {
     std::string label = option.name;
@@ -23,14 +49,14 @@ std::string Label(const OptionSpec& option) {
 
 const std::vector<Command>& AllCommands() {
     static const std::vector<Command> commands = {
-        {"info", "facts of the base block, bins, cells and space", "HIVE", 1, 1, {},
+        {"info", "facts of the base block, bins, cells and space", "HIVE", 1, 1, Reading({}),
          "Reads the base block and walks the bins and cells of the file: signature,\n"
          "sequence numbers, version, root cell, bins size, checksum, and the counts\n"
          "of bins, keys, values, security cells, used and free space. For a dirty\n"
          "hive, also what each log beside it holds and what tamvik replay would apply.\n",
          RunInfo},
         {"ls", "list the subkeys and values of a key", "HIVE [PATH]", 1, 2,
-         {{"-r", "--recursive", nullptr, "list every key below PATH with its values"},
+         Reading({{"-r", "--recursive", nullptr, "list every key below PATH with its values"},
           {"-l", "--long", nullptr,
            "show each key's last-write time before it, as stored,\n"
            "with the clock it was read on: filetime (Windows writes\n"
@@ -42,42 +68,41 @@ const std::vector<Command>& AllCommands() {
            "(name, last_write, clock and counts of each) and values\n"
            "(name, type, type_number, data as tamvik get prints it,\n"
            "or error); with -r an array of such objects, one a key,\n"
-           "without the subkeys member"}},
+           "without the subkeys member"}}),
          "Lists the subkeys (with a trailing backslash) and the values of the key at\n"
          "PATH (default: the root). PATH is relative to the root: A\\B or \\A\\B.\n",
          RunLs},
         {"get", "print the data of one value", "HIVE PATH NAME", 3, 3,
-         {{"--raw", nullptr, nullptr, "write the stored bytes unchanged"},
+         Reading({{"--raw", nullptr, nullptr, "write the stored bytes unchanged"},
           {"--type", nullptr, nullptr, "print the type name before the data"},
           {"--json", nullptr, nullptr,
            "{\"path\", \"name\", \"type\", \"type_number\", \"data\"}, data the\n"
-           "text printed without --json, lines joined by \\n"}},
+           "text printed without --json, lines joined by \\n"}}),
          "Prints a value by its type: strings as text, multi-strings one per line,\n"
          "numbers in decimal, everything else as hex. NAME '' is the default value.\n",
          RunGet},
         {"export", "write a key and everything below it as a .reg file", "HIVE [PATH]", 1, 2,
-         {kPrefix,
-          {"--utf8", nullptr, nullptr, "write UTF-8 text with LF line ends"},
-          {"-o", "--output", "FILE", "write to FILE instead of standard output"}},
+         Reading({kPrefix,
+                  {"--utf8", nullptr, nullptr, "write UTF-8 text with LF line ends"},
+                  {"-o", "--output", "FILE", "write to FILE instead of standard output"}}),
          "Writes \"Windows Registry Editor Version 5.00\" text, UTF-16LE with a byte\n"
          "order mark by default. Key lines are the prefix followed by the path from\n"
          "the root ([\\A\\B] without a prefix).\n",
          RunExport},
         {"import", "merge a .reg file into a hive", "HIVE FILE.reg", 2, 2,
-         {{"--prefix", nullptr, "P", "prefix to strip from every key path"},
-          {"--windows-order", nullptr, nullptr,
-           "put new subkeys, and every list they join, in the\n"
-           "order Windows keeps (see tamvik check --help)"},
-          kForce, kInPlace},
+         Editing({{"--prefix", nullptr, "P", "prefix to strip from every key path"}, kLibraryOrder, kWindowsOrder,
+                  kForce, kInPlace}),
          "Creates keys as needed, creates or replaces values (the default value @,\n"
          "empty data and names in any script included), deletes [-keys] with\n"
          "everything below them and \"values\"=-. Key paths must start with the\n"
          "prefix (default: a backslash, as export writes them). FILE - reads\n"
          "standard input. The whole file is parsed before the hive is opened; an\n"
          "entry that can't be stored is told, and the rest is imported (exit 1).\n"
-         "A REGEDIT4 file's hex string data is read as ANSI (code page 1252).\n",
+         "A REGEDIT4 file's hex string data is read as ANSI (code page 1252).\n"
+         "New keys go where Windows' binary search looks for them, and every list\n"
+         "they join is put in the order Windows keeps (see tamvik check --help).\n",
          RunImport},
-        {"set", "create or replace one value", "HIVE PATH NAME TYPE VALUE...", 5, -1, {kForce, kInPlace},
+        {"set", "create or replace one value", "HIVE PATH NAME TYPE VALUE...", 5, -1, Editing({kForce, kInPlace}),
          "TYPE: sz, expand_sz, multi_sz, dword, dword_be, qword, binary, none, link,\n"
          "resource_list, full_resource_descriptor, resource_requirements_list, the\n"
          "REG_ names, or a number. Strings take UTF-8 text (multi_sz one argument\n"
@@ -89,21 +114,23 @@ const std::vector<Command>& AllCommands() {
          "line break dropped; multi_sz one string a line).\n",
          RunSet, nullptr, "HIVE PATH NAME TYPE @FILE|-"},
         {"mkkey", "create a key and any missing keys above it", "HIVE PATH", 2, 2,
-         {{"--windows-order", nullptr, nullptr, "put the lists it joins in the order Windows keeps"}, kForce, kInPlace},
+         Editing({kLibraryOrder, kWindowsOrder, kForce, kInPlace}),
          "Fails with 72 (already exists) when the key is there already. A new key\n"
-         "joins its parent's list where the library puts it (_stricmp order).\n",
+         "goes where Windows' binary search looks for it, and every list it joins\n"
+         "is put in the order Windows keeps (see tamvik check --help).\n",
          RunMkkey},
-        {"rm", "delete one value", "HIVE PATH NAME", 3, 3, {kForce, kInPlace}, "NAME '' is the default value.\n", RunRm},
+        {"rm", "delete one value", "HIVE PATH NAME", 3, 3, Editing({kForce, kInPlace}), "NAME '' is the default value.\n",
+         RunRm},
         {"rmkey", "delete a key", "HIVE PATH", 2, 2,
-         {{"-r", "--recursive", nullptr, "delete the whole subtree, leaves first"}, kForce, kInPlace},
+         Editing({{"-r", "--recursive", nullptr, "delete the whole subtree, leaves first"}, kForce, kInPlace}),
          "Deletes the key at PATH, which must have no subkeys unless -r is given.\n", RunRmkey},
         {"check", "verify the structure of a hive", "HIVE", 1, 1,
-         {{"-q", "--quiet", nullptr, "print problems only, no summary"},
+         Editing({{"-q", "--quiet", nullptr, "print problems only, no summary"},
           {"--repair", nullptr, nullptr,
            "rewrite those lists in Windows order (the same cells and\n"
            "hints, nothing else touched), as an edit: locked, on a copy"},
           {"--force", nullptr, nullptr, "with --repair: edit a dirty or damaged hive anyway"},
-          {"--in-place", nullptr, nullptr, "with --repair: edit the hive itself instead of a copy"}},
+          {"--in-place", nullptr, nullptr, "with --repair: edit the hive itself instead of a copy"}}),
          "Verifies the base block, every bin and cell header and every reference\n"
          "between cells by reading the file, then walks all keys and values through\n"
          "the library. Problems are listed with their offsets (cell offsets are\n"
@@ -112,10 +139,10 @@ const std::vector<Command>& AllCommands() {
          "problem; notes tell what its logs hold and what tamvik replay would do.\n"
          "A subkey list out of the order Windows keeps (names upper-cased, then\n"
          "compared unit by unit) is a warning naming its key: Windows looks keys up\n"
-         "by binary search and may not find a key out of place. The library puts\n"
-         "new keys in _stricmp order, which differs for names with [\\]^_ and\n"
-         "letters beyond ASCII.\n",
-         RunCheck, "[-q] [--repair [--force] [--in-place]]"},
+         "by binary search and may not find a key out of place. The library's\n"
+         "exported functions put new keys in _stricmp order, which differs for names\n"
+         "with [\\]^_ and letters beyond ASCII.\n",
+         RunCheck, "[-q] [--repair [--force] [--in-place]] [--image IMAGE [--partition N] [--overlay NEW.qcow2]]"},
         {"new", "write a new empty hive", "HIVE", 1, 1,
          {{"--minor", nullptr, "N", "minor version, 2 to 6"},
           {"--root-name", nullptr, "NAME", "name of the root key (default ROOT), Latin-1"},
@@ -124,15 +151,16 @@ const std::vector<Command>& AllCommands() {
          "security cell.\n",
          RunNew},
         {"replay", "apply the transaction logs of a dirty hive", "HIVE", 1, 1,
-         {{"-o", "--output", "OUT",
+         Reading({{"-o", "--output", "OUT",
            "where to write (default HIVE.replayed); OUT may be\n"
-           "HIVE itself only with --force"},
+           "HIVE itself only with --force; a local file, needed\n"
+           "with --image (nothing is written into an image)"},
           {"--log", nullptr, "FILE", "a log to use instead of those beside the hive; repeat\nfor several", true},
           {"--partial", nullptr, nullptr,
            "when the logs break off early (a wrong hash, a gap in\n"
            "the sequence numbers, a truncated file), write the\n"
            "hive with the entries before the break, as Windows would"},
-          {"--force", nullptr, nullptr, "replace OUT when it exists"}},
+          {"--force", nullptr, nullptr, "replace OUT when it exists"}}),
          "A hive is dirty when its two sequence numbers differ or its base block\n"
          "checksum is wrong: its last write did not end, and its latest changes are\n"
          "in the logs beside it (HIVE.LOG, HIVE.LOG1, HIVE.LOG2, in any letter case).\n"
@@ -143,6 +171,18 @@ const std::vector<Command>& AllCommands() {
          "Logs written at another time than the hive are not applied. Nothing is\n"
          "written when no log applies or a log is damaged before its end.\n",
          RunReplay, nullptr, nullptr, "A clean hive needs nothing: replay says so and writes nothing.\n"},
+        {"hives", "list a disk image's partitions and the hives on them", "IMAGE", 1, 1,
+         {{"--json", nullptr, nullptr,
+           "one JSON object: image, format, table, size, warnings,\n"
+           "partitions (number, start, size, type, type_id,\n"
+           "file_system, label, error, hives: path, size, state,\n"
+           "dirty, logs)"}},
+         "Lists every partition of the image (number, start and size in bytes, type,\n"
+         "file system, label) and, on each NTFS one, the hives in the places Windows\n"
+         "keeps them, with their size, their state read from the base block (clean,\n"
+         "dirty and why, or not a hive) and the logs beside each. Nothing is written.\n"
+         "The other commands take a hive listed here as HIVE with --image IMAGE.\n",
+         RunHives},
     };
     return commands;
 }

@@ -36,6 +36,7 @@ int RunRmkey(const Args&);
 int RunCheck(const Args&);
 int RunNew(const Args&);
 int RunReplay(const Args&);
+int RunHives(const Args&);
 
 // The table of all subcommands, in the order of the overview.
 const std::vector<Command>& AllCommands();

@@ -51,27 +51,28 @@ std::string DescribeApplied(const ReplayResult& r) {
            std::to_string(r.lastSequence) + ", " + Count(r.pages, "page", "pages") + ")";
 }
 
-std::vector<LogFile> LoadLogs(const std::string& hivePath, const std::vector<std::string>& named) {
+std::vector<LogFile> LoadLogs(HiveSource& source, const std::vector<std::string>& named) {
     std::vector<LogFile> logs;
-    for (const std::string& path : named.empty() ? FindLogs(hivePath) : named) {
+    for (const std::string& path : named.empty() ? source.Logs() : named) {
         Bytes bytes;
         std::string error;
-        if (!ReadFile(path, &bytes, &error)) throw ToolError(path + ": can't read the log: " + error);
+        if (!(named.empty() ? source.ReadLog(path, &bytes, &error) : ReadFile(path, &bytes, &error)))
+            throw ToolError(path + ": can't read the log: " + error);
         logs.push_back(LoadLog(path, std::move(bytes)));
     }
     return logs;
 }
 
-DirtyState InspectDirt(const std::string& hivePath) {
+DirtyState InspectDirt(HiveSource& source, const std::string& replayArguments) {
     DirtyState state;
     Bytes hive;
     std::string error;
-    if (!ReadFile(hivePath, &hive, &error)) return state;
+    if (!source.ReadHive(&hive, &error)) return state;
     const BaseBlock base = ReadBaseBlock(hive);
     if (!base.Dirty()) return state;
     std::vector<LogFile> logs;
     try {
-        logs = LoadLogs(hivePath, {});
+        logs = LoadLogs(source, {});
     } catch (const ToolError& e) {
         state.dirty = true;
         state.reason = DirtReason(base);
@@ -89,9 +90,9 @@ DirtyState InspectDirt(const std::string& hivePath) {
     else if (!r.failure.empty())
         state.replay = "not possible: " + r.failure;
     else if (!r.incomplete.empty())
-        state.replay = "would stop early: " + r.incomplete + " (tamvik replay --partial " + hivePath + ")";
+        state.replay = "would stop early: " + r.incomplete + " (tamvik replay --partial " + replayArguments + ")";
     else
-        state.replay = "would apply " + DescribeApplied(r) + ": tamvik replay " + hivePath;
+        state.replay = "would apply " + DescribeApplied(r) + ": tamvik replay " + replayArguments;
     return state;
 }
 

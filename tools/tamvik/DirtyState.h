@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "HiveSource.h"
 #include "logs/Replay.h"
 
 namespace TamvikTool {
@@ -16,9 +17,9 @@ std::string DescribeLog(const TamvikLogs::LogVerdict& log);
 // "4 entries (sequence 2 to 5, 5 pages)" or "64 dirty pages".
 std::string DescribeApplied(const TamvikLogs::ReplayResult& result);
 
-// The logs of a hive: those named, or else those found beside it. Throws
-// ToolError when a file can't be read.
-std::vector<TamvikLogs::LogFile> LoadLogs(const std::string& hivePath, const std::vector<std::string>& named);
+// The logs of a hive: those named (local files), or else those found beside
+// it. Throws ToolError when a file can't be read.
+std::vector<TamvikLogs::LogFile> LoadLogs(HiveSource& source, const std::vector<std::string>& named);
 
 struct DirtyState {
     bool dirty = false;
@@ -29,6 +30,7 @@ struct DirtyState {
 
 // The base block of the hive file and, when it is dirty, a replay in memory
 // of the logs beside it. A file that can't be read counts as clean here.
-DirtyState InspectDirt(const std::string& hivePath);
+// replayArguments: what tamvik replay would be given for it, for the advice.
+DirtyState InspectDirt(HiveSource& source, const std::string& replayArguments);
 
 }  // namespace TamvikTool

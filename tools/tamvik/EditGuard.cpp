@@ -24,14 +24,14 @@ namespace {
 // A dirty hive's latest changes may be only in its logs, which Windows would
 // replay over an edit. A file that can't be read is let through: opening it
 // will say why.
-void RefuseDirty(const std::string& hivePath) {
+void RefuseDirty(HiveSource& source) {
     TamvikLogs::Bytes head;
     std::string error;
-    if (!TamvikLogs::ReadFile(hivePath, &head, &error, TamvikLogs::kBaseBlockBytes)) return;
+    if (!source.ReadHive(&head, &error, TamvikLogs::kBaseBlockBytes)) return;
     const TamvikLogs::BaseBlock base = TamvikLogs::ReadBaseBlock(head);
     // Without the signature it is no hive at all; the library refuses it.
     if (!base.signatureOk || !base.Dirty()) return;
-    throw ToolError(hivePath + ": the hive is dirty (" + DirtReason(base) +
+    throw ToolError(source.Name() + ": the hive is dirty (" + DirtReason(base) +
                         "): its latest changes may be only in its transaction logs, and Windows would replay them "
                         "over an edit. Run 'tamvik replay' on it first, or give --force to edit it as it is",
                     kExitDirty);
@@ -43,10 +43,10 @@ void RefuseDirty(const std::string& hivePath) {
 // neighbour or free a list another key still uses. Such a hive is edited only
 // with --force. A file that can't be read is let through: opening it will say
 // why.
-void RefuseDamaged(const std::string& hivePath) {
+void RefuseDamaged(HiveSource& source) {
     std::vector<Finding> problems;
     try {
-        const HiveFile file(hivePath);
+        const HiveFile file(source);
         if (!file.Scan().Base().signatureOk) return;
         problems = file.Findings();
         const StructureReport report = CheckStructure(file.Scan());
@@ -61,7 +61,7 @@ void RefuseDamaged(const std::string& hivePath) {
         if (++count == 1) first = &finding;
     }
     if (first == nullptr) return;
-    throw ToolError(hivePath + ": the hive is damaged (" + std::to_string(count) + " problem(s), the first at file offset " +
+    throw ToolError(source.Name() + ": the hive is damaged (" + std::to_string(count) + " problem(s), the first at file offset " +
                         Hex(first->fileOffset) + ": " + first->text +
                         "): an edit could lose keys or overwrite other cells. 'tamvik check' lists the problems; "
                         "--force edits it as it is",
@@ -118,11 +118,22 @@ std::string FileBehind(const std::string& path) {
 
 }  // namespace
 
-EditSession::EditSession(const std::string& hivePath, const EditOptions& options)
-    : hivePath_(hivePath), filePath_(FileBehind(hivePath)), lock_(filePath_) {
+EditSession::EditSession(const HivePlace& place, const EditOptions& options) : hivePath_(place.hive) {
+    if (place.InImage()) {
+        image_ = std::make_unique<ImageSource>(place, true);
+        hivePath_ = image_->Name();
+        if (!options.force) {
+            RefuseDirty(*image_);
+            RefuseDamaged(*image_);
+        }
+        return;
+    }
+    filePath_ = FileBehind(hivePath_);
+    lock_ = std::make_unique<HiveLock>(filePath_);
     if (!options.force) {
-        RefuseDirty(hivePath_);
-        RefuseDamaged(hivePath_);
+        FileSource source(hivePath_);
+        RefuseDirty(source);
+        RefuseDamaged(source);
     }
     if (options.inPlace) return;
     const int from = ::open(filePath_.c_str(), O_RDONLY | O_CLOEXEC);
@@ -143,13 +154,22 @@ EditSession::EditSession(const std::string& hivePath, const EditOptions& options
 }
 
 EditSession::~EditSession() {
+    session_.reset();
     copy_.reset();  // an uncommitted copy goes first, then the handler that would remove it
     StopWatching();
 }
 
-const std::string& EditSession::WorkPath() const { return copy_ != nullptr ? copy_->Path() : hivePath_; }
+HiveSession& EditSession::Session() {
+    if (session_ == nullptr)
+        session_ = image_ != nullptr ? std::make_unique<HiveSession>(*image_, false)
+                                     : std::make_unique<HiveSession>(copy_ != nullptr ? copy_->Path() : hivePath_,
+                                                                     false, hivePath_);
+    return *session_;
+}
 
 void EditSession::Commit() {
+    if (session_ != nullptr) session_->Close();
+    if (image_ != nullptr) image_->Close();  // with no session, the image is closed all the same
     if (copy_ == nullptr) return;
     copy_->Sync();
     copy_->Place(filePath_, true);

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "HiveSource.h"
 #include "Text.h"
 #include "store/HiveScan.h"
 
@@ -16,7 +17,7 @@ using Tamvik::Finding;
 class HiveFile {
 public:
     // Reads the file; throws ToolError when it can't be read at all.
-    explicit HiveFile(const std::string& path);
+    explicit HiveFile(HiveSource& source);
     HiveFile(const HiveFile&) = delete;
     HiveFile& operator=(const HiveFile&) = delete;
 
@@ -36,6 +37,6 @@ std::string Hex(std::uint64_t value);
 // Why the library won't open a file as a hive, from its base block:
 // "empty file", "only 12 bytes, ...", "no regf signature", "base block
 // checksum is wrong: ..."; empty when none of these holds.
-std::string WhyNotAHive(const std::string& path);
+std::string WhyNotAHive(HiveSource& source);
 
 }  // namespace TamvikTool

@@ -27,6 +27,12 @@ std::string NameProblem(const std::u16string& name, bool isKey) {
     return {};
 }
 
+bool WindowsOrder(const Args& args) {
+    if (args.Has("--library-order") && args.Has("--windows-order"))
+        UsageError("--library-order and --windows-order exclude each other");
+    return !args.Has("--library-order");
+}
+
 int KeyWriter::Reach(const KeyPath& path, bool create, std::string* why, bool* created) {
     if (created != nullptr) *created = false;
     if (levels_.empty()) levels_.push_back({u"", u"", session_.Root(), false});

@@ -10,6 +10,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "Args.h"
 #include "Session.h"
 #include "Text.h"
 
@@ -17,6 +18,10 @@ namespace TamvikTool {
 
 // Why a name can't be stored, or empty when it can.
 std::string NameProblem(const std::u16string& name, bool isKey);
+
+// Whether new keys go in Windows' order (the default, --windows-order) rather
+// than the library's (--library-order); throws a usage error for both.
+bool WindowsOrder(const Args& args);
 
 class KeyWriter {
 public:

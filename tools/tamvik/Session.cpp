@@ -6,17 +6,51 @@ namespace TamvikTool {
 
 using Tamvik::Status;
 
+ToolError NotAHive(HiveSource& source, const std::string& shownAs) {
+    // The library tells a refusal; the file tells why.
+    const std::string why = WhyNotAHive(source);
+    return ToolError(shownAs + ": can't open as a hive " +
+                     (why.empty() ? DescribeResult(Result::HiveRefused) : "(" + why + ")"));
+}
+
+HiveSession::HiveSession(const HivePlace& place) : ownSource_(place.Source()) { Attach(*ownSource_, true); }
+
+HiveSession::HiveSession(HiveSource& source, bool readOnly) { Attach(source, readOnly); }
+
+void HiveSession::Attach(HiveSource& source, bool readOnly) {
+    path_ = source.Name();
+    image_ = dynamic_cast<ImageSource*>(&source);
+    if (image_ != nullptr)
+        hive_ = &image_->OpenHive(!readOnly);
+    else
+        OpenFile(source.Name(), readOnly);
+}
+
 HiveSession::HiveSession(const std::string& path, bool readOnly, const std::string& shownAs)
     : path_(shownAs.empty() ? path : shownAs) {
+    OpenFile(path, readOnly);
+}
+
+void HiveSession::OpenFile(const std::string& path, bool readOnly) {
     const Status opened =
-        Tamvik::HiveAccess::Open(path, readOnly ? Tamvik::OpenMode::ReadOnly : Tamvik::OpenMode::Writable, &hive_);
+        Tamvik::HiveAccess::Open(path, readOnly ? Tamvik::OpenMode::ReadOnly : Tamvik::OpenMode::Writable, &file_);
     if (opened.code == Tamvik::StatusCode::NotAHive) {
-        // The library tells a refusal; the file tells why.
-        const std::string why = WhyNotAHive(path);
-        throw ToolError(path_ + ": can't open as a hive " +
-                        (why.empty() ? DescribeResult(Result::HiveRefused) : "(" + why + ")"));
+        FileSource source(path);
+        throw NotAHive(source, path_);
     }
     if (!opened) throw ToolError(path_ + ": " + opened.text);
+    hive_ = file_.get();
+}
+
+HiveSession::~HiveSession() = default;
+
+void HiveSession::Close() {
+    if (image_ != nullptr) {
+        image_->Close();
+    } else if (file_ != nullptr) {
+        const Status closed = file_->Close();
+        if (!closed) throw ToolError(path_ + ": " + closed.text);
+    }
 }
 
 Cell HiveSession::Root() {

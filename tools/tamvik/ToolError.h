@@ -16,6 +16,7 @@ constexpr int kExitUsage = 2;   // bad arguments: nothing was opened for writing
 constexpr int kExitDirty = 3;   // an editing command refused a dirty hive (see tamvik replay)
 constexpr int kExitLocked = 4;  // an editing command found the hive locked by another process
 constexpr int kExitDamaged = 5; // an editing command refused a hive whose structure check found problems
+constexpr int kExitUnsafe = 6;  // an editing command refused a volume Windows left hibernated or unclean
 
 // The result numbers messages show, those of the library's exported functions.
 namespace Result {

@@ -25,9 +25,16 @@ void PrintOverview(std::FILE* out) {
                  "old one or the new one (a kill -9 may leave the copy behind; delete it). With\n"
                  "--in-place they edit the hive itself, for hives too large to copy: an\n"
                  "interruption then leaves a half-made edit.\n"
+                 "\nWith --image IMAGE, HIVE is a path inside the disk image's NTFS file system\n"
+                 "(tamvik hives IMAGE lists them). Reading opens the image read-only. An edit\n"
+                 "locks the image and is made in place, write by write: there is no copy to\n"
+                 "rename, so an interruption leaves a half-made edit; --overlay NEW.qcow2\n"
+                 "writes into a new overlay instead and leaves the image as it was.\n"
                  "\nexit status: 0 done, 1 failed (or check found problems), 2 bad arguments,\n"
                  "3 an editing command refused a dirty hive (see tamvik replay --help),\n"
-                 "4 an editing command found the hive locked by another process\n");
+                 "4 the hive or image is locked by another process, 5 an editing command\n"
+                 "refused a damaged hive, 6 an editing command refused a volume Windows left\n"
+                 "hibernated, suspended by fast startup or unclean\n");
 }
 
 bool WantsHelp(const std::vector<std::string>& args) {
