@@ -126,6 +126,35 @@ private:
     void* handle_;
 };
 
+// Empties an item for a new reading, keeping its buffers.
+void Clear(SubKeyItem* item) {
+    item->name.clear();
+    item->cell = 0;
+    item->status = Status::Success();
+}
+void Clear(ValueItem* item) {
+    item->name.clear();
+    item->type = item->length = item->cell = 0;
+    item->data.clear();
+    item->status = Status::Success();
+}
+
+// The item at the next position of a list being read anew. One the vector
+// holds already keeps its buffers, so that a caller handing the same vector
+// to every call of a walk stops allocating once they have grown; finish
+// with Trim.
+template <class Item>
+Item& Next(std::vector<Item>* items, std::size_t* used) {
+    if (*used == items->size()) items->emplace_back();
+    Item& item = (*items)[(*used)++];
+    Clear(&item);
+    return item;
+}
+template <class Item>
+void Trim(std::vector<Item>* items, std::size_t used) {
+    items->erase(items->begin() + static_cast<std::ptrdiff_t>(used), items->end());
+}
+
 }  // namespace
 
 HiveAccess::HiveAccess(std::unique_ptr<Hive> hive, bool writable) : hive_(std::move(hive)), writable_(writable) {}
@@ -224,11 +253,14 @@ Status HiveAccess::Info(CellOffset cell, KeyInfo* info) {
 }
 
 Status HiveAccess::SubKeys(CellOffset cell, std::vector<SubKeyItem>* items) {
-    items->clear();
+    std::size_t used = 0;
     const KeyView key(hive_.get(), cell, hive_.get(), CellKind::BySignature);
-    if (!key) return NoKeyAt(cell);
-    return ForEachSubKey(hive_.get(), key.get(), [&](std::uint32_t i, std::optional<std::uint32_t> found) {
-        SubKeyItem& item = items->emplace_back();
+    if (!key) {
+        items->clear();
+        return NoKeyAt(cell);
+    }
+    const Status walked = ForEachSubKey(hive_.get(), key.get(), [&](std::uint32_t i, std::optional<std::uint32_t> found) {
+        SubKeyItem& item = Next(items, &used);
         if (!found) {
             item.status = Status::Of(StatusCode::Damaged, "subkey #" + std::to_string(i) + " gives no key");
             return true;
@@ -237,6 +269,8 @@ Status HiveAccess::SubKeys(CellOffset cell, std::vector<SubKeyItem>* items) {
         KeyView(hive_.get(), *found, hive_.get(), CellKind::BySignature)->NameInto(NameTarget{nullptr, 0, &item.name});
         return true;
     });
+    Trim(items, used);
+    return walked;
 }
 
 Status HiveAccess::FindSubKey(CellOffset cell, const WString& name, CellOffset* found) {
@@ -273,7 +307,7 @@ namespace {
 // What the value at a vk offset is, with its data when asked: the data in
 // place in the vk, in one cell, or behind a db record.
 Status ReadValue(Hive* hive, SubValList* list, CellOffset cell, bool withData, ValueItem* item) {
-    *item = ValueItem{};
+    Clear(item);
     item->cell = cell;
     const Transient<Val> value(hive, cell, list, CellKind::BySignature);
     if (!value) return Status::Of(StatusCode::Damaged, "no value record at cell " + Hex(cell), FileOffsetOf(cell));
@@ -300,19 +334,23 @@ Status ReadValue(Hive* hive, SubValList* list, CellOffset cell, bool withData, V
 }  // namespace
 
 Status HiveAccess::Values(CellOffset cell, bool withData, std::vector<ValueItem>* items) {
-    items->clear();
+    std::size_t used = 0;
+    const auto trimmed = [&](Status status) {
+        Trim(items, used);
+        return status;
+    };
     const KeyView key(hive_.get(), cell, hive_.get(), CellKind::BySignature);
-    if (!key) return NoKeyAt(cell);
+    if (!key) return trimmed(NoKeyAt(cell));
     const std::uint32_t count = key->ValueCount();
-    if (count == 0) return Status::Success();
+    if (count == 0) return trimmed(Status::Success());
     const std::uint64_t where = FileOffsetOf(key->Field(NkField::ValueListCell));
     const Transient<SubValList> list(hive_.get(), key->Field(NkField::ValueListCell), key.get(), CellKind::ValueList);
-    if (!list) return Status::Of(StatusCode::Damaged, "the value list can't be read", where);
+    if (!list) return trimmed(Status::Of(StatusCode::Damaged, "the value list can't be read", where));
     const std::uint32_t held = std::min(count, list->EntriesHeld());
     Status status;
     items->reserve(held);
     for (std::uint32_t i = 0; i < held; ++i) {
-        ValueItem& item = items->emplace_back();
+        ValueItem& item = Next(items, &used);
         item.status = ReadValue(hive_.get(), list.get(), *list->EntryAt(i), withData, &item);
         if (!item.status && status) status = item.status;
     }
@@ -320,7 +358,7 @@ Status HiveAccess::Values(CellOffset cell, bool withData, std::vector<ValueItem>
         status = Status::Of(StatusCode::Damaged,
                             "the key counts " + std::to_string(count) + " values, its list holds " + std::to_string(held),
                             where);
-    return status;
+    return trimmed(status);
 }
 
 Status HiveAccess::ValuePosition(CellOffset cell, const WString& name, std::uint32_t* position) {

@@ -36,8 +36,10 @@ std::unique_ptr<HiveAccess> Opened(const TempFile& file, OpenMode mode = OpenMod
     return hive;
 }
 
+// Each helper hands one vector to every read, as a walk does: a read holds
+// just its own list, whatever the last one left.
 std::string Names(HiveAccess& hive, CellOffset key) {
-    std::vector<SubKeyItem> items;
+    static std::vector<SubKeyItem> items;
     std::string names = hive.SubKeys(key, &items) ? "" : "! ";
     for (const SubKeyItem& item : items) names += Utf8(item.name) + " ";
     return names;
@@ -45,7 +47,7 @@ std::string Names(HiveAccess& hive, CellOffset key) {
 
 // "name:type:length:sum " for each value, the sum of the data's bytes.
 std::string Values(HiveAccess& hive, CellOffset key) {
-    std::vector<ValueItem> items;
+    static std::vector<ValueItem> items;
     std::string listed = hive.Values(key, true, &items) ? "" : "! ";
     for (const ValueItem& v : items)
         listed += Utf8(v.name) + ":" + std::to_string(v.type) + ":" + std::to_string(v.length) + ":" +

@@ -20,12 +20,18 @@ std::string Format(std::int64_t seconds, const char* pattern) {
 }
 }  // namespace
 
-KeyTime DecodeKeyTime(std::uint64_t stamp) {
+KeyInstant ReadKeyTime(std::uint64_t stamp) {
     if (stamp == 0) return {};
-    const bool unix = stamp < kLargestUnixStamp;
-    const std::int64_t seconds = unix ? static_cast<std::int64_t>(stamp)
-                                      : static_cast<std::int64_t>(stamp / kTicksPerSecond) - kSecondsFrom1601To1970;
-    return {Format(seconds, "%Y-%m-%d %H:%M:%S UTC"), Format(seconds, "%Y-%m-%dT%H:%M:%SZ"), unix ? "unix" : "filetime"};
+    if (stamp < kLargestUnixStamp) return {static_cast<std::int64_t>(stamp), 0, "unix"};
+    return {static_cast<std::int64_t>(stamp / kTicksPerSecond) - kSecondsFrom1601To1970,
+            static_cast<std::uint32_t>(stamp % kTicksPerSecond), "filetime"};
+}
+
+KeyTime DecodeKeyTime(std::uint64_t stamp) {
+    const KeyInstant instant = ReadKeyTime(stamp);
+    if (stamp == 0) return {};
+    return {Format(instant.seconds, "%Y-%m-%d %H:%M:%S UTC"), Format(instant.seconds, "%Y-%m-%dT%H:%M:%SZ"),
+            instant.clock};
 }
 
 }  // namespace TamvikTool

@@ -1,0 +1,605 @@
+#include "Objects.h"
+
+#include <structmember.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <new>
+#include <vector>
+
+#include "Text.h"
+
+namespace TamvikPython {
+
+using Tamvik::CellOffset;
+using Tamvik::HiveAccess;
+using Tamvik::Status;
+using Tamvik::StatusCode;
+using Tamvik::WString;
+
+namespace {
+
+struct ValueObject {
+    PyObject_HEAD
+    PyObject* name;
+    PyObject* type;  // a RegType member, or an int for a number without a name
+    PyObject* raw;
+    PyObject* data;  // decoded on first use
+    std::uint32_t typeNumber;
+};
+
+// The subkeys or the values of one key.
+struct ViewObject {
+    PyObject_HEAD
+    KeyObject* key;
+};
+
+// Keys still to be given, the last on top, and the keys whose subkeys were
+// taken already: a key reached again (a list that names it twice, or a
+// damaged hive's cycle) is given again but not entered again, so that a walk
+// ends after as many steps as the hive has list entries.
+struct Walker {
+    struct Pending {
+        CellOffset cell;
+        WString name;
+        PyObject* parentPath;  // a reference; null for the first key, whose path is given
+    };
+    ~Walker() {
+        for (const Pending& pending : stack) Py_XDECREF(pending.parentPath);
+        Py_XDECREF(firstPath);
+    }
+    std::vector<Pending> stack;
+    PyObject* firstPath = nullptr;  // the path of the key the walk starts at
+    std::vector<std::uint64_t> entered;  // a bit per 8-byte cell offset
+
+    bool FirstEntry(CellOffset cell) {
+        const std::size_t bit = cell / 8;
+        if (bit / 64 >= entered.size()) entered.resize(bit / 64 + 1);
+        std::uint64_t& word = entered[bit / 64];
+        const std::uint64_t mask = std::uint64_t{1} << (bit % 64);
+        const bool first = (word & mask) == 0;
+        word |= mask;
+        return first;
+    }
+};
+
+struct WalkObject {
+    PyObject_HEAD
+    PyObject* hive;
+    HiveState* state;
+    Walker* walker;
+};
+
+PyTypeObject* keyType;
+PyTypeObject* valueType;
+PyTypeObject* subKeysType;
+PyTypeObject* valuesType;
+PyTypeObject* walkType;
+// The RegType members of the numbers that have names.
+constexpr std::uint32_t kNamedTypes = 12;
+PyObject* typeMembers[kNamedTypes];
+
+KeyObject* AsKey(PyObject* object) { return reinterpret_cast<KeyObject*>(object); }
+
+// An instance with its fields unset (the types hold no reference cycles and
+// skip the collector; their instances are made by the thousand).
+template <class Object>
+Object* Allocate(PyTypeObject* type) {
+    auto* object = static_cast<Object*>(PyObject_Malloc(sizeof(Object)));
+    if (object == nullptr) return reinterpret_cast<Object*>(PyErr_NoMemory());
+    PyObject_Init(reinterpret_cast<PyObject*>(object), type);  // a heap type: its instance holds a reference to it
+    return object;
+}
+
+void Free(PyObject* self) {
+    PyTypeObject* type = Py_TYPE(self);
+    type->tp_free(self);
+    Py_DECREF(type);
+}
+
+// "A\B" below parent: name itself below the root.
+PyObject* JoinPath(PyObject* parent, PyObject* name) {
+    const Py_ssize_t head = PyUnicode_GET_LENGTH(parent);
+    if (head == 0) return Py_NewRef(name);
+    const Py_ssize_t tail = PyUnicode_GET_LENGTH(name);
+    PyObject* path = PyUnicode_New(head + 1 + tail, std::max(PyUnicode_MAX_CHAR_VALUE(parent), PyUnicode_MAX_CHAR_VALUE(name)));
+    if (path == nullptr) return nullptr;
+    PyUnicode_CopyCharacters(path, 0, parent, 0, head);
+    PyUnicode_WRITE(PyUnicode_KIND(path), PyUnicode_DATA(path), head, '\\');
+    PyUnicode_CopyCharacters(path, head + 1, name, 0, tail);
+    return path;
+}
+
+// A list the state keeps for reads, taken for one read and given back.
+template <class Item>
+struct Scratch {
+    explicit Scratch(std::vector<Item>* kept) : kept(kept), items(std::move(*kept)) {}
+    ~Scratch() { *kept = std::move(items); }
+    std::vector<Item>* kept;
+    std::vector<Item> items;
+};
+
+// Raises NotFound with a message made of Python objects.
+PyObject* NotFound(const char* format, PyObject* name, PyObject* where) {
+    PyObject* message = PyUnicode_FromFormat(format, name, where);
+    if (message == nullptr) return nullptr;
+    Py_ssize_t size = 0;
+    const char* text = PyUnicode_AsUTF8AndSize(message, &size);
+    if (text != nullptr) RaiseNotFound(std::string(text, static_cast<std::size_t>(size)));
+    Py_DECREF(message);
+    return nullptr;
+}
+
+// ---- keys
+
+void KeyDealloc(PyObject* self) {
+    KeyObject* key = AsKey(self);
+    Py_XDECREF(key->hive);
+    Py_XDECREF(key->name);
+    Py_XDECREF(key->path);
+    Free(self);
+}
+
+PyObject* NewView(PyTypeObject* type, PyObject* key) {
+    auto* view = PyObject_New(ViewObject, type);
+    if (view != nullptr) view->key = AsKey(Py_NewRef(key));
+    return reinterpret_cast<PyObject*>(view);
+}
+
+PyObject* KeySubKeys(PyObject* self, void*) { return NewView(subKeysType, self); }
+PyObject* KeyValues(PyObject* self, void*) { return NewView(valuesType, self); }
+PyObject* KeySubscript(PyObject* self, PyObject* path) { return KeyAt(AsKey(self), path, false); }
+
+PyObject* KeyCompare(PyObject* a, PyObject* b, int op) {
+    if ((op != Py_EQ && op != Py_NE) || !PyObject_TypeCheck(b, keyType)) Py_RETURN_NOTIMPLEMENTED;
+    const bool same = AsKey(a)->hive == AsKey(b)->hive && AsKey(a)->cell == AsKey(b)->cell;
+    return PyBool_FromLong(same == (op == Py_EQ));
+}
+
+Py_hash_t KeyHash(PyObject* self) {
+    const auto hash = static_cast<Py_hash_t>(reinterpret_cast<std::uintptr_t>(AsKey(self)->hive) >> 4) * 1000003 ^
+                      AsKey(self)->cell;
+    return hash == -1 ? -2 : hash;
+}
+
+PyObject* KeyWalk(PyObject* self, PyObject*) { return NewWalk(AsKey(self)); }
+PyObject* KeyCreate(PyObject* self, PyObject* path) { return KeyAt(AsKey(self), path, true); }
+
+PyMethodDef keyMethods[] = {
+    {"_walk", KeyWalk, METH_NOARGS, nullptr},
+    {"_create", KeyCreate, METH_O, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
+PyMemberDef keyMembers[] = {
+    {"name", T_OBJECT_EX, offsetof(KeyObject, name), READONLY, "The key's name as the hive stores it."},
+    {"path", T_OBJECT_EX, offsetof(KeyObject, path), READONLY, "The path from the root, \"\" for the root."},
+    {"hive", T_OBJECT_EX, offsetof(KeyObject, hive), READONLY, "The hive the key is in."},
+    {"cell", T_UINT, offsetof(KeyObject, cell), READONLY, "The offset of the key's cell in the hive's bins."},
+    {nullptr, 0, 0, 0, nullptr},
+};
+PyGetSetDef keyGetters[] = {
+    {"subkeys", KeySubKeys, nullptr, "The key's subkeys: len(), iteration, [name], in.", nullptr},
+    {"values", KeyValues, nullptr, "The key's values: len(), iteration, [name] (\"\" the default value), in, get().", nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+PyType_Slot keySlots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(KeyDealloc)},
+    {Py_tp_members, keyMembers},
+    {Py_tp_methods, keyMethods},
+    {Py_tp_getset, keyGetters},
+    {Py_mp_subscript, reinterpret_cast<void*>(KeySubscript)},
+    {Py_tp_richcompare, reinterpret_cast<void*>(KeyCompare)},
+    {Py_tp_hash, reinterpret_cast<void*>(KeyHash)},
+    {0, nullptr},
+};
+
+// ---- values
+
+PyObject* TypeObject(std::uint32_t type) {
+    if (type < kNamedTypes && typeMembers[type] != nullptr) return Py_NewRef(typeMembers[type]);
+    return PyLong_FromUnsignedLong(type);
+}
+
+PyObject* NewValue(const Tamvik::ValueItem& item) {
+    auto* value = Allocate<ValueObject>(valueType);
+    if (value == nullptr) return nullptr;
+    value->data = nullptr;
+    value->typeNumber = item.type;
+    value->name = TextOf(item.name);
+    value->type = TypeObject(item.type);
+    value->raw = PyBytes_FromStringAndSize(reinterpret_cast<const char*>(item.data.data()),
+                                           static_cast<Py_ssize_t>(item.data.size()));
+    if (value->name != nullptr && value->type != nullptr && value->raw != nullptr) return reinterpret_cast<PyObject*>(value);
+    Py_DECREF(value);
+    return nullptr;
+}
+
+void ValueDealloc(PyObject* self) {
+    auto* value = reinterpret_cast<ValueObject*>(self);
+    Py_XDECREF(value->name);
+    Py_XDECREF(value->type);
+    Py_XDECREF(value->raw);
+    Py_XDECREF(value->data);
+    Free(self);
+}
+
+PyObject* ValueData(PyObject* self, void*) {
+    auto* value = reinterpret_cast<ValueObject*>(self);
+    if (value->data == nullptr) value->data = DecodeData(value->typeNumber, value->raw);
+    return Py_XNewRef(value->data);
+}
+
+PyObject* ValueCompare(PyObject* a, PyObject* b, int op) {
+    if ((op != Py_EQ && op != Py_NE) || !PyObject_TypeCheck(b, valueType)) Py_RETURN_NOTIMPLEMENTED;
+    auto* x = reinterpret_cast<ValueObject*>(a);
+    auto* y = reinterpret_cast<ValueObject*>(b);
+    int same = x->typeNumber == y->typeNumber;
+    if (same == 1) same = PyObject_RichCompareBool(x->name, y->name, Py_EQ);
+    if (same == 1) same = PyObject_RichCompareBool(x->raw, y->raw, Py_EQ);
+    if (same < 0) return nullptr;
+    return PyBool_FromLong((same == 1) == (op == Py_EQ));
+}
+
+PyObject* ValueRepr(PyObject* self) {
+    auto* value = reinterpret_cast<ValueObject*>(self);
+    PyObject* data = ValueData(self, nullptr);
+    PyObject* type = value->typeNumber < kNamedTypes ? PyObject_GetAttrString(value->type, "name") : PyObject_Repr(value->type);
+    PyObject* text = data != nullptr && type != nullptr
+                         ? PyUnicode_FromFormat("Value(name=%R, type=%U, data=%R)", value->name, type, data)
+                         : nullptr;
+    Py_XDECREF(data);
+    Py_XDECREF(type);
+    return text;
+}
+
+PyMemberDef valueMembers[] = {
+    {"name", T_OBJECT_EX, offsetof(ValueObject, name), READONLY, "The value's name; \"\" for the default value."},
+    {"type", T_OBJECT_EX, offsetof(ValueObject, type), READONLY, "A RegType, or an int for a type without a name."},
+    {"raw", T_OBJECT_EX, offsetof(ValueObject, raw), READONLY, "The data's bytes as stored."},
+    {nullptr, 0, 0, 0, nullptr},
+};
+PyGetSetDef valueGetters[] = {
+    {"data", ValueData, nullptr,
+     "The data decoded: str, list of str or int by the type, else (and when it doesn't decode) the bytes.", nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+PyType_Slot valueSlots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(ValueDealloc)},
+    {Py_tp_members, valueMembers},
+    {Py_tp_getset, valueGetters},
+    {Py_tp_richcompare, reinterpret_cast<void*>(ValueCompare)},
+    {Py_tp_hash, reinterpret_cast<void*>(PyObject_HashNotImplemented)},
+    {Py_tp_repr, reinterpret_cast<void*>(ValueRepr)},
+    {0, nullptr},
+};
+
+// ---- the subkeys and values of a key
+
+void ViewDealloc(PyObject* self) {
+    Py_XDECREF(reinterpret_cast<ViewObject*>(self)->key);
+    Free(self);
+}
+
+KeyObject* ViewKey(PyObject* self) { return reinterpret_cast<ViewObject*>(self)->key; }
+
+// The counts the key records.
+bool Counts(KeyObject* key, Tamvik::KeyInfo* info) {
+    HiveAccess* access = key->state->Open();
+    if (access == nullptr) return false;
+    const Status read = access->Info(key->cell, info);
+    if (!read) Raise(read);
+    return read.Ok();
+}
+
+Py_ssize_t SubKeysLength(PyObject* self) {
+    Tamvik::KeyInfo info;
+    return Counts(ViewKey(self), &info) ? static_cast<Py_ssize_t>(info.subKeys) : -1;
+}
+
+Py_ssize_t ValuesLength(PyObject* self) {
+    Tamvik::KeyInfo info;
+    return Counts(ViewKey(self), &info) ? static_cast<Py_ssize_t>(info.values) : -1;
+}
+
+// A list of what a key holds as an iterator. A position that can't be read
+// is left out; a list of which nothing can be read raises.
+template <class Item, class Make>
+PyObject* IterateItems(const Status& listed, const std::vector<Item>& items, Make make) {
+    if (items.empty() && !listed) return Raise(listed);
+    Py_ssize_t readable = 0;
+    for (const Item& item : items) readable += item.status ? 1 : 0;
+    PyObject* list = PyList_New(readable);
+    Py_ssize_t at = 0;
+    for (const Item& item : items) {
+        if (list == nullptr || !item.status) continue;
+        PyObject* made = make(item);
+        if (made == nullptr) Py_CLEAR(list);
+        else PyList_SET_ITEM(list, at++, made);
+    }
+    if (list == nullptr) return nullptr;
+    PyObject* iterator = PyObject_GetIter(list);
+    Py_DECREF(list);
+    return iterator;
+}
+
+PyObject* SubKeysIter(PyObject* self) {
+    KeyObject* key = ViewKey(self);
+    HiveAccess* access = key->state->Open();
+    if (access == nullptr) return nullptr;
+    Scratch<Tamvik::SubKeyItem> scratch(&key->state->subKeyItems);
+    const Status listed = access->SubKeys(key->cell, &scratch.items);
+    return IterateItems(listed, scratch.items, [key](const Tamvik::SubKeyItem& item) -> PyObject* {
+        PyObject* name = TextOf(item.name);
+        PyObject* path = name == nullptr ? nullptr : JoinPath(key->path, name);
+        return NewKey(key->hive, key->state, item.cell, name, path);
+    });
+}
+
+PyObject* ValuesIter(PyObject* self) {
+    KeyObject* key = ViewKey(self);
+    HiveAccess* access = key->state->Open();
+    if (access == nullptr) return nullptr;
+    Scratch<Tamvik::ValueItem> scratch(&key->state->valueItems);
+    const Status listed = access->Values(key->cell, true, &scratch.items);
+    return IterateItems(listed, scratch.items, NewValue);
+}
+
+// The subkey of that one name (which may hold a backslash).
+PyObject* SubKeysSubscript(PyObject* self, PyObject* name) {
+    KeyObject* key = ViewKey(self);
+    HiveAccess* access = key->state->Open();
+    WString units;
+    if (access == nullptr || !UnitsOf(name, &units)) return nullptr;
+    CellOffset cell = 0;
+    Tamvik::KeyInfo info;
+    Status found = access->FindSubKey(key->cell, units, &cell);
+    if (found.code == StatusCode::NotFound) return NotFound("no subkey %R in key %R", name, key->path);
+    if (found) found = access->Info(cell, &info);
+    if (!found) return Raise(found);
+    PyObject* stored = TextOf(info.name);
+    return NewKey(key->hive, key->state, cell, stored, stored == nullptr ? nullptr : JoinPath(key->path, stored));
+}
+
+int SubKeysContains(PyObject* self, PyObject* name) {
+    PyObject* found = SubKeysSubscript(self, name);
+    Py_XDECREF(found);
+    if (found != nullptr) return 1;
+    if (!PyErr_ExceptionMatches(PyExc_KeyError)) return -1;
+    PyErr_Clear();
+    return 0;
+}
+
+// The value of that name, or null: with an exception set unless absent is
+// given, which then tells that there is no such value.
+PyObject* FindValue(PyObject* self, PyObject* name, bool withData, bool* absent) {
+    KeyObject* key = ViewKey(self);
+    HiveAccess* access = key->state->Open();
+    WString units;
+    if (access == nullptr || !UnitsOf(name, &units)) return nullptr;
+    Tamvik::ValueItem item;
+    const Status found = access->FindValue(key->cell, units, withData, &item);
+    if (found.code == StatusCode::NotFound) {
+        if (absent != nullptr) *absent = true;
+        return absent != nullptr ? nullptr : NotFound("no value %R in key %R", name, key->path);
+    }
+    return found ? NewValue(item) : Raise(found);
+}
+
+PyObject* ValuesSubscript(PyObject* self, PyObject* name) { return FindValue(self, name, true, nullptr); }
+
+int ValuesContains(PyObject* self, PyObject* name) {
+    bool absent = false;
+    PyObject* found = FindValue(self, name, false, &absent);
+    Py_XDECREF(found);
+    return absent ? 0 : found != nullptr ? 1 : -1;
+}
+
+PyObject* ValuesGet(PyObject* self, PyObject* const* args, Py_ssize_t count) {
+    if (count < 1 || count > 2) {
+        PyErr_SetString(PyExc_TypeError, "get(name, default=None)");
+        return nullptr;
+    }
+    bool absent = false;
+    PyObject* found = FindValue(self, args[0], true, &absent);
+    if (absent) return Py_NewRef(count == 2 ? args[1] : Py_None);
+    return found;
+}
+
+PyObject* ViewRepr(PyObject* self) {
+    return PyUnicode_FromFormat("<%s of %R>", Py_TYPE(self)->tp_name, ViewKey(self)->path);
+}
+
+PyMethodDef valuesMethods[] = {
+    {"get", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(ValuesGet)), METH_FASTCALL,
+     "get(name, default=None): the Value of that name, or default."},
+    {nullptr, nullptr, 0, nullptr},
+};
+PyType_Slot subKeysSlots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(ViewDealloc)},
+    {Py_tp_iter, reinterpret_cast<void*>(SubKeysIter)},
+    {Py_mp_length, reinterpret_cast<void*>(SubKeysLength)},
+    {Py_mp_subscript, reinterpret_cast<void*>(SubKeysSubscript)},
+    {Py_sq_contains, reinterpret_cast<void*>(SubKeysContains)},
+    {Py_tp_repr, reinterpret_cast<void*>(ViewRepr)},
+    {0, nullptr},
+};
+PyType_Slot valuesSlots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(ViewDealloc)},
+    {Py_tp_iter, reinterpret_cast<void*>(ValuesIter)},
+    {Py_mp_length, reinterpret_cast<void*>(ValuesLength)},
+    {Py_mp_subscript, reinterpret_cast<void*>(ValuesSubscript)},
+    {Py_sq_contains, reinterpret_cast<void*>(ValuesContains)},
+    {Py_tp_methods, valuesMethods},
+    {Py_tp_repr, reinterpret_cast<void*>(ViewRepr)},
+    {0, nullptr},
+};
+
+// ---- the walk
+
+void WalkDealloc(PyObject* self) {
+    auto* walk = reinterpret_cast<WalkObject*>(self);
+    delete walk->walker;
+    Py_XDECREF(walk->hive);
+    Free(self);
+}
+
+PyObject* WalkNext(PyObject* self) {
+    auto* walk = reinterpret_cast<WalkObject*>(self);
+    Walker& walker = *walk->walker;
+    if (walker.stack.empty()) return nullptr;
+    HiveAccess* access = walk->state->Open();
+    if (access == nullptr) return nullptr;
+    Walker::Pending next = std::move(walker.stack.back());
+    walker.stack.pop_back();
+    PyObject* name = TextOf(next.name);
+    PyObject* path = next.parentPath == nullptr ? Py_XNewRef(walker.firstPath)
+                     : name == nullptr          ? nullptr
+                                                : JoinPath(next.parentPath, name);
+    Py_XDECREF(next.parentPath);
+    if (path != nullptr && walker.FirstEntry(next.cell)) {
+        Scratch<Tamvik::SubKeyItem> scratch(&walk->state->subKeyItems);
+        access->SubKeys(next.cell, &scratch.items);  // what can't be read is left out
+        for (std::size_t i = scratch.items.size(); i-- > 0;) {
+            Tamvik::SubKeyItem& item = scratch.items[i];
+            if (item.status) walker.stack.push_back({item.cell, std::move(item.name), Py_NewRef(path)});
+        }
+    }
+    PyObject* key = NewKey(walk->hive, walk->state, next.cell, name, Py_XNewRef(path));
+    PyObject* pair = key == nullptr ? nullptr : PyTuple_New(2);
+    if (pair == nullptr) {
+        Py_XDECREF(path);
+        Py_XDECREF(key);
+        return nullptr;
+    }
+    PyTuple_SET_ITEM(pair, 0, path);
+    PyTuple_SET_ITEM(pair, 1, key);
+    return pair;
+}
+
+PyType_Slot walkSlots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(WalkDealloc)},
+    {Py_tp_iter, reinterpret_cast<void*>(PyObject_SelfIter)},
+    {Py_tp_iternext, reinterpret_cast<void*>(WalkNext)},
+    {0, nullptr},
+};
+
+constexpr unsigned kFlags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION;
+PyType_Spec keySpec = {"tamvik.Key", sizeof(KeyObject), 0, kFlags, keySlots};
+PyType_Spec valueSpec = {"tamvik.Value", sizeof(ValueObject), 0, kFlags, valueSlots};
+PyType_Spec subKeysSpec = {"tamvik.SubKeys", sizeof(ViewObject), 0, kFlags, subKeysSlots};
+PyType_Spec valuesSpec = {"tamvik.Values", sizeof(ViewObject), 0, kFlags, valuesSlots};
+PyType_Spec walkSpec = {"tamvik.Walk", sizeof(WalkObject), 0, kFlags, walkSlots};
+
+}  // namespace
+
+bool AddTypes(PyObject* module) {
+    const struct {
+        PyType_Spec* spec;
+        PyTypeObject** type;
+        const char* name;
+    } types[] = {{&keySpec, &keyType, "Key"},
+                 {&valueSpec, &valueType, "Value"},
+                 {&subKeysSpec, &subKeysType, "SubKeys"},
+                 {&valuesSpec, &valuesType, "Values"},
+                 {&walkSpec, &walkType, "Walk"}};
+    for (const auto& t : types) {
+        PyObject* type = PyType_FromSpec(t.spec);
+        if (type == nullptr || PyModule_AddObjectRef(module, t.name, type) != 0) return false;
+        *t.type = reinterpret_cast<PyTypeObject*>(type);  // the module keeps it
+        Py_DECREF(type);
+    }
+    return true;
+}
+
+bool RegisterTypes(PyObject* members) {
+    if (!PyDict_Check(members)) {
+        PyErr_SetString(PyExc_TypeError, "register({number: RegType}, errors)");
+        return false;
+    }
+    for (std::uint32_t type = 0; type < kNamedTypes; ++type) {
+        PyObject* number = PyLong_FromUnsignedLong(type);
+        if (number == nullptr) return false;
+        PyObject* member = PyDict_GetItemWithError(members, number);
+        Py_DECREF(number);
+        if (member == nullptr && PyErr_Occurred()) return false;
+        Py_XINCREF(member);
+        Py_XSETREF(typeMembers[type], member);
+    }
+    return true;
+}
+
+PyObject* NewKey(PyObject* hive, HiveState* state, CellOffset cell, PyObject* name, PyObject* path) {
+    auto* key = name != nullptr && path != nullptr ? Allocate<KeyObject>(keyType) : nullptr;
+    if (key == nullptr) {
+        Py_XDECREF(name);
+        Py_XDECREF(path);
+        return nullptr;
+    }
+    key->hive = Py_NewRef(hive);
+    key->state = state;
+    key->cell = cell;
+    key->name = name;
+    key->path = path;
+    return reinterpret_cast<PyObject*>(key);
+}
+
+PyObject* KeyAt(KeyObject* from, PyObject* path, bool create) {
+    HiveAccess* access = from->state->Open();
+    WString units;
+    if (access == nullptr || !UnitsOf(path, &units)) return nullptr;
+    CellOffset cell = from->cell;
+    WString stored, last;  // the names the hive stores, joined; the last of them
+    for (std::size_t start = 0; start <= units.size();) {
+        const std::size_t end = std::min(units.find(u'\\', start), units.size());
+        const WString component = units.substr(start, end - start);
+        start = end + 1;
+        if (component.empty()) continue;  // "\A", "A\" and "A\\B" name what "A" and "A\B" name
+        CellOffset next = 0;
+        Status found = access->FindSubKey(cell, component, &next);
+        if (found.code == StatusCode::NotFound && create) {
+            found = access->CreateSubKey(cell, component, Tamvik::ListOrder::Windows, &next);
+            last = component;
+        } else if (found) {
+            Tamvik::KeyInfo info;
+            found = access->Info(next, &info);
+            last = std::move(info.name);
+        }
+        if (found.code == StatusCode::NotFound) {
+            PyObject* name = TextOf(component);
+            PyObject* below = TextOf(stored);
+            PyObject* where = below == nullptr ? nullptr : JoinPath(from->path, below);
+            if (name != nullptr && where != nullptr) NotFound("no key %R in key %R", name, where);
+            Py_XDECREF(name);
+            Py_XDECREF(below);
+            Py_XDECREF(where);
+            return nullptr;
+        }
+        if (!found) return Raise(found);
+        stored += stored.empty() ? last : u'\\' + last;
+        cell = next;
+    }
+    if (stored.empty()) return Py_NewRef(reinterpret_cast<PyObject*>(from));
+    PyObject* below = TextOf(stored);
+    PyObject* full = below == nullptr ? nullptr : JoinPath(from->path, below);
+    Py_XDECREF(below);
+    return NewKey(from->hive, from->state, cell, TextOf(last), full);
+}
+
+PyObject* NewWalk(KeyObject* from) {
+    auto* walk = PyObject_New(WalkObject, walkType);
+    if (walk == nullptr) return nullptr;
+    walk->hive = Py_NewRef(from->hive);
+    walk->state = from->state;
+    walk->walker = new (std::nothrow) Walker;
+    WString name;
+    if (walk->walker == nullptr || !UnitsOf(from->name, &name)) {
+        if (!PyErr_Occurred()) PyErr_NoMemory();
+        Py_DECREF(walk);
+        return nullptr;
+    }
+    walk->walker->firstPath = Py_NewRef(from->path);
+    walk->walker->stack.push_back({from->cell, std::move(name), nullptr});
+    return reinterpret_cast<PyObject*>(walk);
+}
+
+}  // namespace TamvikPython
