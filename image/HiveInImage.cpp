@@ -123,9 +123,10 @@ bool HiveInImage::OpenHive(Tamvik::OpenMode mode, HiveInImageError& error) {
     const Tamvik::Status status = Tamvik::HiveAccess::Open(device_.get(), path, mode, &hive_);
     if (status) return true;
     // The device's own reason (no such file, encrypted, ...) says more than the library's.
-    if (device_->LastError())
+    if (device_->LastError()) {
         error = From(device_->LastError());
-    else
+        error.hive = status;
+    } else
         error = {ErrorKind::None, status, {}, hivePath_ + ": " + status.text};
     hive_.reset();
     device_.reset();

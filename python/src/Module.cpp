@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "EditGuard.h"
+#include "Session.h"
 #include "KeyTime.h"
 #include "Objects.h"
 #include "Text.h"
@@ -52,34 +53,51 @@ Tamvik::WString Units(const py::handle& text) {
     return units;
 }
 
-// A writable hive passes the tool's edit gate first: its lock, then its
-// refusal of a dirty or damaged hive unless forced.
-std::unique_ptr<HiveState> OpenHive(const std::string& path, bool write, bool force) {
+int StatusOfRefusal(int toolStatus) {
+    switch (toolStatus) {
+        case TamvikTool::kExitDirty: return kStatusDirty;
+        case TamvikTool::kExitLocked: return kStatusLocked;
+        case TamvikTool::kExitUnsafe: return kStatusUnsafe;
+        case TamvikTool::kExitDamaged: return static_cast<int>(StatusCode::Damaged);
+        default: return static_cast<int>(StatusCode::IoError);
+    }
+}
+
+// A writable hive passes the tool's edit gate first: its lock (or the
+// image's), then its refusal of a dirty or damaged hive unless forced. A
+// hive inside an image is reached as the tool reaches it.
+std::unique_ptr<HiveState> OpenHive(const std::string& path, bool write, bool force, const std::string& image,
+                                    int partition) {
     auto state = std::make_unique<HiveState>();
     state->path = path;
     state->writable = write;
+    TamvikTool::HivePlace place;
+    place.hive = path;
+    place.image = image;
+    place.partition = partition;
     Status opened;
     int osError = 0;
     {
         py::gil_scoped_release unlocked;
         try {
             errno = 0;
-            if (write) state->gate = std::make_unique<TamvikTool::EditSession>(path, TamvikTool::EditOptions{force, true});
+            if (write) {
+                state->gate = std::make_unique<TamvikTool::EditSession>(place, TamvikTool::EditOptions{force, true});
+                state->access = &state->gate->Session().Hive();
+            } else if (place.InImage()) {
+                state->inImage = std::make_unique<TamvikTool::HiveSession>(place);
+                state->access = &state->inImage->Hive();
+            }
         } catch (const TamvikTool::ToolError& refused) {
             osError = errno;
-            const int why = refused.Status();
-            const int code = why == TamvikTool::kExitDirty    ? kStatusDirty
-                             : why == TamvikTool::kExitLocked ? kStatusLocked
-                             : why == TamvikTool::kExitDamaged ? static_cast<int>(StatusCode::Damaged)
-                                                               : static_cast<int>(StatusCode::IoError);
-            opened = Status::Of(static_cast<StatusCode>(code), refused.what());
+            opened = Status::Of(static_cast<StatusCode>(StatusOfRefusal(refused.Status())), refused.what());
         }
-        if (opened) {
+        if (opened && state->access == nullptr) {
             errno = 0;
-            opened = HiveAccess::Open(path, write ? Tamvik::OpenMode::Writable : Tamvik::OpenMode::ReadOnly,
-                                      &state->access);
+            opened = HiveAccess::Open(path, Tamvik::OpenMode::ReadOnly, &state->file);
             osError = errno;
             if (!opened) opened.text = path + ": " + opened.text;
+            state->access = state->file.get();
         }
     }
     if (!opened) {
@@ -90,13 +108,21 @@ std::unique_ptr<HiveState> OpenHive(const std::string& path, bool write, bool fo
 }
 
 void Close(HiveState& state) {
-    std::unique_ptr<HiveAccess> access = std::move(state.access);
+    if (state.access == nullptr) return;
+    state.access = nullptr;
     Status closed;
-    if (access != nullptr) {
+    {
         py::gil_scoped_release unlocked;
-        closed = access->Close();
-        access.reset();
+        try {
+            if (state.gate != nullptr) state.gate->Commit();
+            if (state.inImage != nullptr) state.inImage->Close();
+        } catch (const TamvikTool::ToolError& failed) {
+            closed = Status::Of(StatusCode::IoError, failed.what());
+        }
+        if (state.file != nullptr) closed = state.file->Close();
         state.gate.reset();
+        state.inImage.reset();
+        state.file.reset();
     }
     Check(closed);
 }
@@ -126,6 +152,7 @@ py::list StatusNames() {
         {"NO_MEMORY", static_cast<int>(StatusCode::NoMemory)},
         {"DIRTY", kStatusDirty},
         {"LOCKED", kStatusLocked},
+        {"UNSAFE", kStatusUnsafe},
     };
     py::list list;
     for (const auto& [name, number] : names) list.append(py::make_tuple(name, number));
@@ -162,7 +189,7 @@ PYBIND11_MODULE(_tamvik, module) {
         "path"_a, "minor"_a, "root_name"_a);
 
     py::class_<HiveState>(module, "HiveBase")
-        .def(py::init(&OpenHive), "path"_a, "write"_a = false, "force"_a = false)
+        .def(py::init(&OpenHive), "path"_a, "write"_a = false, "force"_a = false, "image"_a = "", "partition"_a = -1)
         .def("close", &Close, "Writes what is left and makes it durable; a writable hive's lock goes.")
         .def_property_readonly("closed", [](const HiveState& state) { return state.access == nullptr; })
         .def_property_readonly("writable", [](const HiveState& state) { return state.writable; })

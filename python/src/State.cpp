@@ -1,6 +1,7 @@
 #include "State.h"
 
 #include "EditGuard.h"
+#include "Session.h"
 
 namespace TamvikPython {
 
@@ -13,7 +14,7 @@ HiveState::~HiveState() = default;
 
 Tamvik::HiveAccess* HiveState::Open() {
     if (access == nullptr) PyErr_SetString(PyExc_ValueError, "the hive is closed");
-    return access.get();
+    return access;
 }
 
 void SetErrorFactory(PyObject* factory) {

@@ -13,6 +13,7 @@
 
 namespace TamvikTool {
 class EditSession;
+class HiveSession;
 }
 
 namespace TamvikPython {
@@ -23,9 +24,12 @@ struct HiveState {
     std::string path;
     bool writable = false;
     // A writable hive's lock, taken and its hive checked as the tool does
-    // before an edit; held until the hive is closed.
+    // before an edit; held until the hive is closed. It holds the open hive.
     std::unique_ptr<TamvikTool::EditSession> gate;
-    std::unique_ptr<Tamvik::HiveAccess> access;  // null once closed
+    // A read-only hive: a file opened directly, or a hive inside an image.
+    std::unique_ptr<Tamvik::HiveAccess> file;
+    std::unique_ptr<TamvikTool::HiveSession> inImage;
+    Tamvik::HiveAccess* access = nullptr;  // whichever of them holds the hive; null once closed
     // Lists the reads fill, kept so that their buffers serve the next read.
     // A read takes one (leaving an empty one for a read that runs meanwhile,
     // from a finalizer) and gives it back when done.
@@ -39,6 +43,7 @@ struct HiveState {
 // The edit gate's refusals, numbered after the library's statuses.
 constexpr int kStatusDirty = 100;
 constexpr int kStatusLocked = 101;
+constexpr int kStatusUnsafe = 102;  // a volume Windows left hibernated or unclean, refused for writing
 
 // Sets the package's exception for a status (tamvik.Error, or the subclass
 // that fits it and the system's error number) and returns null.

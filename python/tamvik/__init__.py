@@ -93,6 +93,7 @@ _BY_STATUS = {
     Status.NOT_FOUND: NotFoundError, Status.EXISTS: ExistsError, Status.INVALID: InvalidError,
     Status.READ_ONLY: AccessError, Status.NOT_A_HIVE: DamagedHiveError, Status.DAMAGED: DamagedHiveError,
     Status.BAD_DATA: DamagedHiveError, Status.DIRTY: DirtyHiveError, Status.LOCKED: LockedError,
+    Status.UNSAFE: AccessError,
 }
 _BY_ERRNO = {
     _errno.ENOENT: HiveNotFoundError, _errno.EACCES: AccessError, _errno.EPERM: AccessError,
@@ -218,9 +219,12 @@ class Key:
 class Hive(_tamvik.HiveBase):
     """An open hive file; tamvik.open() and tamvik.new() give one. A context manager."""
 
-    def __init__(self, path, write=False, force=False):
-        super().__init__(_os.fsencode(path), write, force)
+    def __init__(self, path, write=False, force=False, *, image=None, partition=None):
+        super().__init__(_os.fsencode(path), write, force,
+                         _os.fsencode(image) if image is not None else b"",
+                         -1 if partition is None else partition)
         self.path = _os.fspath(path)
+        self.image = None if image is None else _os.fspath(image)
 
     def __enter__(self):
         return self
@@ -245,10 +249,14 @@ Values = _tamvik.Values
 _tamvik.register({int(t): t for t in RegType}, _error)
 
 
-def open(path, write=False, *, force=False):
+def open(path, write=False, *, force=False, image=None, partition=None):
     """Opens a hive file. For writing, the hive is locked while open and, as the tool does, refused
-    when it is dirty or damaged unless force is given."""
-    return Hive(path, write, force)
+    when it is dirty or damaged unless force is given. With image (a disk image: raw, qcow2, vmdk,
+    vhdx, vhd, vdi), path is the hive's path inside the image's NTFS file system, in any letter
+    case, with / or \\; partition (numbered from 1) picks the volume when more than one holds it.
+    Writes go into the image itself, which is locked while the hive is open; a volume Windows left
+    hibernated or unclean is refused for writing (AccessError, status UNSAFE)."""
+    return Hive(path, write, force, image=image, partition=partition)
 
 
 def new(path, *, minor=5, root_name="ROOT"):

@@ -36,6 +36,7 @@ class Status(enum.IntEnum):
     NO_MEMORY = 11
     DIRTY = 100
     LOCKED = 101
+    UNSAFE = 102
 
 class Error(Exception):
     status: Status
@@ -105,7 +106,9 @@ class Key:
 
 class Hive:
     path: str
-    def __init__(self, path: _Path, write: bool = ..., force: bool = ...) -> None: ...
+    image: str | None
+    def __init__(self, path: _Path, write: bool = ..., force: bool = ..., *, image: _Path | None = ...,
+                 partition: int | None = ...) -> None: ...
     @property
     def root(self) -> Key: ...
     @property
@@ -118,5 +121,6 @@ class Hive:
     def __enter__(self) -> Hive: ...
     def __exit__(self, *exception: object) -> None: ...
 
-def open(path: _Path, write: bool = ..., *, force: bool = ...) -> Hive: ...
+def open(path: _Path, write: bool = ..., *, force: bool = ..., image: _Path | None = ...,
+         partition: int | None = ...) -> Hive: ...
 def new(path: _Path, *, minor: int = ..., root_name: str = ...) -> Hive: ...

@@ -1,5 +1,8 @@
 #include "HiveSource.h"
 
+#include <cerrno>
+
+#include "HiveFile.h"
 #include "HiveInImage.h"
 #include "Session.h"
 #include "ToolError.h"
@@ -23,7 +26,9 @@ namespace {
             throw ToolError(error.text + ": writing to it would lose what Windows holds in memory, so the edit is "
                                          "refused (read commands still work)",
                             kExitUnsafe);
-        default: break;
+        // Callers that tell a missing file by errno (the Python package) see it so.
+        case ti::ErrorKind::NotFound: errno = ENOENT; break;
+        default: errno = 0; break;
     }
     if (error.candidates.size() > 1) UsageError(error.text + " with --partition N (see tamvik hives)");
     throw ToolError(error.text);
@@ -59,7 +64,10 @@ bool ImageSource::ReadLog(const std::string& path, Bytes* bytes, std::string* er
 Tamvik::HiveAccess& ImageSource::OpenHive(bool writable) {
     ti::HiveInImageError error;
     if (!impl_->opened->OpenHive(writable ? Tamvik::OpenMode::Writable : Tamvik::OpenMode::ReadOnly, error)) {
-        if (error.hive.code == Tamvik::StatusCode::NotAHive) throw NotAHive(*this, Name());
+        // A file too short or not marked as a hive fails at its first read:
+        // its base block tells why better than the read does.
+        if (!error.hive.Ok() && (error.hive.code == Tamvik::StatusCode::NotAHive || !WhyNotAHive(*this).empty()))
+            throw NotAHive(*this, Name());
         Fail(error);
     }
     return *impl_->opened->Hive();
