@@ -22,3 +22,29 @@ qemu-img convert -O qcow2 "$work/disk.raw" "$work/disk.qcow2"
 for image in disk.raw disk.qcow2; do
   build-bench-image/bench/bench_image "$work/$image" /SYSTEM "$hive" "${REPS:-5}"
 done
+
+# The tool as a user runs it, whole processes (hyperfine, alternating): an
+# export of the whole hive, and an import of 1,000 keys with 3 values each,
+# on the extracted file against the same hive inside the qcow2 image.
+command -v hyperfine >/dev/null || { echo "bench: hyperfine is absent (apt-get install hyperfine)" >&2; exit 0; }
+cmake --build build-bench-image -j2 --target tamvik_cli >/dev/null
+tool=$PWD/build-bench-image/tools/tamvik
+cp "$hive" "$work/SYSTEM"
+{
+  echo 'Windows Registry Editor Version 5.00'
+  for i in $(seq 1000); do
+    printf '\n[\\BenchImport\\Key%04d]\n"Name"="value %d"\n"Count"=dword:%08x\n"Blob"=hex:01,02,03,04\n' "$i" "$i" "$i"
+  done
+} > "$work/import.reg"
+runs=${REPS:-5}
+hyperfine -N -w 1 -r "$runs" --export-markdown "$work/export.md" \
+  -n "export, extracted file" "$tool export $work/SYSTEM -o /dev/null" \
+  -n "export, inside qcow2" "$tool export --image $work/disk.qcow2 /SYSTEM -o /dev/null" \
+  -n "export, inside raw" "$tool export --image $work/disk.raw /SYSTEM -o /dev/null"
+# Each import starts from the pristine image and file (restored before each run, not timed).
+cp "$work/disk.qcow2" "$work/pristine.qcow2"
+hyperfine -N -w 1 -r "$runs" --export-markdown "$work/import.md" \
+  -n "import, extracted file" -n "import, inside qcow2" \
+  --prepare "cp $hive $work/SYSTEM" --prepare "cp $work/pristine.qcow2 $work/disk.qcow2" \
+  "$tool import $work/SYSTEM $work/import.reg" "$tool import --image $work/disk.qcow2 /SYSTEM $work/import.reg"
+cat "$work/export.md" "$work/import.md"
