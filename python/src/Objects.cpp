@@ -494,7 +494,7 @@ PyType_Spec walkSpec = {"tamvik.Walk", sizeof(WalkObject), 0, kFlags, walkSlots}
 
 bool AddTypes(PyObject* module) {
     const struct {
-        PyType_Spec* spec;
+        PyType_Spec* shape;
         PyTypeObject** type;
         const char* name;
     } types[] = {{&keySpec, &keyType, "Key"},
@@ -503,7 +503,7 @@ bool AddTypes(PyObject* module) {
                  {&valuesSpec, &valuesType, "Values"},
                  {&walkSpec, &walkType, "Walk"}};
     for (const auto& t : types) {
-        PyObject* type = PyType_FromSpec(t.spec);
+        PyObject* type = PyType_FromSpec(t.shape);
         if (type == nullptr || PyModule_AddObjectRef(module, t.name, type) != 0) return false;
         *t.type = reinterpret_cast<PyTypeObject*>(type);  // the module keeps it
         Py_DECREF(type);
