@@ -11,6 +11,7 @@ namespace TamvikTest {
 namespace {
 
 namespace NkField = Tamvik::NkField;
+namespace SkField = Tamvik::SkField;
 
 TreeValue Value(const std::string& name, std::uint32_t type, std::size_t length) {
     Bytes data(length);
@@ -98,6 +99,17 @@ std::vector<Sample> DamagedSamples() {
              b.SetCellSize(data, -0x100000);
              b.Patch32(b.KeyOffset("Key0"), NkField::ValueListCell, b.AddOffsets({b.AddVk({"huge", 20000, data})}));
              b.Patch32(b.KeyOffset("Key0"), NkField::ValueCount, 1);
+         })},
+        {"owners-at-odds", Lie([](HiveBuilder& b) {
+             const std::uint32_t sk = b.AddSk(0, 0, 0);  // counts no key, and its ring leads to a cell that doesn't lead back
+             b.Patch32(b.KeyOffset("Key0"), NkField::SecurityCell, sk);
+             b.Patch32(sk, SkField::NextSecurity, b.KeyOffset(""));
+             b.Patch32(b.KeyOffset("Key1"), NkField::ParentCell, b.KeyOffset("Key0"));
+             b.Patch32(b.KeyOffset("Key2"), NkField::ClassCell, b.AddCell(Bytes(8, 0x55)));
+             b.Patch16(b.KeyOffset("Key2"), NkField::ClassLength, 100);
+             const std::uint32_t segments = b.AddOffsets({b.AddCell(Bytes(16344, 0x66)), b.AddCell(Bytes(8, 0x66))});
+             b.Patch32(b.KeyOffset("Key2"), NkField::ValueListCell, b.AddOffsets({b.AddVk({"cut", 20000, b.AddDb(2, segments)})}));
+             b.Patch32(b.KeyOffset("Key2"), NkField::ValueCount, 1);
          })},
         {"bins-size-past-the-file", Lie([](HiveBuilder& b) { b.SetBinsSize(0x7FFFF000); })},
     };
