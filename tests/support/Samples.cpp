@@ -11,7 +11,6 @@ namespace TamvikTest {
 namespace {
 
 namespace NkField = Tamvik::NkField;
-namespace SkField = Tamvik::SkField;
 
 TreeValue Value(const std::string& name, std::uint32_t type, std::size_t length) {
     Bytes data(length);
@@ -101,9 +100,8 @@ std::vector<Sample> DamagedSamples() {
              b.Patch32(b.KeyOffset("Key0"), NkField::ValueCount, 1);
          })},
         {"owners-at-odds", Lie([](HiveBuilder& b) {
-             const std::uint32_t sk = b.AddSk(0, 0, 0);  // counts no key, and its ring leads to a cell that doesn't lead back
-             b.Patch32(b.KeyOffset("Key0"), NkField::SecurityCell, sk);
-             b.Patch32(sk, SkField::NextSecurity, b.KeyOffset(""));
+             // An sk that counts no key, its ring leading to a cell that doesn't lead back.
+             b.Patch32(b.KeyOffset("Key0"), NkField::SecurityCell, b.AddSk(b.KeyOffset(""), 0, 0));
              b.Patch32(b.KeyOffset("Key1"), NkField::ParentCell, b.KeyOffset("Key0"));
              b.Patch32(b.KeyOffset("Key2"), NkField::ClassCell, b.AddCell(Bytes(8, 0x55)));
              b.Patch16(b.KeyOffset("Key2"), NkField::ClassLength, 100);
