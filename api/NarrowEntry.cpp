@@ -4,7 +4,9 @@
 #include <new>
 #include <vector>
 
+#include "store/ByteOrder.h"
 #include "store/CodePage.h"
+#include "store/Format.h"
 #include "api/ValueRead.h"
 #include "api/WriteChecks.h"
 #include "nodes/Data.h"
@@ -20,8 +22,8 @@ std::string NarrowText(const std::vector<std::uint8_t>& stored, RegAPI::DWORD ty
     const std::size_t units = stored.size() / 2;
     std::vector<char16_t> wide(units + 1, 0);
     for (std::size_t i = 0; i < units; ++i)
-        wide[i] = static_cast<char16_t>(stored[2 * i] | (stored[2 * i + 1] << 8));
-    if (type == 7) {
+        wide[i] = static_cast<char16_t>(LoadU16(stored.data() + 2 * i));
+    if (type == ValueType::MultiString) {
         std::string out(stored.size() + 1, '\0');
         out.resize(MultiWideToNarrow(out.data(), wide.data(), static_cast<std::uint32_t>(stored.size())));
         return out;
@@ -35,7 +37,7 @@ std::string NarrowText(const std::vector<std::uint8_t>& stored, RegAPI::DWORD ty
 std::optional<std::vector<std::uint8_t>> WidenData(const RegAPI::BYTE* data, RegAPI::DWORD size, RegAPI::DWORD type) {
     const char* text = reinterpret_cast<const char*>(data);
     WString wide;
-    if (type == 7) {
+    if (type == ValueType::MultiString) {
         std::vector<char16_t> buffer(static_cast<std::size_t>(size) + 1, 0);
         long count = MultiNarrowToWide(buffer.data(), text, size);
         if (count < 0) return std::nullopt;
@@ -46,16 +48,15 @@ std::optional<std::vector<std::uint8_t>> WidenData(const RegAPI::BYTE* data, Reg
         wide = *converted;
     }
     std::vector<std::uint8_t> bytes(wide.size() * 2);
-    for (std::size_t i = 0; i < wide.size(); ++i) {
-        bytes[2 * i] = static_cast<std::uint8_t>(wide[i] & 0xFF);
-        bytes[2 * i + 1] = static_cast<std::uint8_t>(wide[i] >> 8);
-    }
+    for (std::size_t i = 0; i < wide.size(); ++i) StoreU16(bytes.data() + 2 * i, wide[i]);
     return bytes;
 }
 
 }  // namespace
 
-bool IsStringType(RegAPI::DWORD type) { return type == 1 || type == 2 || type == 7; }
+bool IsStringType(RegAPI::DWORD type) {
+    return type == ValueType::String || type == ValueType::ExpandString || type == ValueType::MultiString;
+}
 
 RegAPI::LONG DeliverNarrow(Val* value, Hive* hive, RegAPI::DWORD* type, RegAPI::BYTE* data,
                            RegAPI::DWORD* dataSize) {

@@ -9,7 +9,9 @@
 
 namespace Tamvik {
 
-bool HasFixedSize(RegAPI::DWORD type) { return type == 4 || type == 5 || type == 11; }
+bool HasFixedSize(RegAPI::DWORD type) {
+    return type == ValueType::Dword || type == ValueType::DwordBigEndian || type == ValueType::Qword;
+}
 
 RegAPI::LONG ReplaceValue(Key* key, const WString& name, RegAPI::DWORD type, RegAPI::DWORD size,
                           const RegAPI::BYTE* storedData, RegAPI::DWORD storedSize) {

@@ -15,7 +15,7 @@ namespace {
 using Image = std::vector<std::uint8_t>;
 
 constexpr std::uint32_t kBinSize = kBinAlignment;  // a new hive has one bin of the least size
-constexpr std::uint16_t kRootFlags = 0x2C;  // hive entry, no delete, narrow name
+constexpr std::uint16_t kRootFlags = NkField::HiveEntryFlag | NkField::NoDeleteFlag | NkField::NarrowNameFlag;
 
 // A SID of the NT authority (5) or the world authority (1).
 Image Sid(std::uint8_t authority, std::initializer_list<std::uint32_t> subAuthorities) {
@@ -78,7 +78,7 @@ std::uint64_t FileTimeNow() {
 
 Image EmptyHiveImage(const NewHiveOptions& options, std::uint64_t timestamp, Status* status) {
     *status = Status::Success();
-    if (!KnownMinorVersion(options.minorVersion) || HasCellBackLinks(options.minorVersion)) {
+    if (!WritableMinorVersion(options.minorVersion)) {
         *status = Status::Of(StatusCode::Invalid, "minor version must be 2 to 6 (version 1.1 has another cell layout)");
         return {};
     }

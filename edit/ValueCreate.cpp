@@ -68,15 +68,15 @@ std::uint32_t AppendValueEntry(Key* owner, Hive* hive, std::uint32_t valueCell) 
 }
 
 std::uint32_t WriteBigData(Hive* hive, const std::uint8_t* data, std::uint32_t length) {
-    const std::uint64_t segments = (static_cast<std::uint64_t>(length) + kSegmentSize - 1) / kSegmentSize;
-    if (segments == 0 || segments > 0xFFFF) return 0;
+    const std::uint32_t segments = SegmentsNeeded(length);
+    if (segments == 0 || segments > 0xFFFF) return 0;  // SegmentCount has 16 bits
     std::vector<std::uint32_t> cells;
     auto releaseAll = [&] {
         for (std::uint32_t cell : cells) FreeCellAt(hive, cell);
     };
-    for (std::uint64_t i = 0; i < segments; ++i) {
-        std::uint64_t start = i * kSegmentSize;
-        auto chunk = static_cast<std::uint32_t>(std::min<std::uint64_t>(kSegmentSize, length - start));
+    for (std::uint32_t i = 0; i < segments; ++i) {
+        const std::uint64_t start = std::uint64_t{i} * kSegmentSize;
+        const std::uint32_t chunk = SegmentShare(length, i);
         // Every segment gets a cell of the full segment size, the last one too,
         // as hives written by the system itself have them; readers that take a
         // segment's length from its cell size then read the last one right.
@@ -89,9 +89,8 @@ std::uint32_t WriteBigData(Hive* hive, const std::uint8_t* data, std::uint32_t l
         }
         cells.push_back(cell);
     }
-    const auto count = static_cast<std::uint32_t>(segments);
-    std::uint32_t list = CreateCell(hive, count * 4, [&](std::uint8_t* record, std::uint32_t) {
-        for (std::uint32_t i = 0; i < count; ++i) StoreU32(record + 4 * i, cells[i]);
+    std::uint32_t list = CreateCell(hive, segments * 4, [&](std::uint8_t* record, std::uint32_t) {
+        for (std::uint32_t i = 0; i < segments; ++i) StoreU32(record + 4 * i, cells[i]);
     });
     if (list == 0) {
         releaseAll();
@@ -99,7 +98,7 @@ std::uint32_t WriteBigData(Hive* hive, const std::uint8_t* data, std::uint32_t l
     }
     std::uint32_t db = CreateCell(hive, DbField::Size, [&](std::uint8_t* record, std::uint32_t) {
         StoreU16(record + DbField::Signature, kDbSignature);
-        StoreU16(record + DbField::SegmentCount, static_cast<std::uint16_t>(count));
+        StoreU16(record + DbField::SegmentCount, static_cast<std::uint16_t>(segments));
         StoreU32(record + DbField::SegmentListCell, list);
     });
     if (db == 0) {

@@ -12,9 +12,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "nodes/ReferenceCheck.h"
 #include "store/ByteOrder.h"
 #include "store/Format.h"
-#include "StructureCheck.h"
 #include "support/HiveBuilder.h"
 
 using namespace RegAPI;
@@ -103,7 +103,7 @@ bool SoundForTheTool(const Bytes& hive) {
     const auto problem = [](const std::vector<Tamvik::Finding>& findings) {
         return std::any_of(findings.begin(), findings.end(), [](const Tamvik::Finding& f) { return !f.warning; });
     };
-    return scan.Base().signatureOk && !problem(scan.Findings()) && !problem(TamvikTool::CheckStructure(scan).findings);
+    return scan.Base().signatureOk && !problem(scan.Findings()) && !problem(Tamvik::CheckReferences(scan).findings);
 }
 
 HiveUnderTest::HiveUnderTest(const Bytes& bytes, bool readOnly)

@@ -78,14 +78,12 @@ bool BigData::Write(Hive* hive, const std::uint8_t* source, std::uint32_t length
     if (newCount == 0) FreeCellAt(hive, list->GetOffset());
     record.SetU16(DbField::SegmentCount, static_cast<std::uint16_t>(newCount));
     if (newCount == 0) record.SetU32(DbField::SegmentListCell, kNoCell);
-    std::uint32_t remaining = length;
     for (std::uint32_t i = 0; i < newCount; ++i) {
         std::unique_ptr<MidData> segment = list->GetAt(hive, i);
         if (segment == nullptr) return false;
-        std::uint32_t chunk = std::min(remaining, kSegmentSize);
+        const std::uint32_t chunk = SegmentShare(length, i);
         if (!segment->Write(hive, source + static_cast<std::uint64_t>(i) * kSegmentSize, chunk)) return false;
         segment->Save(hive);
-        remaining -= chunk;
     }
     Save(hive);
     return true;
@@ -112,8 +110,8 @@ SubDatList::SubDatList(std::uint32_t offset_, Node* parent_, std::uint8_t* buffe
 WString SubDatList::GetName() const { return u"SubDatList"; }
 
 std::unique_ptr<MidData> SubDatList::GetAt(Hive* hive, std::uint32_t index) {
-    if (index >= EntriesHeld()) return nullptr;
-    return BuildNodeAt<MidData>(hive, record.U32(index * 4), this, CellKind::PlainData);
+    const std::optional<std::uint32_t> cell = EntryAt(index);
+    return cell ? BuildNodeAt<MidData>(hive, *cell, this, CellKind::PlainData) : nullptr;
 }
 
 }  // namespace Tamvik

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "store/Format.h"
 #include "store/Node.h"
@@ -69,8 +70,12 @@ public:
     WString GetName() const override;
     // The segment at a position, or null; positions past the cell give null.
     std::unique_ptr<MidData> GetAt(Hive* hive, std::uint32_t index);
-    // Entries the cell can hold.
+    // Entries the cell can hold, and the segment offset at a position among them.
     std::uint32_t EntriesHeld() const { return record.Size() / 4; }
+    std::optional<std::uint32_t> EntryAt(std::uint32_t index) const {
+        if (index >= EntriesHeld()) return std::nullopt;
+        return record.U32(index * 4);
+    }
 
     RecordRef record;
 };

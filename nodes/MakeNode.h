@@ -42,6 +42,38 @@ std::unique_ptr<T> BuildNodeAt(Hive* hive, std::uint32_t cellOffset, Node* paren
     return NarrowNode<T>(MakeNode(ref, hive, parent, kind));
 }
 
+// A node of class T standing over a cell's bytes that it neither owns nor
+// copies: for reading only, while those bytes stay. It exists when the cell
+// holds a T, by the same test MakeNode makes.
+template <class T>
+class ImageView {
+public:
+    ImageView() = default;
+    ImageView(std::uint32_t offset, Node* parent, const std::uint8_t* image, std::uint32_t size,
+              std::uint32_t payload, CellKind kind) {
+        Emplace(offset, parent, image, size, payload, kind);
+    }
+    // Builds the view when none stands yet; gives it, or null.
+    T* Emplace(std::uint32_t offset, Node* parent, const std::uint8_t* image, std::uint32_t size,
+               std::uint32_t payload, CellKind kind) {
+        if (image == nullptr || view_) return get();
+        const std::optional<NodeClass> cls = ClassOfCell(image, size, payload, kind);
+        if (!cls || !T::Holds(*cls)) return nullptr;
+        // Read only: the view's image is never written (see above).
+        view_.emplace(offset, parent, const_cast<std::uint8_t*>(image), size, payload);
+        return &*view_;
+    }
+    ImageView(const ImageView&) = delete;
+    ImageView& operator=(const ImageView&) = delete;
+
+    T* get() { return view_ ? &*view_ : nullptr; }
+    T* operator->() { return &*view_; }
+    explicit operator bool() const { return view_.has_value(); }
+
+private:
+    std::optional<T> view_;
+};
+
 // A node for one step of a call that writes nothing while it lives: it exists
 // exactly when BuildNodeAt would give a node. In a hive in memory it stands
 // over the cell's bytes in the image, without a copy or an allocation; on a
@@ -59,14 +91,8 @@ public:
         const CellRef ref = hive->GetCell(cellOffset);
         if (!ref.IsUsable()) return;
         const std::uint32_t size = ref.Magnitude();
-        // Read only: the view's image is never written (see above).
-        auto* image = const_cast<std::uint8_t*>(hive->AreaBytes(ref.offset, size));
-        if (image == nullptr) return;
-        const std::uint32_t payload = PayloadOffset(hive->MinorVersion());
-        const std::optional<NodeClass> cls = ClassOfCell(image, size, payload, kind);
-        if (!cls || !T::Holds(*cls)) return;
-        view_.emplace(ref.offset, parent, image, size, payload);
-        node_ = &*view_;
+        node_ = view_.Emplace(ref.offset, parent, hive->AreaBytes(ref.offset, size), size,
+                              PayloadOffset(hive->MinorVersion()), kind);
     }
     Transient(const Transient&) = delete;
     Transient& operator=(const Transient&) = delete;
@@ -77,7 +103,7 @@ public:
 
 private:
     std::unique_ptr<T> owned_;
-    std::optional<T> view_;
+    ImageView<T> view_;
     T* node_ = nullptr;
 };
 

@@ -133,13 +133,8 @@ LeafEntry Indirect::LeafAt(Hive* hive, std::uint32_t entry) {
     }
     found.cell = record.U32(ListField::Entries + entry * kLeafEntry);
     found.leaf = BuildNodeAt<SubKeyList>(hive, found.cell, OwnerKey(this), CellKind::BySignature);
-    if (found.leaf == nullptr) {
-        found.fault = LeafFault::NoList;
-    } else if (!found.leaf->IsLeaf()) {
-        // An ri inside an ri would break the position arithmetic, and could reach itself.
-        found.leaf.reset();
-        found.fault = LeafFault::NotALeaf;
-    }
+    found.fault = FaultOfLeaf(found.leaf.get());
+    if (found.fault != LeafFault::None) found.leaf.reset();
     return found;
 }
 

@@ -6,9 +6,12 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <type_traits>
+#include <variant>
 #include <vector>
 
 #include "nodes/Key.h"
+#include "nodes/MakeNode.h"
 #include "store/NameIndex.h"
 #include "store/Node.h"
 #include "store/Record.h"
@@ -85,6 +88,13 @@ enum class LeafFault : std::uint8_t {
     NotALeaf,    // it names another ri: nesting would break the positions and could loop
 };
 
+// What an ri entry is worth when its offset gives list (null: no list there).
+// Only a leaf serves: an ri inside an ri would break the position arithmetic,
+// and could reach itself.
+inline LeafFault FaultOfLeaf(const SubKeyList* list) {
+    return list == nullptr ? LeafFault::NoList : list->IsLeaf() ? LeafFault::None : LeafFault::NotALeaf;
+}
+
 // One entry of an ri: the offset it holds and the leaf built there.
 struct LeafEntry {
     std::uint32_t cell = kNoCell;
@@ -155,6 +165,34 @@ public:
     NodeClass Class() const override { return NodeClass::HashLeaf; }
     static bool Holds(NodeClass c) { return c == NodeClass::HashLeaf; }
     using FastLeaf::FastLeaf;
+};
+
+// A subkey list standing over a cell's bytes, as ImageView stands for one
+// class: the signature picks which of the four it is.
+class SubKeyListView {
+public:
+    SubKeyListView(std::uint32_t offset, const std::uint8_t* image, std::uint32_t size, std::uint32_t payload) {
+        const std::optional<NodeClass> cls =
+            image == nullptr ? std::nullopt : ClassOfCell(image, size, payload, CellKind::BySignature);
+        // Read only: the view's image is never written.
+        auto* bytes = const_cast<std::uint8_t*>(image);
+        if (cls == NodeClass::Indirect) list_.emplace<Indirect>(offset, nullptr, bytes, size, payload);
+        if (cls == NodeClass::IndexLeaf) list_.emplace<IndxLeaf>(offset, nullptr, bytes, size, payload);
+        if (cls == NodeClass::FastLeaf) list_.emplace<FastLeaf>(offset, nullptr, bytes, size, payload);
+        if (cls == NodeClass::HashLeaf) list_.emplace<HashLeaf>(offset, nullptr, bytes, size, payload);
+    }
+    SubKeyListView(const SubKeyListView&) = delete;
+    SubKeyListView& operator=(const SubKeyListView&) = delete;
+    // The list, or null when the cell holds none.
+    SubKeyList* get() {
+        return std::visit([](auto& list) -> SubKeyList* {
+            if constexpr (std::is_same_v<std::decay_t<decltype(list)>, std::monostate>) return nullptr;
+            else return &list;
+        }, list_);
+    }
+
+private:
+    std::variant<std::monostate, Indirect, IndxLeaf, FastLeaf, HashLeaf> list_;
 };
 
 // A key's subkey list opened to its leaves: the list itself when it is a

@@ -39,7 +39,7 @@ bool Val::DataFits(Hive* hive) const {
     const CellRef cell = hive->GetCell(DataCell());
     if (!cell.IsUsable()) return false;
     if (IsBigDataLength(hive->MinorVersion(), length))
-        return static_cast<std::uint64_t>(cell.word1 >> 16) * kSegmentSize >= length;
+        return (cell.word1 >> 16) >= SegmentsNeeded(length);  // the db's SegmentCount
     return cell.Magnitude() >= static_cast<std::uint64_t>(length) + 4;
 }
 
@@ -49,7 +49,7 @@ bool Val::ReadData(Hive* hive, std::uint8_t* target, std::uint32_t capacity) {
     if (length > capacity) return false;
     if (dataLength >= kInlineData) {
         // The format holds at most 4 inline bytes: a longer claim reads only what DataCell holds.
-        std::uint32_t available = std::min<std::uint32_t>(record.Available(VkField::DataCell), 4);
+        std::uint32_t available = std::min(record.Available(VkField::DataCell), kMaxInlineData);
         std::uint32_t copied = std::min(length, available);
         if (copied != 0) std::memcpy(target, record.Data() + VkField::DataCell, copied);
         return true;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "store/Status.h"
 
@@ -38,5 +39,8 @@ struct Finding : Status {
         return f;
     }
 };
+
+// An offset or a number as findings show it: "0x1f20".
+std::string Hex(std::uint64_t value);
 
 }  // namespace Tamvik

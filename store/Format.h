@@ -12,6 +12,7 @@ constexpr std::uint32_t kBinHeaderSize = 32;
 constexpr std::uint32_t kNoCell = 0xFFFFFFFF;     // "no cell" in an offset field
 constexpr std::uint32_t kInlineData = 0x80000000;  // DataLength bit: data stands in DataCell
 constexpr std::uint32_t kSegmentSize = 16344;      // bytes of one db segment
+constexpr std::uint32_t kMaxInlineData = 4;        // bytes that fit in DataCell itself
 constexpr std::uint32_t kBinAlignment = 4096;
 constexpr std::uint32_t kCellAlignment = 8;     // cell sizes are multiples of it
 constexpr std::uint32_t kCellSizeField = 4;     // the CellSize in front of every cell
@@ -37,6 +38,16 @@ constexpr std::uint32_t kFastEntry = 8;
 constexpr std::uint32_t ListEntrySize(std::uint16_t signature) {
     return signature == kLfSignature || signature == kLhSignature ? kFastEntry : kLeafEntry;
 }
+
+// Value types whose data the library reads as text or as a fixed-size number.
+namespace ValueType {
+constexpr std::uint32_t String = 1;
+constexpr std::uint32_t ExpandString = 2;
+constexpr std::uint32_t Dword = 4;
+constexpr std::uint32_t DwordBigEndian = 5;
+constexpr std::uint32_t MultiString = 7;
+constexpr std::uint32_t Qword = 11;
+}  // namespace ValueType
 
 // Smallest cells in which a record is recognised.
 constexpr std::uint32_t kMinKeyCell = 80;
@@ -91,6 +102,8 @@ constexpr std::uint32_t MaxValueData = 0x40;
 constexpr std::uint32_t NameLength = 0x48;
 constexpr std::uint32_t ClassLength = 0x4A;
 constexpr std::uint32_t Name = 0x4C;
+constexpr std::uint16_t HiveEntryFlag = 0x04;  // the root key of a hive
+constexpr std::uint16_t NoDeleteFlag = 0x08;
 constexpr std::uint16_t NarrowNameFlag = 0x20;
 }  // namespace NkField
 
@@ -142,6 +155,8 @@ constexpr bool KnownMinorVersion(std::uint32_t minor) { return minor >= 1 && min
 // carry a back link to the cell before them, which moves the payload to +8.
 constexpr bool HasCellBackLinks(std::uint32_t minorVersion) { return minorVersion == 1; }
 constexpr std::uint32_t PayloadOffset(std::uint32_t minorVersion) { return HasCellBackLinks(minorVersion) ? 8 : 4; }
+// A new hive is written with the cell layout without back links.
+constexpr bool WritableMinorVersion(std::uint32_t minor) { return KnownMinorVersion(minor) && !HasCellBackLinks(minor); }
 // From minor version 4 on, data longer than one segment (and not inline)
 // lies in segments behind a db record.
 constexpr bool IsBigDataLength(std::uint32_t minorVersion, std::uint32_t dataLength) {
@@ -154,9 +169,15 @@ constexpr bool IsBigDataLength(std::uint32_t minorVersion, std::uint32_t dataLen
 constexpr std::uint32_t kTakenRest = 4;
 inline bool RestIsUsable(std::uint32_t rest) { return rest % kCellAlignment == 0 || rest == kTakenRest; }
 
-// Number of db segments for a length, cut to the 16 bits of SegmentCount.
-inline std::uint16_t SegmentsFor(std::uint32_t length) {
-    return static_cast<std::uint16_t>((static_cast<std::uint64_t>(length) + kSegmentSize - 1) / kSegmentSize);
+// Number of db segments that hold a length, and the same cut to the 16 bits of SegmentCount.
+constexpr std::uint32_t SegmentsNeeded(std::uint32_t length) {
+    return static_cast<std::uint32_t>((static_cast<std::uint64_t>(length) + kSegmentSize - 1) / kSegmentSize);
+}
+inline std::uint16_t SegmentsFor(std::uint32_t length) { return static_cast<std::uint16_t>(SegmentsNeeded(length)); }
+// Bytes of a length that segment i holds: whole segments, then the rest, then none.
+constexpr std::uint32_t SegmentShare(std::uint32_t length, std::uint32_t i) {
+    const std::uint64_t start = std::uint64_t{i} * kSegmentSize;
+    return start >= length ? 0 : static_cast<std::uint32_t>(length - start < kSegmentSize ? length - start : kSegmentSize);
 }
 
 }  // namespace Tamvik

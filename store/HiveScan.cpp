@@ -7,13 +7,13 @@
 
 namespace Tamvik {
 
-namespace {
-
 std::string Hex(std::uint64_t value) {
     char text[24];
     std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(value));
     return text;
 }
+
+namespace {
 
 std::string Number(std::int64_t value) { return std::to_string(value); }
 
@@ -139,12 +139,19 @@ std::int32_t HiveScan::CellSizeAt(std::uint32_t offset) const {
     return it != cells_.end() && it->first == offset ? it->second : 0;
 }
 
+std::span<const std::uint8_t> HiveScan::AllocatedCell(std::uint32_t offset) const {
+    // The scan took only cells that lie inside their bin, inside the file.
+    const std::int32_t cell = CellSizeAt(offset);
+    if (cell >= 0) return {};
+    return file_.subspan(kBaseBlockSize + std::size_t{offset}, CellMagnitude(cell));
+}
+
 const std::uint8_t* HiveScan::Payload(std::uint32_t offset, std::uint32_t* size) const {
     // Every cell of the scan is at least 8 bytes long: its payload may be empty.
-    const std::int32_t cell = CellSizeAt(offset);
-    if (cell >= 0) return nullptr;
-    *size = CellMagnitude(cell) - PayloadStart();
-    return file_.data() + kBaseBlockSize + offset + PayloadStart();
+    const std::span<const std::uint8_t> cell = AllocatedCell(offset);
+    if (cell.empty()) return nullptr;
+    *size = static_cast<std::uint32_t>(cell.size()) - PayloadStart();
+    return cell.data() + PayloadStart();
 }
 
 std::vector<std::uint32_t> HiveScan::AllocatedCells() const {

@@ -42,6 +42,8 @@ public:
     std::int32_t CellSizeAt(std::uint32_t offset) const;
     // The payload of an allocated cell, or null; *size gets its length.
     const std::uint8_t* Payload(std::uint32_t offset, std::uint32_t* size) const;
+    // The whole of an allocated cell, its size field included; empty if none starts there.
+    std::span<const std::uint8_t> AllocatedCell(std::uint32_t offset) const;
     // Offsets of the allocated cells, in file order.
     std::vector<std::uint32_t> AllocatedCells() const;
 

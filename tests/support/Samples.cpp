@@ -99,6 +99,16 @@ std::vector<Sample> DamagedSamples() {
              b.Patch32(b.KeyOffset("Key0"), NkField::ValueListCell, b.AddOffsets({b.AddVk({"huge", 20000, data})}));
              b.Patch32(b.KeyOffset("Key0"), NkField::ValueCount, 1);
          })},
+        {"owners-at-odds", Lie([](HiveBuilder& b) {
+             // An sk that counts no key, its ring leading to a cell that doesn't lead back.
+             b.Patch32(b.KeyOffset("Key0"), NkField::SecurityCell, b.AddSk(b.KeyOffset(""), 0, 0));
+             b.Patch32(b.KeyOffset("Key1"), NkField::ParentCell, b.KeyOffset("Key0"));
+             b.Patch32(b.KeyOffset("Key2"), NkField::ClassCell, b.AddCell(Bytes(8, 0x55)));
+             b.Patch16(b.KeyOffset("Key2"), NkField::ClassLength, 100);
+             const std::uint32_t segments = b.AddOffsets({b.AddCell(Bytes(16344, 0x66)), b.AddCell(Bytes(8, 0x66))});
+             b.Patch32(b.KeyOffset("Key2"), NkField::ValueListCell, b.AddOffsets({b.AddVk({"cut", 20000, b.AddDb(2, segments)})}));
+             b.Patch32(b.KeyOffset("Key2"), NkField::ValueCount, 1);
+         })},
         {"bins-size-past-the-file", Lie([](HiveBuilder& b) { b.SetBinsSize(0x7FFFF000); })},
     };
     for (std::uint32_t binSize : {0u, 0xFFFFF000u, 1u << 30, 4104u}) {

@@ -9,9 +9,9 @@
 #include "KeyWriter.h"
 #include "Progress.h"
 #include "Session.h"
-#include "StructureCheck.h"
 #include "Walk.h"
 #include "edit/NameForms.h"
+#include "nodes/ReferenceCheck.h"
 
 namespace TamvikTool {
 
@@ -78,9 +78,9 @@ int RunCheck(const Args& args) {
         for (const std::string& log : dirt.logs) std::printf("%s: note: log %s\n", hive.c_str(), log.c_str());
         std::printf("%s: note: the hive is dirty; replay %s\n", hive.c_str(), dirt.replay.c_str());
     }
-    StructureReport structure;
+    Tamvik::ReferenceReport structure;
     if (file.Scan().Base().signatureOk) {
-        structure = CheckStructure(file.Scan());
+        structure = Tamvik::CheckReferences(file.Scan());
         for (const Finding& f : structure.findings) Report(hive, f, &tally);
     }
 

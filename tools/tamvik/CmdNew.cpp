@@ -8,6 +8,7 @@
 #include "Commands.h"
 #include "EditGuard.h"
 #include "edit/NewHive.h"
+#include "store/Format.h"
 #include "Session.h"
 #include "Text.h"
 
@@ -17,7 +18,7 @@ int RunNew(const Args& args) {
     Tamvik::NewHiveOptions options;
     if (auto minor = args.Value("--minor")) {
         std::optional<std::uint64_t> n = ParseNumber(*minor);
-        if (!n || *n < 2 || *n > 6) UsageError("--minor must be 2 to 6");
+        if (!n || *n > 0xFFFFFFFF || !Tamvik::WritableMinorVersion(static_cast<std::uint32_t>(*n))) UsageError("--minor must be 2 to 6");
         options.minorVersion = static_cast<std::uint32_t>(*n);
     }
     if (auto name = args.Value("--root-name")) {

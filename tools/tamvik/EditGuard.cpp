@@ -14,8 +14,8 @@
 #include "DirtyState.h"
 #include "HiveFile.h"
 #include "Session.h"
-#include "StructureCheck.h"
 #include "logs/Files.h"
+#include "nodes/ReferenceCheck.h"
 
 namespace TamvikTool {
 
@@ -49,7 +49,7 @@ void RefuseDamaged(HiveSource& source) {
         const HiveFile file(source);
         if (!file.Scan().Base().signatureOk) return;
         problems = file.Findings();
-        const StructureReport report = CheckStructure(file.Scan());
+        const Tamvik::ReferenceReport report = Tamvik::CheckReferences(file.Scan());
         problems.insert(problems.end(), report.findings.begin(), report.findings.end());
     } catch (const ToolError&) {
         return;

@@ -1,7 +1,6 @@
 #include "HiveFile.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "Session.h"
@@ -24,12 +23,6 @@ Bytes ReadWhole(HiveSource& source) {
 HiveFile::HiveFile(HiveSource& source) : bytes_(ReadWhole(source)), scan_(bytes_), findings_(scan_.Findings()) {
     for (Finding& finding : findings_)
         if (finding.kind == Tamvik::FindingKind::Dirty) finding.text += " (see tamvik replay)";
-}
-
-std::string Hex(std::uint64_t value) {
-    char buffer[24];
-    std::snprintf(buffer, sizeof buffer, "0x%llx", static_cast<unsigned long long>(value));
-    return buffer;
 }
 
 std::string WhyNotAHive(HiveSource& source) {

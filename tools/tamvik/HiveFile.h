@@ -32,7 +32,7 @@ private:
 };
 
 // "0x1234".
-std::string Hex(std::uint64_t value);
+using Tamvik::Hex;
 
 // Why the library won't open a file as a hive, from its base block:
 // "empty file", "only 12 bytes, ...", "no regf signature", "base block
