@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <clocale>
 #include <functional>
 #include <optional>
 #include <random>
@@ -187,6 +188,22 @@ TEST(Storage, LookupsAnswerForTheFileAsItIsNow) {
     ASSERT_EQ(RegCreateKeyExW(made, u"E", &e), Result::Ok);
     ASSERT_EQ(reinterpret_cast<Tamvik::Node*>(e)->GetOffset(), cOffset) << "E takes C's cell";
     EXPECT_EQ(RegOpenKeyExW(seen, u"E", 0, 0, &found), Result::Ok);
+}
+
+// Names compare under the locale in force at each call, and what a list
+// learnt of its names under other rules is not trusted: a lookup that needs
+// its case rules fails in C, finds the key in C.utf8, and fails again in C.
+TEST(Storage, LookupsFollowTheLocaleFromCallToCall) {
+    TreeKey root{"Root", {}, {TreeKey{"\xE9"}}};  // é, stored compressed, among enough keys for an index
+    for (int i = 0; i < 40; ++i) root.subkeys.push_back(TreeKey{"k" + std::to_string(i)});
+    HiveBuilder builder;
+    builder.AddTree(root);
+    TestHive test(builder);
+    for (const char* locale : {"C", "C.utf8", "C"}) {
+        if (std::setlocale(LC_CTYPE, locale) == nullptr) GTEST_SKIP() << "no " << locale << " locale here";
+        HKEY found = nullptr;
+        EXPECT_EQ(RegOpenKeyExW(test.Key(), u"\u00C9", 0, 0, &found) == Result::Ok, locale[1] != 0) << locale;
+    }
 }
 
 // A list's learnt names point each hash at the first position that had it,
