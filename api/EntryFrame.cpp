@@ -18,6 +18,7 @@ Node* WalkPath(Node* start, Hive* hive, const char16_t* path) {
         onHeap.resize(length + 1);
         copy = onHeap.data();
     }
+    const CaseRulesHold rules;
     const CaseMap& map = CurrentCaseMap();
     for (std::size_t i = 0; i < length; ++i) copy[i] = map.Upper(path[i]);
     copy[length] = 0;

@@ -6,6 +6,7 @@
 #include "nodes/Key.h"
 #include "store/Hive.h"
 #include "store/LiveHandles.h"
+#include "store/Platform.h"
 
 namespace Tamvik {
 
@@ -25,7 +26,8 @@ inline Hive* HiveOf(RegAPI::HKEY handle) { return NodeAs<Hive>(NodeOf(handle)); 
 inline Hive* HiveAbove(Node* node) { return NodeAs<Hive>(node->GetRoot()); }
 
 // Made at the top of every entry point that writes: whatever the call changed
-// is handed to the file before it returns, whichever way it returns.
+// is handed to the file before it returns, whichever way it returns; the case
+// rules are asked of the locale once for the call.
 class WriteBack {
 public:
     explicit WriteBack(RegAPI::HKEY key) : hive_(KeyOf(key) != nullptr ? HiveAbove(NodeOf(key)) : nullptr) {}
@@ -36,6 +38,7 @@ public:
     WriteBack& operator=(const WriteBack&) = delete;
 
 private:
+    CaseRulesHold rules_;
     Hive* hive_;
 };
 

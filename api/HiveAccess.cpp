@@ -276,6 +276,7 @@ Status HiveAccess::SubKeys(CellOffset cell, std::vector<SubKeyItem>* items) {
 Status HiveAccess::FindSubKey(CellOffset cell, const WString& name, CellOffset* found) {
     const KeyView key(hive_.get(), cell, hive_.get(), CellKind::BySignature);
     if (!key) return NoKeyAt(cell);
+    const CaseRulesHold rules;
     const WString upper = UpperCaseName(name);
     bool matched = false;
     const Status walked = ForEachSubKey(hive_.get(), key.get(), [&](std::uint32_t, std::optional<std::uint32_t> at) {
@@ -366,6 +367,7 @@ Status HiveAccess::ValuePosition(CellOffset cell, const WString& name, std::uint
     if (!key) return NoKeyAt(cell);
     const std::uint32_t count = key->ValueCount();
     const Transient<SubValList> list(hive_.get(), key->Field(NkField::ValueListCell), key.get(), CellKind::ValueList);
+    const CaseRulesHold rules;
     const WString upper = UpperCaseName(name);
     for (std::uint32_t i = 0; list && i < std::min(count, list->EntriesHeld()); ++i) {
         const Transient<Val> value(hive_.get(), *list->EntryAt(i), list.get(), CellKind::BySignature);

@@ -9,6 +9,7 @@ namespace Tamvik {
 Val* FindValueNamed(Key* key, const WString& name, Hive** hive) {
     *hive = HiveAbove(key);
     if (*hive == nullptr) return nullptr;
+    const CaseRulesHold rules;
     const WString upper = UpperCaseName(name);
     return key->FindValue(*hive, upper.c_str());
 }

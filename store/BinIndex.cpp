@@ -163,7 +163,8 @@ void BinIndex::Touched(std::uint64_t areaOffset, std::uint64_t length) {
     auto mark = [&](std::size_t i) {
         const Bin& bin = walk_[i];
         if (areaOffset < static_cast<std::uint64_t>(bin.at) + kBinHeaderSize && end > bin.at) built_ = false;
-        if (i < searchable_) {
+        // A stale bin's leaf is kVisit already: the tree needs no walk up again.
+        if (i < searchable_ && !stale_[i]) {
             stale_[i] = true;
             Set(i, kVisit);
         }

@@ -77,7 +77,19 @@ std::unique_ptr<FileImage> FileImage::Open(const std::string& path, bool readOnl
     const int fd = ::open(path.c_str(), (readOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC);
     if (fd < 0) return nullptr;
     struct stat info {};
-    std::unique_ptr<ImageStore> store(fstat(fd, &info) == 0 ? new (std::nothrow) FileStore(fd) : nullptr);
+    if (fstat(fd, &info) != 0) {
+        ::close(fd);
+        return nullptr;
+    }
+    // An empty file can't be mapped; it, and whatever isn't a regular file, is read in.
+    if (S_ISREG(info.st_mode) && info.st_size > 0) {
+        const auto size = static_cast<std::uint64_t>(info.st_size);
+        if (std::unique_ptr<FileMapping> mapping = FileMapping::Map(fd, size, readOnly)) {
+            std::unique_ptr<FileImage> image(new (std::nothrow) FileImage(std::move(mapping), readOnly));
+            return image;  // null when memory for it can't be had; the mapping has closed the file then
+        }
+    }
+    std::unique_ptr<ImageStore> store(new (std::nothrow) FileStore(fd));
     if (store == nullptr) {
         ::close(fd);
         return nullptr;
@@ -95,76 +107,107 @@ std::unique_ptr<FileImage> FileImage::Open(std::unique_ptr<ImageStore> store, bo
     // Only the base block tells how far the hive goes: its header, then its bins.
     if (!image->ReadIn(kBaseBlockSize)) return nullptr;
     if (image->Size() < kBaseBlockSize) return image;
-    const std::uint64_t bins = LoadU32(image->bytes_.Data() + BaseBlockField::BinsSize);
+    const std::uint64_t bins = LoadU32(image->data_ + BaseBlockField::BinsSize);
     if (!image->ReadIn(kBaseBlockSize + bins)) return nullptr;
     return image;
 }
 
+bool FileImage::Resize(std::uint64_t size) {
+    const bool resized = bytes_.Resize(size);
+    Track();
+    return resized;
+}
+
 bool FileImage::ReadIn(std::uint64_t length) {
-    const std::uint64_t start = bytes_.Size();
+    const std::uint64_t start = size_;
     if (length <= start) return true;
-    if (!bytes_.Resize(length)) return false;
-    const std::uint64_t done = store_->ReadAt(start, bytes_.Data() + start, length - start);
-    bytes_.Resize(start + done);  // a file that shrank meanwhile holds what was read
+    if (!Resize(length)) return false;
+    const std::uint64_t done = store_->ReadAt(start, data_ + start, length - start);
+    Resize(start + done);  // a file that shrank meanwhile holds what was read
     return true;
 }
 
 FileImage::~FileImage() { Flush(); }
 
+// The file's pages take the bytes as they are: growth is the only step that can be refused.
+bool FileImage::WriteMapped(std::uint64_t position, const void* source, std::uint64_t length) {
+    const auto* bytes = static_cast<const std::uint8_t*>(source);
+    const std::uint64_t end = position + length;
+    if (end <= size_) {
+        // Unchanged bytes leave their page clean: nothing to write back.
+        if (std::memcmp(data_ + position, bytes, length) != 0) std::memcpy(data_ + position, bytes, length);
+        return true;
+    }
+    const std::uint64_t from = std::max(position, size_);
+    const bool grown = mapping_->Append(from, bytes + (from - position), end - from);
+    Track();  // the mapping may have moved, even when the file refused
+    if (!grown) return false;
+    if (position < from) std::memcpy(data_ + position, bytes, from - position);
+    return true;
+}
+
 bool FileImage::Write(std::uint64_t position, const void* source, std::uint64_t length) {
     if (readOnly_ || position > kMaxPosition || length > kMaxPosition - position) return false;
     if (length == 0) return true;
+    if (mapping_ != nullptr) return WriteMapped(position, source, length);
     const std::uint64_t end = position + length;
-    if (end <= bytes_.Size() && std::memcmp(bytes_.Data() + position, source, length) == 0) return true;
+    if (end <= size_ && std::memcmp(data_ + position, source, length) == 0) return true;
     try {
         dirty_.emplace_back(position, end);
     } catch (const std::bad_alloc&) {
         return false;
     }
-    if (end > bytes_.Size() && !bytes_.Resize(end)) {
+    if (end > size_ && !Resize(end)) {
         dirty_.pop_back();
         return false;
     }
-    std::memcpy(bytes_.Data() + position, source, length);
+    std::memcpy(data_ + position, source, length);
     return true;
 }
 
 bool FileImage::WriteThrough(std::uint64_t position, const void* source, std::uint64_t length) {
     if (readOnly_ || position > kMaxPosition || length > kMaxPosition - position) return false;
-    const std::uint64_t oldSize = bytes_.Size(), end = position + length;
+    if (mapping_ != nullptr) return length == 0 || WriteMapped(position, source, length);
+    const std::uint64_t oldSize = size_, end = position + length;
     std::vector<std::uint8_t> old;
     try {
-        if (position < oldSize) old.assign(bytes_.Data() + position, bytes_.Data() + std::min(end, oldSize));
+        if (position < oldSize) old.assign(data_ + position, data_ + std::min(end, oldSize));
     } catch (const std::bad_alloc&) {
         return false;
     }
-    if (end > oldSize && !bytes_.Resize(end)) return false;
-    std::memcpy(bytes_.Data() + position, source, length);
+    if (end > oldSize && !Resize(end)) return false;
+    std::memcpy(data_ + position, source, length);
     if (WriteOut(position, length)) return true;
     // The file took none or part of it: it gets back what it held, and the
     // image then holds whatever the file does, should that fail too.
-    std::copy(old.begin(), old.end(), bytes_.Data() + position);
+    std::copy(old.begin(), old.end(), data_ + position);
     WriteOut(position, old.size());
     if (end > oldSize) {
         store_->Cut(oldSize);
-        bytes_.Resize(oldSize);
+        Resize(oldSize);
     }
     ReadBack(position, old.size());
     return false;
 }
 
 bool FileImage::WriteOut(std::uint64_t position, std::uint64_t length) {
-    return store_->WriteAt(position, bytes_.Data() + position, length);
+    return store_->WriteAt(position, data_ + position, length);
 }
 
 void FileImage::ReadBack(std::uint64_t position, std::uint64_t length) {
-    const std::uint64_t done = store_->ReadAt(position, bytes_.Data() + position, length);
+    const std::uint64_t done = store_->ReadAt(position, data_ + position, length);
     // Bytes the file doesn't hold aren't there to read.
-    if (done < length && position + done < bytes_.Size() && position + length >= bytes_.Size())
-        bytes_.Resize(position + done);
+    if (done < length && position + done < size_ && position + length >= size_) Resize(position + done);
 }
 
 bool FileImage::Flush() {
+    if (mapping_ != nullptr) {
+        if (size_ - kicked_ >= kWritebackKick) {
+            mapping_->StartWriteback(kicked_);
+            kicked_ = size_;
+        }
+        return true;
+    }
     if (dirty_.empty()) return true;
     std::sort(dirty_.begin(), dirty_.end());
     std::vector<std::pair<std::uint64_t, std::uint64_t>> runs;
@@ -177,7 +220,7 @@ bool FileImage::Flush() {
     dirty_.clear();
     bool written = true;
     for (const auto& [begin, end] : runs) {
-        const std::uint64_t last = std::min<std::uint64_t>(end, bytes_.Size());
+        const std::uint64_t last = std::min<std::uint64_t>(end, size_);
         if (begin < last && !WriteOut(begin, last - begin)) {
             ReadBack(begin, last - begin);
             written = false;
@@ -193,7 +236,8 @@ bool FileImage::Flush() {
 
 bool FileImage::Sync() {
     const bool flushed = Flush();
-    return (readOnly_ || store_->Sync()) && flushed;
+    if (readOnly_) return flushed;
+    return (mapping_ != nullptr ? mapping_->Sync() : store_->Sync()) && flushed;
 }
 
 }  // namespace Tamvik

@@ -1,9 +1,11 @@
-// The bytes of a hive file, held in memory once. Every read is served from
-// here. A write changes the bytes and marks them; Flush hands the marked
-// ranges to where the file is kept (its ImageStore: a file descriptor, or a
-// caller's device) in positioned writes, so what a call changed is there when
-// it returns. A hive opened read-only takes no write at all: as its stream
-// would, it refuses each one and stays as it is.
+// The bytes of a hive file, in memory. Every read is served from here. A
+// regular file's pages are mapped (FileMapping): a write lands in the
+// system's copy of the file at once. Anything else (a caller's device) is
+// read in whole; a write changes the bytes and marks them, and Flush hands the
+// marked ranges to where the file is kept (its ImageStore) in positioned
+// writes, so what a call changed is there when it returns. A hive opened
+// read-only takes no write at all: as its stream would, it refuses each one
+// and stays as it is.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "store/FileMapping.h"
 #include "store/PageBuffer.h"
 
 namespace Tamvik {
@@ -47,10 +50,10 @@ public:
     FileImage& operator=(const FileImage&) = delete;
 
     bool ReadOnly() const { return readOnly_; }
-    std::uint64_t Size() const { return bytes_.Size(); }
+    std::uint64_t Size() const { return size_; }
     // The length bytes at position, or null when the file doesn't hold them all.
     const std::uint8_t* At(std::uint64_t position, std::uint64_t length) const {
-        return position <= bytes_.Size() && length <= bytes_.Size() - position ? bytes_.Data() + position : nullptr;
+        return position <= size_ && length <= size_ - position ? data_ + position : nullptr;
     }
     // Changes the bytes, growing the file with zeros up to position when it
     // lies behind the end, and marks them for Flush. Bytes that already hold
@@ -67,15 +70,30 @@ public:
 
 private:
     FileImage(std::unique_ptr<ImageStore> store, bool readOnly) : store_(std::move(store)), readOnly_(readOnly) {}
+    FileImage(std::unique_ptr<FileMapping> mapping, bool readOnly) : mapping_(std::move(mapping)), readOnly_(readOnly) {
+        Track();
+        kicked_ = size_;
+    }
+    bool Resize(std::uint64_t size);
+    bool WriteMapped(std::uint64_t position, const void* source, std::uint64_t length);
+    // Takes the bytes' place and length after they changed.
+    void Track() {
+        data_ = mapping_ != nullptr ? mapping_->Data() : bytes_.Data();
+        size_ = mapping_ != nullptr ? mapping_->Size() : bytes_.Size();
+    }
     bool ReadIn(std::uint64_t length);
     bool WriteOut(std::uint64_t position, std::uint64_t length);
     void ReadBack(std::uint64_t position, std::uint64_t length);
 
-    std::unique_ptr<ImageStore> store_;
+    std::unique_ptr<ImageStore> store_;  // null when mapped
+    std::unique_ptr<FileMapping> mapping_;
     bool readOnly_;
-    PageBuffer bytes_;
+    PageBuffer bytes_;  // unused when mapped
+    std::uint8_t* data_ = nullptr;
+    std::uint64_t size_ = 0;
     std::vector<std::pair<std::uint64_t, std::uint64_t>> dirty_;  // [begin, end), in the order written
     std::uint64_t unsynced_ = 0;  // bytes handed to the file since its writing to the disk was last started
+    std::uint64_t kicked_ = 0;    // where a mapped file's growth was last started to the disk
 };
 
 }  // namespace Tamvik

@@ -6,16 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
-#if defined(__SANITIZE_ADDRESS__)
-#define TAMVIK_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define TAMVIK_ASAN 1
-#endif
-#endif
-#ifdef TAMVIK_ASAN
-#include <sanitizer/asan_interface.h>
-#endif
+#include "store/AddressBounds.h"
 
 namespace Tamvik {
 
@@ -27,18 +18,6 @@ constexpr int MADV_POPULATE_WRITE = 23;  // older headers lack it; older kernels
 #endif
 
 std::uint64_t RoundUp(std::uint64_t value, std::uint64_t unit) { return (value + unit - 1) / unit * unit; }
-
-// Under the address sanitizer the mapped bytes past the size count as out of
-// bounds, as a vector's spare capacity would: a read past the end of the
-// image is then reported instead of landing in mapped zeros.
-void MarkInBounds(std::uint8_t* data, std::uint64_t size, std::uint64_t capacity) {
-#ifdef TAMVIK_ASAN
-    ASAN_UNPOISON_MEMORY_REGION(data, size);
-    ASAN_POISON_MEMORY_REGION(data + size, capacity - size);
-#else
-    (void)data, (void)size, (void)capacity;
-#endif
-}
 
 // Zeros [from, to). Whole pages go back to the system and come again as zeros
 // when next written: a shrink after a refused growth gigabytes out must not

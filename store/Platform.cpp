@@ -23,6 +23,7 @@ namespace {
 struct CaseState {
     std::string seen;  // the LC_CTYPE locale the rules were numbered under
     std::uint64_t rules = 0;
+    unsigned holds = 0;
     CaseMap map;
 };
 
@@ -30,11 +31,9 @@ CaseState& ThisThreadsCase() {
     static thread_local CaseState state __attribute__((tls_model("initial-exec")));
     return state;
 }
-}  // namespace
 
-std::uint64_t CaseRules() {
+std::uint64_t LocaleRules(CaseState& state) {
     static std::atomic<std::uint64_t> next{1};
-    CaseState& state = ThisThreadsCase();
     const char* name = std::setlocale(LC_CTYPE, nullptr);
     if (name == nullptr) name = "";
     if (state.rules == 0 || state.seen != name) {
@@ -43,6 +42,19 @@ std::uint64_t CaseRules() {
     }
     return state.rules;
 }
+}  // namespace
+
+std::uint64_t CaseRules() {
+    CaseState& state = ThisThreadsCase();
+    return state.holds != 0 ? state.rules : LocaleRules(state);
+}
+
+CaseRulesHold::CaseRulesHold() {
+    CaseState& state = ThisThreadsCase();
+    if (state.holds++ == 0) LocaleRules(state);
+}
+
+CaseRulesHold::~CaseRulesHold() { --ThisThreadsCase().holds; }
 
 const CaseMap& CurrentCaseMap() {
     const std::uint64_t rules = CaseRules();

@@ -20,6 +20,17 @@ char16_t UpperUnit(char16_t unit);
 // known to be stale. Each thread watches the locale for itself.
 std::uint64_t CaseRules();
 
+// Holds the case rules for one operation: while a hold lasts, CaseRules gives
+// what it gave when the hold began, without asking the locale again at every
+// name (the locale doesn't change within an operation). Holds nest.
+class CaseRulesHold {
+public:
+    CaseRulesHold();
+    ~CaseRulesHold();
+    CaseRulesHold(const CaseRulesHold&) = delete;
+    CaseRulesHold& operator=(const CaseRulesHold&) = delete;
+};
+
 // UpperUnit for the rules in force when it was had (see CurrentCaseMap), with
 // the answers for ASCII looked up once rather than asked of the locale at
 // every unit. For one operation: the locale doesn't change within it.

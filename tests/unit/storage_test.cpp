@@ -1,12 +1,18 @@
 // Guards the storage of hives in files: what a call changed is in the file
 // when it returns, the free space index finds exactly the cell the walk from
-// the first bin finds, and a file that can't grow loses nothing.
+// the first bin finds, a file that can't grow loses nothing, and a read-only
+// hive is never written.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <clocale>
 #include <functional>
 #include <optional>
 #include <random>
@@ -65,7 +71,35 @@ TEST(Storage, WhatACallReportedDoneOutlivesTheProcess) {
                                                        "K\t\\Data\\Made"}));
 }
 
-// A file that may not grow refuses the new bin; the edit fails, the file and
+// Keeps a child's files from growing, in one of two ways: a size limit on the
+// process, or a full disk (a small file system mounted where only the child
+// sees it, which needs root: false then). path is the file to edit, set to a
+// copy on that file system.
+bool SizeLimit(std::string&, std::uint64_t size) {
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{size, size};
+    return setrlimit(RLIMIT_FSIZE, &limit) == 0;
+}
+bool FullDisk(std::string& path, std::uint64_t) {
+    const std::string dir = path + ".disk", copy = dir + "/hive";
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mkdir(dir.c_str(), 0700) != 0 || mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=256k") != 0)
+        return false;
+    const Bytes bytes = ReadFileBytes(path);
+    FILE* hive = fopen(copy.c_str(), "wb");
+    FILE* filler = fopen((dir + "/filler").c_str(), "wb");
+    const bool copied =
+        hive != nullptr && fwrite(bytes.data(), 1, bytes.size(), hive) == bytes.size() && fclose(hive) == 0;
+    setvbuf(filler, nullptr, _IONBF, 0);
+    const Bytes block(512, 0);
+    while (fwrite(block.data(), 1, block.size(), filler) == block.size()) {
+    }
+    fclose(filler);
+    path = copy;
+    return copied;
+}
+
+// A file that can't grow refuses the new bin; the edit fails, the file and
 // what later reads see stay as they were, and an edit that fits still works.
 // With bytes behind the bins, the new bin first lands on them and is then
 // refused past the end: those bytes must come back. A header that claims bins
@@ -73,39 +107,67 @@ TEST(Storage, WhatACallReportedDoneOutlivesTheProcess) {
 // cost memory for the whole distance.
 TEST(Storage, AFileThatCantGrowLosesNothing) {
     if (VolumeMode()) GTEST_SKIP() << "the device's refusals are tested with the volume";
-    for (const auto& [behind, claimed] : {std::pair<std::size_t, std::int64_t>{0, -1}, {4096, -1}, {0, 0x70000000}}) {
-        SCOPED_TRACE(behind + claimed);
-        Bytes before = SmallHive(claimed);
-        for (std::size_t i = 0; i < behind; ++i) before.push_back(static_cast<std::uint8_t>(i * 7 + 1));
-        TempFile file(before);
-        const Bytes big(40000, 7);
-        const BYTE small[4] = {9, 9, 9, 9};
-        const int status = InChild([&] {
-            signal(SIGXFSZ, SIG_IGN);
-            const rlimit limit{before.size(), before.size()};
-            if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 20;
-            rusage usage{};
-            getrusage(RUSAGE_SELF, &usage);
-            const long startKiB = usage.ru_maxrss;
-            HKEY hive = nullptr, key = nullptr;
-            if (OpenHiveW(file.WidePath().c_str(), &hive, false) != Result::Ok) return 21;
-            if (RegOpenKeyExW(hive, u"R\\Data", 0, 0, &key) != Result::Ok) return 22;
-            if (RegSetValueNewW(key, u"Big", 0, 3, big.data(), static_cast<DWORD>(big.size())) != Result::Invalid)
-                return 23;
-            DWORD size = 0;
-            if (RegQueryValueExW(key, u"Big", nullptr, nullptr, nullptr, &size) != Result::Invalid) return 24;
-            if (RegSetValueNewW(key, u"Small", 0, 3, small, sizeof small) != Result::Ok) return 25;
-            getrusage(RUSAGE_SELF, &usage);
-            if (usage.ru_maxrss - startKiB > (1 << 20)) return 27;  // a GiB: far below the distance
-            return CloseHive(&hive) == Result::Ok ? 0 : 26;
-        });
-        ASSERT_EQ(status, 0);
-        const Bytes after = file.Read();
-        ASSERT_EQ(after.size(), before.size());
-        EXPECT_TRUE(std::equal(after.end() - static_cast<std::ptrdiff_t>(behind), after.end(),
-                               before.end() - static_cast<std::ptrdiff_t>(behind)));
-        EXPECT_EQ(ListFile(file.Path()).lines.back(), "V\t\\Data\tSmall\t3\t09090909");
-    }
+    for (const auto limit : {SizeLimit, FullDisk})
+        for (const auto& [behind, claimed] :
+             {std::pair<std::size_t, std::int64_t>{0, -1}, {4096, -1}, {0, 0x70000000}}) {
+            SCOPED_TRACE(std::to_string(limit == FullDisk) + " " + std::to_string(behind + claimed));
+            Bytes before = SmallHive(claimed);
+            for (std::size_t i = 0; i < behind; ++i) before.push_back(static_cast<std::uint8_t>(i * 7 + 1));
+            TempFile file(before);
+            const Bytes big(40000, 7);
+            const BYTE small[4] = {9, 9, 9, 9};
+            const int status = InChild([&] {
+                std::string path = file.Path();
+                if (!limit(path, before.size())) return 99;
+                rusage usage{};
+                getrusage(RUSAGE_SELF, &usage);
+                const long startKiB = usage.ru_maxrss;
+                HKEY hive = nullptr, key = nullptr;
+                if (OpenHiveA(path.c_str(), &hive, false) != Result::Ok) return 21;
+                if (RegOpenKeyExW(hive, u"R\\Data", 0, 0, &key) != Result::Ok) return 22;
+                if (RegSetValueNewW(key, u"Big", 0, 3, big.data(), static_cast<DWORD>(big.size())) != Result::Invalid)
+                    return 23;
+                DWORD size = 0;
+                if (RegQueryValueExW(key, u"Big", nullptr, nullptr, nullptr, &size) != Result::Invalid) return 24;
+                if (RegSetValueNewW(key, u"Small", 0, 3, small, sizeof small) != Result::Ok) return 25;
+                getrusage(RUSAGE_SELF, &usage);
+                if (usage.ru_maxrss - startKiB > (1 << 20)) return 27;  // a GiB: far below the distance
+                if (CloseHive(&hive) != Result::Ok) return 26;
+                if (path != file.Path()) file.Write(ReadFileBytes(path));  // out of the child's file system
+                return 0;
+            });
+            if (status == 99 && limit == FullDisk)
+                GTEST_SKIP() << "a full disk needs root, to mount a small file system";
+            ASSERT_EQ(status, 0);
+            const Bytes after = file.Read();
+            ASSERT_EQ(after.size(), before.size());
+            EXPECT_TRUE(std::equal(after.end() - static_cast<std::ptrdiff_t>(behind), after.end(),
+                                   before.end() - static_cast<std::ptrdiff_t>(behind)));
+            EXPECT_EQ(ListFile(file.Path()).lines.back(), "V\t\\Data\tSmall\t3\t09090909");
+        }
+}
+
+// A hive opened read-only is never written: whatever its edits answer, after
+// the close the file has its bytes and its time as before.
+TEST(Storage, AReadOnlyHiveIsNeverWritten) {
+    if (VolumeMode()) GTEST_SKIP() << "a volume opens writable";
+    TempFile file(SmallHive());
+    const timespec past[2] = {{1000000000, 0}, {1000000000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, file.Path().c_str(), past, 0), 0);
+    const Bytes before = file.Read();
+    HKEY hive = nullptr, key = nullptr, made = nullptr;
+    ASSERT_EQ(OpenHiveW(file.WidePath().c_str(), &hive, true), Result::Ok);
+    ASSERT_EQ(RegOpenKeyExW(hive, u"R\\Data", 0, 0, &key), Result::Ok);
+    const BYTE data[4] = {1, 2, 3, 4};
+    RegSetValueNewW(key, u"V", 0, 3, data, sizeof data);
+    RegCreateKeyExW(key, u"Made", &made);
+    RegDeleteValueW(key, u"V");
+    RegDeleteKeyW(key, u"");
+    EXPECT_EQ(CloseHive(&hive), Result::Ok);
+    struct stat info {};
+    ASSERT_EQ(stat(file.Path().c_str(), &info), 0);
+    EXPECT_EQ(info.st_mtim.tv_sec, past[1].tv_sec);
+    EXPECT_EQ(file.Read(), before);
 }
 
 // What a key's node learnt of its list holds only while the file stays: here
@@ -126,6 +188,22 @@ TEST(Storage, LookupsAnswerForTheFileAsItIsNow) {
     ASSERT_EQ(RegCreateKeyExW(made, u"E", &e), Result::Ok);
     ASSERT_EQ(reinterpret_cast<Tamvik::Node*>(e)->GetOffset(), cOffset) << "E takes C's cell";
     EXPECT_EQ(RegOpenKeyExW(seen, u"E", 0, 0, &found), Result::Ok);
+}
+
+// Names compare under the locale in force at each call, and what a list
+// learnt of its names under other rules is not trusted: a lookup that needs
+// its case rules fails in C, finds the key in C.utf8, and fails again in C.
+TEST(Storage, LookupsFollowTheLocaleFromCallToCall) {
+    TreeKey root{"Root", {}, {TreeKey{"\xE9"}}};  // é, stored compressed, among enough keys for an index
+    for (int i = 0; i < 40; ++i) root.subkeys.push_back(TreeKey{"k" + std::to_string(i)});
+    HiveBuilder builder;
+    builder.AddTree(root);
+    TestHive test(builder);
+    for (const char* locale : {"C", "C.utf8", "C"}) {
+        if (std::setlocale(LC_CTYPE, locale) == nullptr) GTEST_SKIP() << "no " << locale << " locale here";
+        HKEY found = nullptr;
+        EXPECT_EQ(RegOpenKeyExW(test.Key(), u"\u00C9", 0, 0, &found) == Result::Ok, locale[1] != 0) << locale;
+    }
 }
 
 // A list's learnt names point each hash at the first position that had it,
