@@ -4,6 +4,8 @@
 // pages, in a fault).
 #pragma once
 
+#include <sys/mman.h>
+
 #include <cstdint>
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -26,6 +28,19 @@ inline void MarkInBounds(std::uint8_t* data, std::uint64_t size, std::uint64_t c
 #else
     (void)data, (void)size, (void)capacity;
 #endif
+}
+
+// mremap to a new capacity (the mapping may move), the marks kept: the whole
+// old capacity is usable while it moves, and a refusal leaves the mapping and
+// its marks as they were. Null when the system refused.
+inline std::uint8_t* Remap(std::uint8_t* data, std::uint64_t size, std::uint64_t capacity, std::uint64_t newCapacity) {
+    MarkInBounds(data, capacity, capacity);
+    void* moved = ::mremap(data, capacity, newCapacity, MREMAP_MAYMOVE);
+    if (moved == MAP_FAILED) {
+        MarkInBounds(data, size, capacity);
+        return nullptr;
+    }
+    return static_cast<std::uint8_t*>(moved);
 }
 
 }  // namespace Tamvik

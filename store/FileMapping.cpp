@@ -47,13 +47,9 @@ bool FileMapping::Append(std::uint64_t at, const std::uint8_t* source, std::uint
     const std::uint64_t end = at + length;
     if (end > capacity_) {
         const std::uint64_t capacity = RoundUp(std::max(end, capacity_ * 2), kPage);
-        MarkInBounds(data_, capacity_, capacity_);
-        void* moved = ::mremap(data_, capacity_, capacity, MREMAP_MAYMOVE);
-        if (moved == MAP_FAILED) {
-            MarkInBounds(data_, size_, capacity_);
-            return false;
-        }
-        data_ = static_cast<std::uint8_t*>(moved);
+        std::uint8_t* moved = Remap(data_, size_, capacity_, capacity);
+        if (moved == nullptr) return false;
+        data_ = moved;
         capacity_ = capacity;
         ::madvise(data_, capacity_, MADV_RANDOM);
     }

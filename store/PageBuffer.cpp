@@ -46,14 +46,10 @@ bool PageBuffer::Reserve(std::uint64_t needed, std::uint64_t capacity) {
     const std::uint64_t unit = capacity >= kHugePage ? kHugePage : kPage;
     capacity = RoundUp(capacity, unit);
     if (data_ != nullptr) {
-        MarkInBounds(data_, capacity_, capacity_);
         // Growing: the pages move as they are, without a copy; new ones come when first written.
-        void* moved = ::mremap(data_, capacity_, capacity, MREMAP_MAYMOVE);
-        if (moved == MAP_FAILED) {
-            MarkInBounds(data_, size_, capacity_);
-            return false;
-        }
-        data_ = static_cast<std::uint8_t*>(moved);
+        std::uint8_t* moved = Remap(data_, size_, capacity_, capacity);
+        if (moved == nullptr) return false;
+        data_ = moved;
         capacity_ = capacity;
         ::madvise(data_, capacity_, MADV_HUGEPAGE);
         return true;
