@@ -1,8 +1,10 @@
 // A hive file's pages mapped shared: a write into them is the system's copy of
-// the file at once, with no call per change. Growth is written to the file
-// (which reserves its room on the disk) before its pages are used, so a full
-// disk refuses it then and there rather than failing later, when the pages
-// are written back. A read-only mapping never writes.
+// the file at once, with no call per change. Growth is reserved on the disk in
+// chunks ahead of use (the file lengthened with written zeros), so a full
+// disk refuses a new bin then and there rather than failing later, when the
+// pages are written back, and a bin within the reserve costs no call at all.
+// What lies reserved past the hive is cut off again when the file is synced or
+// closed. A read-only mapping never writes.
 #pragma once
 
 #include <cstdint>
@@ -27,17 +29,24 @@ public:
     bool Append(std::uint64_t at, const std::uint8_t* source, std::uint64_t length);
     // Starts writing the changed pages from position from on to the disk, without waiting.
     void StartWriteback(std::uint64_t from);
-    // Makes the file's changed pages durable.
+    // Cuts the reserve off and makes the file's changed pages durable.
     bool Sync();
 
 private:
-    FileMapping(int fd, std::uint8_t* data, std::uint64_t size, std::uint64_t capacity)
-        : fd_(fd), data_(data), size_(size), capacity_(capacity) {}
+    FileMapping(int fd, std::uint8_t* data, std::uint64_t size, std::uint64_t capacity, bool readOnly)
+        : fd_(fd), data_(data), size_(size), fileSize_(size), capacity_(capacity), readOnly_(readOnly) {}
+    // Makes the file at least end bytes long, with room allocated on the disk
+    // from position from on; false, with the file as it was, when refused.
+    bool Reserve(std::uint64_t from, std::uint64_t end);
+    // Gives the file back its reserve, so that it ends where the hive does.
+    void CutReserve();
 
     int fd_;
     std::uint8_t* data_;
-    std::uint64_t size_;
-    std::uint64_t capacity_;  // bytes mapped at data_; the file holds size_ of them
+    std::uint64_t size_;      // bytes the hive holds
+    std::uint64_t fileSize_;  // the file's length: size_ and the reserve behind it
+    std::uint64_t capacity_;  // bytes mapped at data_
+    bool readOnly_;
 };
 
 }  // namespace Tamvik
