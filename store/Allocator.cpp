@@ -119,6 +119,24 @@ CellRef PrevCell(const BinRef& bin, Hive* hive, const CellRef& cell) {
         return prev;
     }
     // The cells in front of this one, up to the one that ends where it starts.
+    // In memory the walk reads the size fields where they lie and builds a
+    // CellRef only for the cell it gives; GetCell's checks are made all the same.
+    const std::uint32_t binOffset = bin.BinOffset();
+    const std::uint8_t* bytes =
+        cell.offset >= binOffset ? hive->AreaBytes(binOffset, cell.offset - binOffset + kCellHeaderRead) : nullptr;
+    if (bytes != nullptr) {
+        const std::uint32_t binsSize = hive->BinsSize();
+        for (CellWalk cells(0, cell.offset - binOffset); cells.More();) {
+            const std::uint64_t at = binOffset + cells.At();
+            if (at >= binsSize || at > kMaxAreaOffset || at % kCellAlignment != 0) return CellRef();
+            const std::int32_t size = cells.SizeIn(bytes);
+            const std::uint64_t end = at + CellMagnitude(size);
+            if (end == cell.offset) return hive->GetCell(static_cast<std::uint32_t>(at));
+            if (end > cell.offset) return CellRef();
+            cells.Next(size);
+        }
+        return CellRef();
+    }
     for (CellWalk cells(bin.BinOffset(), cell.offset); cells.More();) {
         CellRef walk = hive->GetCell(static_cast<std::uint32_t>(cells.At()));
         if (!walk.IsValid()) return CellRef();

@@ -13,7 +13,6 @@ namespace {
 // Above this size a read is first probed at its last byte, so that a damaged
 // size can't make us allocate far more than the storage holds.
 constexpr std::uint32_t kProbeThreshold = 1u << 20;
-constexpr std::uint32_t kCellHeaderRead = 12;  // CellSize and the two words behind it
 }  // namespace
 
 std::uint32_t BinRef::Signature() const { return LoadU32(header + BinField::Signature); }

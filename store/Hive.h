@@ -20,6 +20,9 @@
 
 namespace Tamvik {
 
+// Bytes GetCell reads at a cell offset: CellSize and the two words behind it.
+constexpr std::uint32_t kCellHeaderRead = 12;
+
 // What was found at a cell offset: a by-value copy that doesn't follow the file.
 struct CellRef {
     std::uint32_t offset = kNoCell;
