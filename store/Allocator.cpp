@@ -1,6 +1,7 @@
 #include "store/Allocator.h"
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 #include <new>
 
@@ -241,9 +242,15 @@ std::uint32_t CreateCell(Hive* hive, std::uint32_t askedSize, const RecordFiller
 }
 
 std::uint32_t WriteDataCell(Hive* hive, const std::uint8_t* data, std::uint32_t length) {
-    return CreateCell(hive, length, [&](std::uint8_t* record, std::uint32_t) {
-        if (length != 0) std::copy(data, data + length, record);
-    });
+    CellPlan plan;
+    if (!PlanCell(hive, length, plan)) return 0;
+    // Only the bytes behind the data are cleared: the data covers the rest.
+    std::unique_ptr<std::uint8_t[]> image(new (std::nothrow) std::uint8_t[plan.imageLength]);
+    if (image == nullptr) return 0;
+    if (length != 0) std::memcpy(image.get() + kCellSizeField, data, length);
+    std::memset(image.get() + kCellSizeField + length, 0, plan.imageLength - kCellSizeField - length);
+    WritePlannedCell(hive, plan, image.get());
+    return plan.offset;
 }
 
 bool PlanListRewrite(Hive* hive, std::uint32_t listCell, std::uint32_t capacity, bool stays, std::uint32_t askedSize,

@@ -79,6 +79,7 @@ WString Hive::GetName() const { return fileName; }
 
 void Hive::SetBinsSize(std::uint32_t size) {
     EncodeBinsSize(baseBlock_, size);
+    baseBlockWritten_ = false;
     header_.binsSize = size;
     header_.computedChecksum = BaseBlockChecksum(baseBlock_);
     ++generation_;  // cells behind the old end can be had now
@@ -204,9 +205,13 @@ BinRef Hive::FindBin(const CellRef& cell) {
 }
 
 void Hive::WriteBaseBlock() {
+    if (image_ != nullptr && baseBlockWritten_) {
+        ++generation_;
+        return;
+    }
     header_.storedChecksum = header_.computedChecksum = EncodeChecksum(baseBlock_);
     if (image_ != nullptr) {
-        image_->Write(0, baseBlock_, kBaseBlockSize);
+        baseBlockWritten_ = image_->Write(0, baseBlock_, kBaseBlockSize);
         ++generation_;
     } else if (SeekPosition(0)) {
         WriteElement(baseBlock_, kBaseBlockSize);

@@ -139,6 +139,8 @@ private:
 
     // The block is written back whole, so its image is kept whole.
     std::uint8_t baseBlock_[kBaseBlockSize];
+    // The image holds baseBlock_ as it stands: writing it again would change nothing.
+    bool baseBlockWritten_ = false;
     BaseBlock header_;
     std::unique_ptr<FileImage> image_;
     std::unique_ptr<BinIndex> bins_;
