@@ -76,13 +76,18 @@ Status RefuseSameName(Key* owner, Hive* hive, const NewName& name, EditRules rul
     const WString upper = UpperCaseName(name.wide);
     const CaseMap& map = CurrentCaseMap();
     Placement& learnt = *placement;
-    learnt.known = hive->Image() != nullptr && list->IsLeaf() && learnt.Read(hive, owner->GetOffset()) &&
+    const bool leaf = list->IsLeaf();
+    learnt.known = hive->Image() != nullptr && leaf && learnt.Read(hive, owner->GetOffset()) &&
                    learnt.Read(hive, list->GetOffset());
     const std::string narrow = learnt.known ? NarrowForOrder(name, rules.order) : std::string();
     // One buffer for every name read: each is compared where it lies, unit by unit.
     WString existing;
     for (std::uint32_t i = 0; i < count; ++i) {
-        if (!list->NameInto(hive, i, NameTarget{nullptr, 0, &existing}))
+        // A leaf's entry is read here as its NameInto reads it, and serves the placement too.
+        const std::uint32_t entry = leaf && i < list->GetCount() ? list->EntryCell(i).value_or(kNoCell) : kNoCell;
+        const NameTarget into{nullptr, 0, &existing};
+        const bool read = leaf ? entry != kNoCell && KeyNameInto(hive, entry, into) : list->NameInto(hive, i, into).has_value();
+        if (!read)
             return Status::Of(StatusCode::Damaged, "subkey #" + std::to_string(i) + " can't be read");
         if (existing.size() == upper.size()) {
             std::size_t k = 0;
@@ -90,8 +95,7 @@ Status RefuseSameName(Key* owner, Hive* hive, const NewName& name, EditRules rul
             if (k == upper.size()) return Status::Of(StatusCode::Exists, "a subkey of that name exists");
         }
         if (!learnt.known) continue;
-        const std::optional<std::uint32_t> entry = list->EntryCell(i);
-        learnt.known = entry && learnt.Read(hive, *entry);
+        learnt.known = learnt.Read(hive, entry);
         if (!learnt.placed && GoesBefore(name, narrow, existing, rules.order)) {
             learnt.placed = true;
             learnt.position = i;
