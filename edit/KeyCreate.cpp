@@ -33,19 +33,81 @@ void InitKeyRecord(Key* owner, std::uint8_t* record, const NewName& name) {
     std::memcpy(record + NkField::Name, name.bytes.data(), name.bytes.size());
 }
 
+// What the check for a subkey of the same name learns on its way that the
+// insert would read again: where the new name goes in a list of one leaf, and
+// the cells it read to know it. The insert takes it over only when the new
+// key's cell was written clear of every one of those cells, so that a second
+// reading could find nothing else.
+struct Placement {
+    bool known = false;
+    std::uint32_t leafCell = 0, count = 0, position = 0;
+    bool placed = false;      // before the entry at position, else behind the last
+    bool sameAsLast = false;  // the library's order finds it equal to the last name
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> cells;  // start and end of each cell read
+
+    // Adds the cell at offset; false when its size field isn't in memory to be read.
+    bool Read(Hive* hive, std::uint32_t offset) {
+        const std::uint8_t* field = hive->AreaBytes(offset, kCellSizeField);
+        if (field == nullptr) return false;
+        // A cell's header is read whole, even when the cell is shorter.
+        const std::uint32_t length = std::max(CellMagnitude(LoadI32(field)), kCellHeaderRead);
+        cells.emplace_back(offset, offset + std::uint64_t{length});
+        return true;
+    }
+    bool ClearOf(std::uint64_t from, std::uint64_t to) const {
+        return std::none_of(cells.begin(), cells.end(), [&](const auto& c) { return c.first < to && c.second > from; });
+    }
+};
+
+std::string NarrowForOrder(const NewName& name, ListOrder order) {
+    if (order == ListOrder::Windows) return std::string();
+    return name.form == NameForm::CodePage936 ? name.bytes : NarrowLossy(name.wide);
+}
+
 // Whether a subkey of that name is there, read at every position the
 // library's lookups count, through a private list: the owner's caches, and so
-// a caller's handles, stay as they are.
-Status RefuseSameName(Key* owner, Hive* hive, const NewName& name) {
+// a caller's handles, stay as they are. Where the list is one leaf of a hive
+// in memory, also where the insert would put the name.
+Status RefuseSameName(Key* owner, Hive* hive, const NewName& name, EditRules rules, Placement* placement) {
     const std::uint32_t count = owner->SubKeyCount();
     if (count == 0) return Status::Success();
     std::unique_ptr<SubKeyList> list = owner->GetSubKeyList(hive);
     if (list == nullptr) return Status::Of(StatusCode::Damaged, "the subkey list can't be read");
     const WString upper = UpperCaseName(name.wide);
+    const CaseMap& map = CurrentCaseMap();
+    Placement& learnt = *placement;
+    const bool leaf = list->IsLeaf();
+    learnt.known = hive->Image() != nullptr && leaf && learnt.Read(hive, owner->GetOffset()) &&
+                   learnt.Read(hive, list->GetOffset());
+    const std::string narrow = learnt.known ? NarrowForOrder(name, rules.order) : std::string();
+    // One buffer for every name read: each is compared where it lies, unit by unit.
+    WString existing;
     for (std::uint32_t i = 0; i < count; ++i) {
-        const std::optional<WString> existing = list->NameAt(hive, i);
-        if (!existing) return Status::Of(StatusCode::Damaged, "subkey #" + std::to_string(i) + " can't be read");
-        if (UpperCaseName(*existing) == upper) return Status::Of(StatusCode::Exists, "a subkey of that name exists");
+        // A leaf's entry is read here as its NameInto reads it, and serves the placement too.
+        const std::uint32_t entry = leaf && i < list->GetCount() ? list->EntryCell(i).value_or(kNoCell) : kNoCell;
+        const NameTarget into{nullptr, 0, &existing};
+        const bool read = leaf ? entry != kNoCell && KeyNameInto(hive, entry, into) : list->NameInto(hive, i, into).has_value();
+        if (!read)
+            return Status::Of(StatusCode::Damaged, "subkey #" + std::to_string(i) + " can't be read");
+        if (existing.size() == upper.size()) {
+            std::size_t k = 0;
+            while (k < upper.size() && map.Upper(existing[k]) == upper[k]) ++k;
+            if (k == upper.size()) return Status::Of(StatusCode::Exists, "a subkey of that name exists");
+        }
+        if (!learnt.known) continue;
+        learnt.known = learnt.Read(hive, entry);
+        if (!learnt.placed && GoesBefore(name, narrow, existing, rules.order)) {
+            learnt.placed = true;
+            learnt.position = i;
+        }
+    }
+    if (learnt.known) {
+        learnt.leafCell = list->GetOffset();
+        learnt.count = count;
+        if (!learnt.placed) {
+            learnt.position = count;
+            learnt.sameAsLast = rules.caller == Caller::Exported && CompareLibraryOrder(narrow, existing) == 0;
+        }
     }
     return Status::Success();
 }
@@ -77,9 +139,10 @@ std::uint32_t InsertIntoLeaf(Key* owner, Hive* hive, SubKeyList& leaf, std::uint
     return plan.offset;
 }
 
-}  // namespace
-
-std::uint32_t InsertSubKeyEntry(Key* owner, Hive* hive, const NewName& name, std::uint32_t keyCell, EditRules rules) {
+// The list of owner with the new key's entry; placement, when known, stands
+// for reading the names of a single leaf again.
+std::uint32_t InsertEntry(Key* owner, Hive* hive, const NewName& name, std::uint32_t keyCell, EditRules rules,
+                          const Placement* placement) {
     const std::uint32_t count = owner->SubKeyCount();
     if (count == 0) {
         return CreateCell(hive, AskedSubKeyList(0, kFastEntry, rules.caller), [&](std::uint8_t* record, std::uint32_t) {
@@ -105,23 +168,26 @@ std::uint32_t InsertSubKeyEntry(Key* owner, Hive* hive, const NewName& name, std
         seen += leaf->GetCount();
     }
     if (seen != count) return 0;  // a damaged list is left as it is
-    const std::string narrow = rules.order == ListOrder::Windows       ? std::string()
-                               : name.form == NameForm::CodePage936 ? name.bytes
-                                                                     : NarrowLossy(name.wide);
+    if (placement != nullptr && list.top->IsLeaf() && list.top->GetOffset() == placement->leafCell &&
+        list.top->GetCount() == placement->count) {
+        if (!placement->placed && placement->sameAsLast) return 0;
+        return InsertIntoLeaf(owner, hive, *list.top, placement->position, keyCell, name, rules.caller);
+    }
+    const std::string narrow = NarrowForOrder(name, rules.order);
     std::size_t leafIndex = list.leaves.size() - 1;
     std::uint32_t position = list.leaves.back()->GetCount();
     bool placed = false;
-    WString last;
+    // Two buffers, swapped at each step, hold the name read and the one before it.
+    WString existing, last;
     for (std::size_t j = 0; j < list.leaves.size() && !placed; ++j) {
         for (std::uint32_t i = 0; i < list.leaves[j]->GetCount() && !placed; ++i) {
-            std::optional<WString> existing = KeyNameAt(hive, *list.leaves[j]->EntryCell(i));
-            if (!existing) return 0;
-            if (GoesBefore(name, narrow, *existing, rules.order)) {
+            if (!KeyNameInto(hive, *list.leaves[j]->EntryCell(i), NameTarget{nullptr, 0, &existing})) return 0;
+            if (GoesBefore(name, narrow, existing, rules.order)) {
                 placed = true;
                 leafIndex = j;
                 position = i;
             }
-            last = std::move(*existing);
+            last.swap(existing);
         }
     }
     if (!placed && rules.caller == Caller::Exported && CompareLibraryOrder(narrow, last) == 0) return 0;
@@ -136,17 +202,30 @@ std::uint32_t InsertSubKeyEntry(Key* owner, Hive* hive, const NewName& name, std
     return list.top->GetOffset();
 }
 
+}  // namespace
+
+std::uint32_t InsertSubKeyEntry(Key* owner, Hive* hive, const NewName& name, std::uint32_t keyCell, EditRules rules) {
+    return InsertEntry(owner, hive, name, keyCell, rules, nullptr);
+}
+
 Status CreateSubKey(Key* owner, Hive* hive, const NewName& name, EditRules rules, std::uint32_t* keyCell) {
     const std::uint64_t where = owner->GetOffset() + std::uint64_t{kBaseBlockSize};
     if (name.bytes.size() > kMaxNameBytes) return Status::Of(StatusCode::Invalid, "the name is longer than a record holds");
-    if (Status same = RefuseSameName(owner, hive, name); !same) return same;
+    Placement placement;
+    if (Status same = RefuseSameName(owner, hive, name, rules, &placement); !same) return same;
     if (owner->record.U16(NkField::Signature) != kNkSignature)
         return Status::Of(StatusCode::Damaged, "the parent key's cell holds no nk record", where);
+    const std::uint32_t asked = NkField::Name + static_cast<std::uint32_t>(name.bytes.size()) + RecordSlack(rules.caller);
+    const std::uint32_t binsBefore = hive->BinsSize();
     const std::uint32_t cell =
-        CreateCell(hive, NkField::Name + static_cast<std::uint32_t>(name.bytes.size()) + RecordSlack(rules.caller),
-                   [&](std::uint8_t* record, std::uint32_t) { InitKeyRecord(owner, record, name); });
+        CreateCell(hive, asked, [&](std::uint8_t* record, std::uint32_t) { InitKeyRecord(owner, record, name); });
     if (cell == 0) return Status::Of(StatusCode::NoRoom, "no room for the new key's cell");
-    const std::uint32_t listCell = InsertSubKeyEntry(owner, hive, name, cell, rules);
+    // What that wrote: a whole new bin, or the cell and the size field of the free rest behind it.
+    const bool grew = hive->BinsSize() != binsBefore;
+    const std::uint64_t wroteFrom = grew ? binsBefore : cell;
+    const std::uint64_t wroteTo = grew ? hive->BinsSize() : cell + std::uint64_t{NeedFor(asked)} + kCellSizeField;
+    const bool clear = placement.known && placement.ClearOf(wroteFrom, wroteTo);
+    const std::uint32_t listCell = InsertEntry(owner, hive, name, cell, rules, clear ? &placement : nullptr);
     if (listCell == 0) {
         FreeCellAt(hive, cell);
         return Status::Of(StatusCode::Damaged, "the subkey list can't take the new key", where);

@@ -46,7 +46,7 @@ const UpperTable& Upper() {
 
 char16_t WindowsUpper(char16_t unit) { return Upper()(unit); }
 
-int CompareWindowsOrder(const WString& a, const WString& b) {
+int CompareWindowsOrder(std::u16string_view a, std::u16string_view b) {
     const std::size_t n = std::min(a.size(), b.size());
     for (std::size_t i = 0; i < n; ++i) {
         const char16_t x = Upper()(a[i]), y = Upper()(b[i]);
@@ -127,11 +127,23 @@ std::uint32_t EntryHint(std::uint16_t signature, const NewName& name) {
     return HintFor(signature, name.units);
 }
 
-int CompareLibraryOrder(const std::string& nameNarrow, const WString& existing) {
-    return CompareNoCase(nameNarrow.c_str(), NarrowLossy(existing).c_str());
+int CompareLibraryOrder(const std::string& nameNarrow, std::u16string_view existing) {
+    // A name of ASCII up to its first NUL narrows to those same bytes: copied
+    // to the stack it needs no code page lookup and no allocation. Anything
+    // else goes through the code page.
+    constexpr std::size_t kRoom = 256;
+    char narrow[kRoom];
+    std::size_t n = 0;
+    for (; n < existing.size() && n < kRoom && existing[n] != 0 && existing[n] < 0x80; ++n)
+        narrow[n] = static_cast<char>(existing[n]);
+    if (n < kRoom && (n == existing.size() || existing[n] == 0)) {
+        narrow[n] = 0;
+        return CompareNoCase(nameNarrow.c_str(), narrow);
+    }
+    return CompareNoCase(nameNarrow.c_str(), NarrowLossy(existing.data(), existing.size()).c_str());
 }
 
-bool GoesBefore(const NewName& name, const std::string& nameNarrow, const WString& existing, ListOrder order) {
+bool GoesBefore(const NewName& name, const std::string& nameNarrow, std::u16string_view existing, ListOrder order) {
     if (order == ListOrder::Windows) return CompareWindowsOrder(name.wide, existing) < 0;
     return CompareLibraryOrder(nameNarrow, existing) < 0;
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "store/Platform.h"
 
@@ -47,9 +48,9 @@ std::uint32_t HintFor(std::uint16_t signature, const WString& name);
 // a code page 936 form compare as '?'), or in Windows' order.
 enum class ListOrder : std::uint8_t { Library, Windows };
 // True when the new name goes before an existing one in that order.
-bool GoesBefore(const NewName& name, const std::string& nameNarrow, const WString& existing, ListOrder order);
+bool GoesBefore(const NewName& name, const std::string& nameNarrow, std::u16string_view existing, ListOrder order);
 // <0, 0 or >0 as the library's order places two names.
-int CompareLibraryOrder(const std::string& nameNarrow, const WString& existing);
+int CompareLibraryOrder(const std::string& nameNarrow, std::u16string_view existing);
 
 // One UTF-16 unit upper-cased as Windows does it, whatever the locale; and a
 // whole name so.
@@ -57,6 +58,6 @@ char16_t WindowsUpper(char16_t unit);
 WString WindowsUpperName(const WString& name);
 // The order of the names in a subkey list as Windows keeps it: each unit
 // upper-cased, then compared as numbers. <0, 0 or >0.
-int CompareWindowsOrder(const WString& a, const WString& b);
+int CompareWindowsOrder(std::u16string_view a, std::u16string_view b);
 
 }  // namespace Tamvik

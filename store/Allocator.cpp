@@ -1,6 +1,7 @@
 #include "store/Allocator.h"
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 #include <new>
 
@@ -119,6 +120,24 @@ CellRef PrevCell(const BinRef& bin, Hive* hive, const CellRef& cell) {
         return prev;
     }
     // The cells in front of this one, up to the one that ends where it starts.
+    // In memory the walk reads the size fields where they lie and builds a
+    // CellRef only for the cell it gives; GetCell's checks are made all the same.
+    const std::uint32_t binOffset = bin.BinOffset();
+    const std::uint8_t* bytes =
+        cell.offset >= binOffset ? hive->AreaBytes(binOffset, cell.offset - binOffset + kCellHeaderRead) : nullptr;
+    if (bytes != nullptr) {
+        const std::uint32_t binsSize = hive->BinsSize();
+        for (CellWalk cells(0, cell.offset - binOffset); cells.More();) {
+            const std::uint64_t at = binOffset + cells.At();
+            if (at >= binsSize || at > kMaxAreaOffset || at % kCellAlignment != 0) return CellRef();
+            const std::int32_t size = cells.SizeIn(bytes);
+            const std::uint64_t end = at + CellMagnitude(size);
+            if (end == cell.offset) return hive->GetCell(static_cast<std::uint32_t>(at));
+            if (end > cell.offset) return CellRef();
+            cells.Next(size);
+        }
+        return CellRef();
+    }
     for (CellWalk cells(bin.BinOffset(), cell.offset); cells.More();) {
         CellRef walk = hive->GetCell(static_cast<std::uint32_t>(cells.At()));
         if (!walk.IsValid()) return CellRef();
@@ -223,9 +242,15 @@ std::uint32_t CreateCell(Hive* hive, std::uint32_t askedSize, const RecordFiller
 }
 
 std::uint32_t WriteDataCell(Hive* hive, const std::uint8_t* data, std::uint32_t length) {
-    return CreateCell(hive, length, [&](std::uint8_t* record, std::uint32_t) {
-        if (length != 0) std::copy(data, data + length, record);
-    });
+    CellPlan plan;
+    if (!PlanCell(hive, length, plan)) return 0;
+    // Only the bytes behind the data are cleared: the data covers the rest.
+    std::unique_ptr<std::uint8_t[]> image(new (std::nothrow) std::uint8_t[plan.imageLength]);
+    if (image == nullptr) return 0;
+    if (length != 0) std::memcpy(image.get() + kCellSizeField, data, length);
+    std::memset(image.get() + kCellSizeField + length, 0, plan.imageLength - kCellSizeField - length);
+    WritePlannedCell(hive, plan, image.get());
+    return plan.offset;
 }
 
 bool PlanListRewrite(Hive* hive, std::uint32_t listCell, std::uint32_t capacity, bool stays, std::uint32_t askedSize,

@@ -24,6 +24,7 @@ void BinIndex::Extend(std::uint32_t binsSize) {
         inOrder_ = true;
         searchable_ = placed_ = 0;
         stale_.clear();
+        allocatedRun_.clear();
         built_ = true;
     }
     imageSize_ = image_.Size();
@@ -46,6 +47,7 @@ void BinIndex::Extend(std::uint32_t binsSize) {
             if (takes && Readable(at, bin.binSize)) {
                 ++searchable_;
                 stale_.push_back(true);
+                allocatedRun_.push_back(kBinHeaderSize);
             } else {
                 searchStopped_ = true;
                 endedAtFileEnd_ = endedAtFileEnd_ || takes;
@@ -67,32 +69,30 @@ void BinIndex::Extend(std::uint32_t binsSize) {
     for (; placed_ < searchable_; ++placed_) Set(placed_, kVisit);
 }
 
-std::uint32_t BinIndex::Summary(std::size_t bin) const {
+std::uint32_t BinIndex::Scan(std::size_t bin, std::uint32_t need, std::uint32_t& found, std::uint32_t& summary) {
     const Bin& b = walk_[bin];
     const std::uint8_t* bytes = image_.At(kBaseBlockSize + b.at, b.binSize);
-    std::uint32_t largest = 0;
-    for (CellWalk cells(0, b.binSize); cells.More();) {
-        const std::int32_t size = cells.SizeIn(bytes);
-        if (size > 0 && cells.Fits(size)) {
-            if (CellMagnitude(size) % kCellAlignment != 0) return kVisit;
-            largest = std::max(largest, CellMagnitude(size));
-        }
-        cells.Next(size);
-    }
-    return largest;
-}
-
-std::uint32_t BinIndex::Scan(std::size_t bin, std::uint32_t need, std::uint32_t& found) const {
-    const Bin& b = walk_[bin];
-    const std::uint8_t* bytes = image_.At(kBaseBlockSize + b.at, b.binSize);
-    for (CellWalk cells(0, b.binSize); cells.More();) {
+    summary = 0;
+    // The walk takes up where its allocated run ended: the cells in front can serve no need.
+    bool run = true;
+    for (CellWalk cells(allocatedRun_[bin] - kBinHeaderSize, b.binSize); cells.More();) {
         const std::int32_t size = cells.SizeIn(bytes);
         const std::uint32_t magnitude = CellMagnitude(size);
-        if (size > 0 && magnitude >= need && cells.Fits(size) && RestIsUsable(magnitude - need)) {
-            found = magnitude;
-            return static_cast<std::uint32_t>(b.at + cells.At());
+        if (run && size >= 0) {
+            run = false;
+            allocatedRun_[bin] = static_cast<std::uint32_t>(cells.At());
+        }
+        if (size > 0 && cells.Fits(size)) {
+            if (magnitude >= need && RestIsUsable(magnitude - need)) {
+                found = magnitude;
+                return static_cast<std::uint32_t>(b.at + cells.At());
+            }
+            // Free cells of other sizes than whole multiples of 8 only a walk can judge.
+            if (magnitude % kCellAlignment != 0) summary = kVisit;
+            if (summary != kVisit) summary = std::max(summary, magnitude);
         }
         cells.Next(size);
+        if (run) allocatedRun_[bin] = static_cast<std::uint32_t>(std::min<std::uint64_t>(cells.At(), b.binSize));
     }
     return 0;
 }
@@ -124,12 +124,14 @@ std::uint32_t BinIndex::FindFree(std::uint32_t binsSize, std::uint32_t need, std
     if (binsSize == 0) return 0;
     Extend(binsSize);
     for (std::size_t bin = FirstAtLeast(0, need); bin < searchable_; bin = FirstAtLeast(bin + 1, need)) {
+        std::uint32_t summary = 0;
+        if (const std::uint32_t cell = Scan(bin, need, found, summary)) return cell;
+        // A walk that found nothing went through the whole bin: what it learnt
+        // holds until the bin is written (a bin that served stays to be looked at).
         if (stale_[bin]) {
             stale_[bin] = false;
-            Set(bin, Summary(bin));
-            if (tree_[leaves_ + bin] < need) continue;
+            Set(bin, summary);
         }
-        if (const std::uint32_t cell = Scan(bin, need, found)) return cell;
     }
     return 0;
 }
@@ -163,6 +165,9 @@ void BinIndex::Touched(std::uint64_t areaOffset, std::uint64_t length) {
     auto mark = [&](std::size_t i) {
         const Bin& bin = walk_[i];
         if (areaOffset < static_cast<std::uint64_t>(bin.at) + kBinHeaderSize && end > bin.at) built_ = false;
+        // Bytes changed inside the run: the walks start at the first cell again.
+        if (i < searchable_ && areaOffset < static_cast<std::uint64_t>(bin.at) + allocatedRun_[i])
+            allocatedRun_[i] = kBinHeaderSize;
         // A stale bin's leaf is kVisit already: the tree needs no walk up again.
         if (i < searchable_ && !stale_[i]) {
             stale_[i] = true;
@@ -174,10 +179,16 @@ void BinIndex::Touched(std::uint64_t areaOffset, std::uint64_t length) {
             if (areaOffset < static_cast<std::uint64_t>(walk_[i].at) + walk_[i].binSize && end > walk_[i].at) mark(i);
         return;
     }
-    auto it = std::upper_bound(walk_.begin(), walk_.end(), areaOffset,
-                               [](std::uint64_t offset, const Bin& bin) { return offset < bin.at; });
-    for (std::size_t i = it == walk_.begin() ? 0 : static_cast<std::size_t>(it - walk_.begin()) - 1;
-         i < walk_.size() && walk_[i].at < end && built_; ++i) {
+    // Writes come in runs to one bin: the bin of the last write is tried before a search.
+    auto holds = [&](std::size_t i) {
+        return i < walk_.size() && walk_[i].at <= areaOffset && areaOffset < std::uint64_t{walk_[i].at} + walk_[i].binSize;
+    };
+    if (!holds(lastTouched_)) {
+        auto it = std::upper_bound(walk_.begin(), walk_.end(), areaOffset,
+                                   [](std::uint64_t offset, const Bin& bin) { return offset < bin.at; });
+        lastTouched_ = it == walk_.begin() ? 0 : static_cast<std::size_t>(it - walk_.begin()) - 1;
+    }
+    for (std::size_t i = lastTouched_; i < walk_.size() && walk_[i].at < end && built_; ++i) {
         if (areaOffset < static_cast<std::uint64_t>(walk_[i].at) + walk_[i].binSize) mark(i);
     }
 }

@@ -33,11 +33,11 @@ private:
     };
     void Extend(std::uint32_t binsSize);
     bool Readable(std::uint64_t areaOffset, std::uint64_t length) const;
-    // Largest free cell of a whole multiple of 8 in a bin, or kVisit when the
-    // bin holds free cells of other sizes, which only a walk of it can judge.
-    std::uint32_t Summary(std::size_t bin) const;
-    // The first free cell of the bin's walk that serves need, as FindFreeCell takes it.
-    std::uint32_t Scan(std::size_t bin, std::uint32_t need, std::uint32_t& found) const;
+    // The first free cell of the bin's walk that serves need, as FindFreeCell
+    // takes it. When there is none, the walk was whole and summary is the bin's
+    // largest free cell of a whole multiple of 8, or kVisit when the bin holds
+    // free cells of other sizes.
+    std::uint32_t Scan(std::size_t bin, std::uint32_t need, std::uint32_t& found, std::uint32_t& summary);
     void Set(std::size_t bin, std::uint32_t value);
     std::size_t FirstAtLeast(std::size_t from, std::uint32_t need) const;
 
@@ -53,9 +53,13 @@ private:
     bool searchStopped_ = false;  // it ended at a bin it can't take
     bool endedAtFileEnd_ = false; // one of the walks ended where the file does
     std::vector<bool> stale_;
+    // Per searchable bin: where the run of allocated cells its walk starts with
+    // ends (an offset in the bin), kept until a write lands in front of it.
+    std::vector<std::uint32_t> allocatedRun_;
     std::vector<std::uint32_t> tree_;  // max of the summaries, leaf i at tree_[leaves_ + i]
     std::size_t leaves_ = 0;
     std::size_t placed_ = 0;           // searchable bins with a leaf in the tree
+    std::size_t lastTouched_ = 0;      // the bin the last write started in, when the bins are in order
 };
 
 }  // namespace Tamvik

@@ -13,7 +13,6 @@ namespace {
 // Above this size a read is first probed at its last byte, so that a damaged
 // size can't make us allocate far more than the storage holds.
 constexpr std::uint32_t kProbeThreshold = 1u << 20;
-constexpr std::uint32_t kCellHeaderRead = 12;  // CellSize and the two words behind it
 }  // namespace
 
 std::uint32_t BinRef::Signature() const { return LoadU32(header + BinField::Signature); }
@@ -80,6 +79,7 @@ WString Hive::GetName() const { return fileName; }
 
 void Hive::SetBinsSize(std::uint32_t size) {
     EncodeBinsSize(baseBlock_, size);
+    baseBlockWritten_ = false;
     header_.binsSize = size;
     header_.computedChecksum = BaseBlockChecksum(baseBlock_);
     ++generation_;  // cells behind the old end can be had now
@@ -205,9 +205,13 @@ BinRef Hive::FindBin(const CellRef& cell) {
 }
 
 void Hive::WriteBaseBlock() {
+    if (image_ != nullptr && baseBlockWritten_) {
+        ++generation_;
+        return;
+    }
     header_.storedChecksum = header_.computedChecksum = EncodeChecksum(baseBlock_);
     if (image_ != nullptr) {
-        image_->Write(0, baseBlock_, kBaseBlockSize);
+        baseBlockWritten_ = image_->Write(0, baseBlock_, kBaseBlockSize);
         ++generation_;
     } else if (SeekPosition(0)) {
         WriteElement(baseBlock_, kBaseBlockSize);

@@ -20,6 +20,9 @@
 
 namespace Tamvik {
 
+// Bytes GetCell reads at a cell offset: CellSize and the two words behind it.
+constexpr std::uint32_t kCellHeaderRead = 12;
+
 // What was found at a cell offset: a by-value copy that doesn't follow the file.
 struct CellRef {
     std::uint32_t offset = kNoCell;
@@ -136,6 +139,8 @@ private:
 
     // The block is written back whole, so its image is kept whole.
     std::uint8_t baseBlock_[kBaseBlockSize];
+    // The image holds baseBlock_ as it stands: writing it again would change nothing.
+    bool baseBlockWritten_ = false;
     BaseBlock header_;
     std::unique_ptr<FileImage> image_;
     std::unique_ptr<BinIndex> bins_;

@@ -125,6 +125,21 @@ TEST(Damage, LiesBuiltByteByByteEnd) {
     EXPECT_NE(key, nullptr);
 }
 
+// A listed key's nk lying inside the free cell the new key's nk then takes:
+// the create must judge the list by what the file holds after that write, not
+// by the names it read before it.
+TEST(Damage, ACreateThatWritesOverAListedKeyReadsTheListAgain) {
+    HiveBuilder b;
+    const std::uint32_t cover = b.AddCell(Bytes(8), true, 16);
+    const std::uint32_t listed = b.AddNk({"B"}, 88);
+    b.SetRoot(b.AddNk({"Root", 0x2C, 1, b.AddList("lf", {listed}, {"B"})}));
+    b.CloseBin(true);
+    b.SetCellSize(cover, 16 + 88);  // free now, and over B's nk
+    TestHive test(b);
+    HKEY created = nullptr;
+    EXPECT_EQ(RegCreateKeyExW(test.Key(), u"C", &created), Result::CannotCreate);
+}
+
 // --- Storage that refuses new bins ------------------------------------------------
 
 // Root with subkeys B, D, Empty and Full in an lf of 40 bytes (or an ri over
