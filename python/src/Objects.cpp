@@ -706,14 +706,25 @@ PyObject* KeyAt(KeyObject* from, PyObject* path, bool create) {
         start = end + 1;
         if (component.empty()) continue;  // "\A", "A\" and "A\\B" name what "A" and "A\B" name
         CellOffset next = 0;
-        Status found = access->FindSubKey(cell, component, &next);
-        if (found.code == StatusCode::NotFound && create) {
-            found = access->CreateSubKey(cell, component, Tamvik::ListOrder::Windows, &next);
+        // A new key at the end of the path is what create is mostly asked for:
+        // making it is tried first, and the key is looked up only when the hive
+        // refuses (it exists, or can't be written), which ends as before.
+        const bool createFirst = create && units.find_first_not_of(u'\\', start) == WString::npos;
+        Status found = createFirst ? access->CreateSubKey(cell, component, Tamvik::ListOrder::Windows, &next)
+                                   : Status::Of(StatusCode::NotFound, "");
+        if (found) {
             last = component;
-        } else if (found) {
-            Tamvik::KeyInfo info;
-            found = access->Info(next, &info);
-            last = std::move(info.name);
+        } else {
+            const Status made = found;
+            found = access->FindSubKey(cell, component, &next);
+            if (found.code == StatusCode::NotFound && create) {
+                found = createFirst ? made : access->CreateSubKey(cell, component, Tamvik::ListOrder::Windows, &next);
+                last = component;
+            } else if (found) {
+                Tamvik::KeyInfo info;
+                found = access->Info(next, &info);
+                last = std::move(info.name);
+            }
         }
         if (found.code == StatusCode::NotFound) {
             PyObject* name = TextOf(component);
