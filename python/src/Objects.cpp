@@ -42,15 +42,15 @@ struct ViewObject {
 struct Walker {
     struct Pending {
         CellOffset cell;
-        WString name;
-        PyObject* parentPath;  // a reference; null for the first key, whose path is given
+        PyObject* path;  // a reference
+        Py_ssize_t nameStart;  // where the name starts in path; -1 for the first key, whose name is given
     };
     ~Walker() {
-        for (const Pending& pending : stack) Py_XDECREF(pending.parentPath);
-        Py_XDECREF(firstPath);
+        for (const Pending& pending : stack) Py_XDECREF(pending.path);
+        Py_XDECREF(firstName);
     }
     std::vector<Pending> stack;
-    PyObject* firstPath = nullptr;  // the path of the key the walk starts at
+    PyObject* firstName = nullptr;  // the name of the key the walk starts at
     std::vector<std::uint64_t> entered;  // a bit per 8-byte cell offset
 
     bool FirstEntry(CellOffset cell) {
@@ -172,21 +172,26 @@ PyObject* KeyName(KeyObject* key) {
 
 PyObject* KeyNameGet(PyObject* self, void*) { return Py_XNewRef(KeyName(AsKey(self))); }
 
-// A key whose name is the end of its path below parentPath, made when asked for.
-PyObject* NewKeyBelow(PyObject* hive, HiveState* state, CellOffset cell, PyObject* parentPath, const WString& units) {
-    PyObject* path = JoinPath(parentPath, units);
+// Where the name of a key below parentPath starts in its path.
+Py_ssize_t NameStart(PyObject* parentPath) {
+    const Py_ssize_t head = PyUnicode_GET_LENGTH(parentPath);
+    return head == 0 ? 0 : head + 1;
+}
+
+// A key whose name is the end of its path, from nameStart on, made when
+// asked for; takes over the reference to path (null when making it failed).
+PyObject* NewKeyNamedByPath(PyObject* hive, HiveState* state, CellOffset cell, PyObject* path, Py_ssize_t nameStart) {
     KeyObject* key = path == nullptr ? nullptr : Allocate<KeyObject>(keyType);
     if (key == nullptr) {
         Py_XDECREF(path);
         return nullptr;
     }
-    const Py_ssize_t head = PyUnicode_GET_LENGTH(parentPath);
     key->hive = Py_NewRef(hive);
     key->state = state;
     key->cell = cell;
     key->name = nullptr;
     key->path = path;
-    key->nameStart = head == 0 ? 0 : head + 1;
+    key->nameStart = nameStart;
     return reinterpret_cast<PyObject*>(key);
 }
 
@@ -464,7 +469,8 @@ PyObject* SubKeysIter(PyObject* self) {
     const Status listed = access->SubKeys(key->cell, &scratch.items);
     return IterateItems(listed, scratch.items,
                         [key](const Tamvik::SubKeyItem& item) {
-                            return NewKeyBelow(key->hive, key->state, item.cell, key->path, item.name);
+                            return NewKeyNamedByPath(key->hive, key->state, item.cell, JoinPath(key->path, item.name),
+                                                     NameStart(key->path));
                         });
 }
 
@@ -583,20 +589,27 @@ PyObject* WalkNext(PyObject* self) {
     if (walker.stack.empty()) return nullptr;
     HiveAccess* access = walk->state->Open();
     if (access == nullptr) return nullptr;
-    Walker::Pending next = std::move(walker.stack.back());
+    const Walker::Pending next = walker.stack.back();
     walker.stack.pop_back();
-    PyObject* key = next.parentPath == nullptr
-                        ? NewKey(walk->hive, walk->state, next.cell, NameOf(next.name), Py_NewRef(walker.firstPath))
-                        : NewKeyBelow(walk->hive, walk->state, next.cell, next.parentPath, next.name);
-    Py_XDECREF(next.parentPath);
+    PyObject* key = next.nameStart < 0 ? NewKey(walk->hive, walk->state, next.cell, Py_NewRef(walker.firstName), next.path)
+                                       : NewKeyNamedByPath(walk->hive, walk->state, next.cell, next.path, next.nameStart);
     if (key == nullptr) return nullptr;
     PyObject* path = Py_NewRef(AsKey(key)->path);
     if (walker.FirstEntry(next.cell)) {
+        // The subkeys' paths are made now, while their names are at hand.
         Scratch<Tamvik::SubKeyItem> scratch(&walk->state->subKeyItems);
         access->SubKeys(next.cell, &scratch.items);  // what can't be read is left out
+        const Py_ssize_t nameStart = NameStart(path);
         for (std::size_t i = scratch.items.size(); i-- > 0;) {
-            Tamvik::SubKeyItem& item = scratch.items[i];
-            if (item.status) walker.stack.push_back({item.cell, std::move(item.name), Py_NewRef(path)});
+            const Tamvik::SubKeyItem& item = scratch.items[i];
+            if (!item.status) continue;
+            PyObject* below = JoinPath(path, item.name);
+            if (below == nullptr) {
+                Py_DECREF(path);
+                Py_DECREF(key);
+                return nullptr;
+            }
+            walker.stack.push_back({item.cell, below, nameStart});
         }
     }
     // A loop that unpacks each pair has let go of the last one by now: it is
@@ -754,15 +767,14 @@ PyObject* NewWalk(KeyObject* from) {
     walk->state = from->state;
     walk->pair = nullptr;
     walk->walker = new (std::nothrow) Walker;
-    WString name;
     PyObject* fromName = KeyName(from);
-    if (walk->walker == nullptr || fromName == nullptr || !UnitsOf(fromName, &name)) {
+    if (walk->walker == nullptr || fromName == nullptr) {
         if (!PyErr_Occurred()) PyErr_NoMemory();
         Py_DECREF(walk);
         return nullptr;
     }
-    walk->walker->firstPath = Py_NewRef(from->path);
-    walk->walker->stack.push_back({from->cell, std::move(name), nullptr});
+    walk->walker->firstName = Py_NewRef(fromName);
+    walk->walker->stack.push_back({from->cell, Py_NewRef(from->path), -1});
     return reinterpret_cast<PyObject*>(walk);
 }
 
