@@ -343,7 +343,7 @@ PyObject* NewValue(const Tamvik::ValueItem& item) {
     if (value == nullptr) return nullptr;
     value->data = nullptr;
     value->typeNumber = item.type;
-    value->name = NameOf(item.name);
+    value->name = TextOf(item.name);
     value->type = TypeObject(item.type);
     value->raw = PyBytes_FromStringAndSize(reinterpret_cast<const char*>(item.data.data()),
                                            static_cast<Py_ssize_t>(item.data.size()));

@@ -51,33 +51,6 @@ PyObject* TextOf(const char16_t* units, std::size_t count) {
     return Narrowed<Py_UCS2>(units, count, 0xFFFF);
 }
 
-namespace {
-
-// Names repeat all over a hive ("Start", "Type", "Parameters"): a table of
-// the names made lately, by a hash of their units, spares most walks the
-// making and freeing of a str per name. It keeps its strs until the process ends.
-constexpr std::size_t kCachedNames = 1024;  // a power of two
-constexpr std::size_t kLongestCached = 48;
-PyObject* cachedNames[kCachedNames];
-
-}  // namespace
-
-PyObject* NameOf(const char16_t* units, std::size_t count) {
-    if (count == 0 || count > kLongestCached) return TextOf(units, count);
-    // A few units and the length tell most names apart; the table compares them whole.
-    const std::uint32_t hash = ((units[0] * 31u + units[count / 2]) * 31u + units[count - 1]) * 31u + count;
-    PyObject*& slot = cachedNames[(hash ^ (hash >> 9)) & (kCachedNames - 1)];
-    if (slot != nullptr && static_cast<std::size_t>(PyUnicode_GET_LENGTH(slot)) == count) {
-        const Py_UCS1* cached = PyUnicode_1BYTE_DATA(slot);  // an ASCII str, as only those are kept
-        unsigned differ = 0;
-        for (std::size_t i = 0; i < count; ++i) differ |= cached[i] ^ units[i];
-        if (differ == 0) return Py_NewRef(slot);
-    }
-    PyObject* text = TextOf(units, count);
-    if (text != nullptr && PyUnicode_IS_ASCII(text)) Py_XSETREF(slot, Py_NewRef(text));
-    return text;
-}
-
 bool UnitsOf(PyObject* text, Tamvik::WString* units) {
     if (!PyUnicode_Check(text)) {
         PyErr_Format(PyExc_TypeError, "a name is a str, not %.100s", Py_TYPE(text)->tp_name);

@@ -15,11 +15,6 @@ namespace TamvikPython {
 PyObject* TextOf(const char16_t* units, std::size_t count);
 inline PyObject* TextOf(const Tamvik::WString& units) { return TextOf(units.data(), units.size()); }
 
-// The same for a key's or value's name: a short ASCII name made lately is
-// handed out again, as the same str, instead of being made anew.
-PyObject* NameOf(const char16_t* units, std::size_t count);
-inline PyObject* NameOf(const Tamvik::WString& units) { return NameOf(units.data(), units.size()); }
-
 // The UTF-16 units of a str; false with TypeError when it is none.
 bool UnitsOf(PyObject* text, Tamvik::WString* units);
 
