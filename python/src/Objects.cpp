@@ -284,17 +284,21 @@ PyObject* KeySet(PyObject* self, PyObject* const* args, Py_ssize_t count, PyObje
     KeyObject* key = AsKey(self);
     HiveAccess* access = key->state->Open();
     WString name;
-    Status set;
-    if (access != nullptr && UnitsOf(given[0], &name)) {
+    bool done = access != nullptr && UnitsOf(given[0], &name);
+    if (done) {
         const Py_ssize_t length = PyBytes_GET_SIZE(data);
-        set = length > Py_ssize_t{UINT32_MAX}
-                  ? Status::Of(StatusCode::Invalid, "the data is longer than a value holds")
-                  : access->SetValue(key->cell, name, type, reinterpret_cast<const std::uint8_t*>(PyBytes_AS_STRING(data)),
-                                     static_cast<std::uint32_t>(length));
-        if (!set) Raise(set);
+        const Status set =
+            length > Py_ssize_t{UINT32_MAX}
+                ? Status::Of(StatusCode::Invalid, "the data is longer than a value holds")
+                : access->SetValue(key->cell, name, type, reinterpret_cast<const std::uint8_t*>(PyBytes_AS_STRING(data)),
+                                   static_cast<std::uint32_t>(length));
+        if (!set) {
+            Raise(set);
+            done = false;
+        }
     }
     Py_XDECREF(encoded);
-    if (PyErr_Occurred()) return nullptr;
+    if (!done) return nullptr;
     Py_RETURN_NONE;
 }
 
