@@ -169,11 +169,11 @@ PYBIND11_MODULE(_tamvik, module) {
     module.attr("STATUSES") = StatusNames();
     module.def(
         "register",
-        [](py::handle types, py::handle errors) {
-            if (!RegisterTypes(types.ptr())) Throw();
+        [](py::handle types, py::handle errors, py::handle encode) {
+            if (!RegisterTypes(types.ptr(), encode.ptr())) Throw();
             SetErrorFactory(errors.ptr());
         },
-        "types"_a, "errors"_a);
+        "types"_a, "errors"_a, "encode"_a);
     module.def(
         "create_hive",
         [](const std::string& path, std::uint32_t minor, py::handle rootName) {
@@ -210,13 +210,6 @@ PYBIND11_MODULE(_tamvik, module) {
                  const TamvikTool::KeyInstant instant = TamvikTool::ReadKeyTime(info.timestamp);
                  if (info.timestamp == 0) return py::none();
                  return py::make_tuple(instant.seconds, instant.ticks / 10);
-             })
-        .def("_set",
-             [](HiveState& state, CellOffset key, py::handle name, std::uint32_t type, py::bytes data) {
-                 const std::string_view bytes = data;
-                 if (bytes.size() > UINT32_MAX) Check(Status::Of(StatusCode::Invalid, "the data is longer than a value holds"));
-                 Check(Access(state).SetValue(key, Units(name), type, reinterpret_cast<const std::uint8_t*>(bytes.data()),
-                                              static_cast<std::uint32_t>(bytes.size())));
              })
         .def("_delete_value",
              [](HiveState& state, CellOffset key, py::handle name) { Check(Access(state).DeleteValue(key, Units(name))); })

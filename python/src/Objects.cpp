@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <new>
 #include <vector>
 
@@ -41,15 +42,15 @@ struct ViewObject {
 struct Walker {
     struct Pending {
         CellOffset cell;
-        WString name;
-        PyObject* parentPath;  // a reference; null for the first key, whose path is given
+        PyObject* path;  // a reference
+        Py_ssize_t nameStart;  // where the name starts in path; -1 for the first key, whose name is given
     };
     ~Walker() {
-        for (const Pending& pending : stack) Py_XDECREF(pending.parentPath);
-        Py_XDECREF(firstPath);
+        for (const Pending& pending : stack) Py_XDECREF(pending.path);
+        Py_XDECREF(firstName);
     }
     std::vector<Pending> stack;
-    PyObject* firstPath = nullptr;  // the path of the key the walk starts at
+    PyObject* firstName = nullptr;  // the name of the key the walk starts at
     std::vector<std::uint64_t> entered;  // a bit per 8-byte cell offset
 
     bool FirstEntry(CellOffset cell) {
@@ -68,6 +69,7 @@ struct WalkObject {
     PyObject* hive;
     HiveState* state;
     Walker* walker;
+    PyObject* pair;  // the last (path, key) given, or null
 };
 
 PyTypeObject* keyType;
@@ -78,6 +80,8 @@ PyTypeObject* walkType;
 // The RegType members of the numbers that have names.
 constexpr std::uint32_t kNamedTypes = 12;
 PyObject* typeMembers[kNamedTypes];
+// The package's encode(data, type) -> (type, bytes), for what Key.set isn't given as bytes and a type.
+PyObject* encoder;
 
 KeyObject* AsKey(PyObject* object) { return reinterpret_cast<KeyObject*>(object); }
 
@@ -130,7 +134,66 @@ PyObject* NotFound(const char* format, PyObject* name, PyObject* where) {
     return nullptr;
 }
 
+// The path of a key named by units below parent: the units are put in place
+// without a str of the name being made first.
+PyObject* JoinPath(PyObject* parent, const WString& units) {
+    char16_t any = 0;
+    for (char16_t unit : units) any |= unit;
+    const Py_ssize_t head = PyUnicode_GET_LENGTH(parent);
+    if (any >= 0xD800 || (head != 0 && PyUnicode_KIND(parent) != PyUnicode_1BYTE_KIND)) {
+        PyObject* name = TextOf(units);  // a surrogate, or a wide parent: the general way
+        PyObject* path = name == nullptr ? nullptr : JoinPath(parent, name);
+        Py_XDECREF(name);
+        return path;
+    }
+    const Py_ssize_t start = head == 0 ? 0 : head + 1;
+    const Py_UCS4 widest = std::max<Py_UCS4>(head == 0 ? 0 : PyUnicode_MAX_CHAR_VALUE(parent), any < 0x80 ? 0x7F : any);
+    PyObject* path = PyUnicode_New(start + static_cast<Py_ssize_t>(units.size()), widest);
+    if (path == nullptr) return nullptr;
+    const int kind = PyUnicode_KIND(path);
+    void* data = PyUnicode_DATA(path);
+    if (head != 0) {
+        if (kind == PyUnicode_1BYTE_KIND) std::memcpy(data, PyUnicode_1BYTE_DATA(parent), static_cast<std::size_t>(head));
+        else PyUnicode_CopyCharacters(path, 0, parent, 0, head);
+        PyUnicode_WRITE(kind, data, head, '\\');
+    }
+    for (std::size_t i = 0; i < units.size(); ++i) PyUnicode_WRITE(kind, data, start + static_cast<Py_ssize_t>(i), units[i]);
+    return path;
+}
+
 // ---- keys
+
+// The key's name (borrowed), made from its path when first asked for.
+PyObject* KeyName(KeyObject* key) {
+    if (key->name == nullptr)
+        key->name = PyUnicode_Substring(key->path, key->nameStart, PyUnicode_GET_LENGTH(key->path));
+    return key->name;
+}
+
+PyObject* KeyNameGet(PyObject* self, void*) { return Py_XNewRef(KeyName(AsKey(self))); }
+
+// Where the name of a key below parentPath starts in its path.
+Py_ssize_t NameStart(PyObject* parentPath) {
+    const Py_ssize_t head = PyUnicode_GET_LENGTH(parentPath);
+    return head == 0 ? 0 : head + 1;
+}
+
+// A key whose name is the end of its path, from nameStart on, made when
+// asked for; takes over the reference to path (null when making it failed).
+PyObject* NewKeyNamedByPath(PyObject* hive, HiveState* state, CellOffset cell, PyObject* path, Py_ssize_t nameStart) {
+    KeyObject* key = path == nullptr ? nullptr : Allocate<KeyObject>(keyType);
+    if (key == nullptr) {
+        Py_XDECREF(path);
+        return nullptr;
+    }
+    key->hive = Py_NewRef(hive);
+    key->state = state;
+    key->cell = cell;
+    key->name = nullptr;
+    key->path = path;
+    key->nameStart = nameStart;
+    return reinterpret_cast<PyObject*>(key);
+}
 
 void KeyDealloc(PyObject* self) {
     KeyObject* key = AsKey(self);
@@ -165,19 +228,98 @@ Py_hash_t KeyHash(PyObject* self) {
 PyObject* KeyWalk(PyObject* self, PyObject*) { return NewWalk(AsKey(self)); }
 PyObject* KeyCreate(PyObject* self, PyObject* path) { return KeyAt(AsKey(self), path, true); }
 
+// A value type as stored: an int (RegType is one) from 0 to 0xFFFFFFFF.
+bool TypeNumber(PyObject* type, std::uint32_t* number) {
+    if (!PyLong_Check(type)) return false;
+    const unsigned long long n = PyLong_AsUnsignedLongLong(type);
+    if (n == static_cast<unsigned long long>(-1) && PyErr_Occurred()) {
+        PyErr_Clear();
+        return false;
+    }
+    if (n > UINT32_MAX) return false;
+    *number = static_cast<std::uint32_t>(n);
+    return true;
+}
+
+// set(name, data, type=None): the arguments given by position or by name.
+bool SetArguments(PyObject* const* args, Py_ssize_t count, PyObject* keywords, PyObject* given[3]) {
+    static const char* const names[] = {"name", "data", "type"};
+    given[0] = given[1] = given[2] = nullptr;
+    bool fits = count <= 3;
+    for (Py_ssize_t i = 0; fits && i < count; ++i) given[i] = args[i];
+    const Py_ssize_t named = keywords == nullptr ? 0 : PyTuple_GET_SIZE(keywords);
+    for (Py_ssize_t k = 0; fits && k < named; ++k) {
+        int slot = 0;
+        while (slot < 3 && PyUnicode_CompareWithASCIIString(PyTuple_GET_ITEM(keywords, k), names[slot]) != 0) ++slot;
+        fits = slot < 3 && given[slot] == nullptr;
+        if (fits) given[slot] = args[count + k];
+    }
+    if (!fits || given[0] == nullptr || given[1] == nullptr) {
+        PyErr_SetString(PyExc_TypeError, "set(name, data, type=None)");
+        return false;
+    }
+    if (given[2] == nullptr) given[2] = Py_None;
+    return true;
+}
+
+// Bytes with a type are stored as they are; anything else goes through the
+// package's encoder first, which infers the type and makes the bytes.
+PyObject* KeySet(PyObject* self, PyObject* const* args, Py_ssize_t count, PyObject* keywords) {
+    PyObject* given[3];
+    if (!SetArguments(args, count, keywords, given)) return nullptr;
+    PyObject* data = given[1];
+    std::uint32_t type = 0;
+    PyObject* encoded = nullptr;
+    if (!PyBytes_Check(data) || !TypeNumber(given[2], &type)) {
+        encoded = PyObject_CallFunctionObjArgs(encoder, data, given[2], nullptr);
+        if (encoded == nullptr) return nullptr;
+        if (!PyTuple_Check(encoded) || PyTuple_GET_SIZE(encoded) != 2 || !PyBytes_Check(PyTuple_GET_ITEM(encoded, 1)) ||
+            !TypeNumber(PyTuple_GET_ITEM(encoded, 0), &type)) {
+            Py_DECREF(encoded);
+            PyErr_SetString(PyExc_TypeError, "a value's type is a number from 0 to 0xFFFFFFFF");
+            return nullptr;
+        }
+        data = PyTuple_GET_ITEM(encoded, 1);
+    }
+    KeyObject* key = AsKey(self);
+    HiveAccess* access = key->state->Open();
+    WString name;
+    bool done = access != nullptr && UnitsOf(given[0], &name);
+    if (done) {
+        const Py_ssize_t length = PyBytes_GET_SIZE(data);
+        const Status set =
+            length > Py_ssize_t{UINT32_MAX}
+                ? Status::Of(StatusCode::Invalid, "the data is longer than a value holds")
+                : access->SetValue(key->cell, name, type, reinterpret_cast<const std::uint8_t*>(PyBytes_AS_STRING(data)),
+                                   static_cast<std::uint32_t>(length));
+        if (!set) {
+            Raise(set);
+            done = false;
+        }
+    }
+    Py_XDECREF(encoded);
+    if (!done) return nullptr;
+    Py_RETURN_NONE;
+}
+
 PyMethodDef keyMethods[] = {
     {"_walk", KeyWalk, METH_NOARGS, nullptr},
-    {"_create", KeyCreate, METH_O, nullptr},
+    {"create", KeyCreate, METH_O,
+     "create(path): the key at path below this one, made with any keys missing above it (in Windows' order)."},
+    {"set", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(KeySet)), METH_FASTCALL | METH_KEYWORDS,
+     "set(name, data, type=None): creates the value or replaces its type and data. Without a type: str is\n"
+     "REG_SZ, a list of str REG_MULTI_SZ, an int REG_DWORD (REG_QWORD past 32 bits), None REG_NONE, bytes\n"
+     "REG_BINARY. bytes are stored as they are whatever the type."},
     {nullptr, nullptr, 0, nullptr},
 };
 PyMemberDef keyMembers[] = {
-    {"name", T_OBJECT_EX, offsetof(KeyObject, name), READONLY, "The key's name as the hive stores it."},
     {"path", T_OBJECT_EX, offsetof(KeyObject, path), READONLY, "The path from the root, \"\" for the root."},
     {"hive", T_OBJECT_EX, offsetof(KeyObject, hive), READONLY, "The hive the key is in."},
     {"cell", T_UINT, offsetof(KeyObject, cell), READONLY, "The offset of the key's cell in the hive's bins."},
     {nullptr, 0, 0, 0, nullptr},
 };
 PyGetSetDef keyGetters[] = {
+    {"name", KeyNameGet, nullptr, "The key's name as the hive stores it.", nullptr},
     {"subkeys", KeySubKeys, nullptr, "The key's subkeys: len(), iteration, [name], in.", nullptr},
     {"values", KeyValues, nullptr, "The key's values: len(), iteration, [name] (\"\" the default value), in, get().", nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
@@ -301,20 +443,21 @@ Py_ssize_t ValuesLength(PyObject* self) {
     return Counts(ViewKey(self), &info) ? static_cast<Py_ssize_t>(info.values) : -1;
 }
 
-// A list of what a key holds as an iterator. A position that can't be read
-// is left out; a list of which nothing can be read raises.
+// What a key holds as an iterator (over a tuple: lighter to make than a
+// list). A position that can't be read is left out; a list of which nothing
+// can be read raises.
 template <class Item, class Make>
 PyObject* IterateItems(const Status& listed, const std::vector<Item>& items, Make make) {
     if (items.empty() && !listed) return Raise(listed);
     Py_ssize_t readable = 0;
     for (const Item& item : items) readable += item.status ? 1 : 0;
-    PyObject* list = PyList_New(readable);
+    PyObject* list = PyTuple_New(readable);
     Py_ssize_t at = 0;
     for (const Item& item : items) {
         if (list == nullptr || !item.status) continue;
         PyObject* made = make(item);
         if (made == nullptr) Py_CLEAR(list);
-        else PyList_SET_ITEM(list, at++, made);
+        else PyTuple_SET_ITEM(list, at++, made);
     }
     if (list == nullptr) return nullptr;
     PyObject* iterator = PyObject_GetIter(list);
@@ -328,11 +471,11 @@ PyObject* SubKeysIter(PyObject* self) {
     if (access == nullptr) return nullptr;
     Scratch<Tamvik::SubKeyItem> scratch(&key->state->subKeyItems);
     const Status listed = access->SubKeys(key->cell, &scratch.items);
-    return IterateItems(listed, scratch.items, [key](const Tamvik::SubKeyItem& item) -> PyObject* {
-        PyObject* name = TextOf(item.name);
-        PyObject* path = name == nullptr ? nullptr : JoinPath(key->path, name);
-        return NewKey(key->hive, key->state, item.cell, name, path);
-    });
+    return IterateItems(listed, scratch.items,
+                        [key](const Tamvik::SubKeyItem& item) {
+                            return NewKeyNamedByPath(key->hive, key->state, item.cell, JoinPath(key->path, item.name),
+                                                     NameStart(key->path));
+                        });
 }
 
 PyObject* ValuesIter(PyObject* self) {
@@ -440,6 +583,7 @@ void WalkDealloc(PyObject* self) {
     auto* walk = reinterpret_cast<WalkObject*>(self);
     delete walk->walker;
     Py_XDECREF(walk->hive);
+    Py_XDECREF(walk->pair);
     Free(self);
 }
 
@@ -449,30 +593,51 @@ PyObject* WalkNext(PyObject* self) {
     if (walker.stack.empty()) return nullptr;
     HiveAccess* access = walk->state->Open();
     if (access == nullptr) return nullptr;
-    Walker::Pending next = std::move(walker.stack.back());
+    const Walker::Pending next = walker.stack.back();
     walker.stack.pop_back();
-    PyObject* name = TextOf(next.name);
-    PyObject* path = next.parentPath == nullptr ? Py_XNewRef(walker.firstPath)
-                     : name == nullptr          ? nullptr
-                                                : JoinPath(next.parentPath, name);
-    Py_XDECREF(next.parentPath);
-    if (path != nullptr && walker.FirstEntry(next.cell)) {
+    PyObject* key = next.nameStart < 0 ? NewKey(walk->hive, walk->state, next.cell, Py_NewRef(walker.firstName), next.path)
+                                       : NewKeyNamedByPath(walk->hive, walk->state, next.cell, next.path, next.nameStart);
+    if (key == nullptr) return nullptr;
+    PyObject* path = Py_NewRef(AsKey(key)->path);
+    if (walker.FirstEntry(next.cell)) {
+        // The subkeys' paths are made now, while their names are at hand.
         Scratch<Tamvik::SubKeyItem> scratch(&walk->state->subKeyItems);
         access->SubKeys(next.cell, &scratch.items);  // what can't be read is left out
+        const Py_ssize_t nameStart = NameStart(path);
         for (std::size_t i = scratch.items.size(); i-- > 0;) {
-            Tamvik::SubKeyItem& item = scratch.items[i];
-            if (item.status) walker.stack.push_back({item.cell, std::move(item.name), Py_NewRef(path)});
+            const Tamvik::SubKeyItem& item = scratch.items[i];
+            if (!item.status) continue;
+            PyObject* below = JoinPath(path, item.name);
+            if (below == nullptr) {
+                Py_DECREF(path);
+                Py_DECREF(key);
+                return nullptr;
+            }
+            walker.stack.push_back({item.cell, below, nameStart});
         }
     }
-    PyObject* key = NewKey(walk->hive, walk->state, next.cell, name, Py_XNewRef(path));
-    PyObject* pair = key == nullptr ? nullptr : PyTuple_New(2);
+    // A loop that unpacks each pair has let go of the last one by now: it is
+    // filled anew (as zip() does) rather than freed and made again.
+    PyObject* pair = walk->pair;
+    if (pair != nullptr && Py_REFCNT(pair) == 1) {
+        PyObject* lastPath = PyTuple_GET_ITEM(pair, 0);
+        PyObject* lastKey = PyTuple_GET_ITEM(pair, 1);
+        PyTuple_SET_ITEM(pair, 0, path);
+        PyTuple_SET_ITEM(pair, 1, key);
+        Py_DECREF(lastPath);
+        Py_DECREF(lastKey);
+        if (!PyObject_GC_IsTracked(pair)) PyObject_GC_Track(pair);  // the collector may have let it go
+        return Py_NewRef(pair);
+    }
+    pair = PyTuple_New(2);
     if (pair == nullptr) {
-        Py_XDECREF(path);
-        Py_XDECREF(key);
+        Py_DECREF(path);
+        Py_DECREF(key);
         return nullptr;
     }
     PyTuple_SET_ITEM(pair, 0, path);
     PyTuple_SET_ITEM(pair, 1, key);
+    Py_XSETREF(walk->pair, Py_NewRef(pair));
     return pair;
 }
 
@@ -511,11 +676,13 @@ bool AddTypes(PyObject* module) {
     return true;
 }
 
-bool RegisterTypes(PyObject* members) {
-    if (!PyDict_Check(members)) {
-        PyErr_SetString(PyExc_TypeError, "register({number: RegType}, errors)");
+bool RegisterTypes(PyObject* members, PyObject* encode) {
+    if (!PyDict_Check(members) || !PyCallable_Check(encode)) {
+        PyErr_SetString(PyExc_TypeError, "register({number: RegType}, errors, encode)");
         return false;
     }
+    Py_INCREF(encode);
+    Py_XSETREF(encoder, encode);
     for (std::uint32_t type = 0; type < kNamedTypes; ++type) {
         PyObject* number = PyLong_FromUnsignedLong(type);
         if (number == nullptr) return false;
@@ -540,6 +707,7 @@ PyObject* NewKey(PyObject* hive, HiveState* state, CellOffset cell, PyObject* na
     key->cell = cell;
     key->name = name;
     key->path = path;
+    key->nameStart = 0;
     return reinterpret_cast<PyObject*>(key);
 }
 
@@ -555,14 +723,25 @@ PyObject* KeyAt(KeyObject* from, PyObject* path, bool create) {
         start = end + 1;
         if (component.empty()) continue;  // "\A", "A\" and "A\\B" name what "A" and "A\B" name
         CellOffset next = 0;
-        Status found = access->FindSubKey(cell, component, &next);
-        if (found.code == StatusCode::NotFound && create) {
-            found = access->CreateSubKey(cell, component, Tamvik::ListOrder::Windows, &next);
+        // A new key at the end of the path is what create is mostly asked for:
+        // making it is tried first, and the key is looked up only when the hive
+        // refuses (it exists, or can't be written), which ends as before.
+        const bool createFirst = create && units.find_first_not_of(u'\\', start) == WString::npos;
+        Status found = createFirst ? access->CreateSubKey(cell, component, Tamvik::ListOrder::Windows, &next)
+                                   : Status::Of(StatusCode::NotFound, "");
+        if (found) {
             last = component;
-        } else if (found) {
-            Tamvik::KeyInfo info;
-            found = access->Info(next, &info);
-            last = std::move(info.name);
+        } else {
+            const Status made = found;
+            found = access->FindSubKey(cell, component, &next);
+            if (found.code == StatusCode::NotFound && create) {
+                found = createFirst ? made : access->CreateSubKey(cell, component, Tamvik::ListOrder::Windows, &next);
+                last = component;
+            } else if (found) {
+                Tamvik::KeyInfo info;
+                found = access->Info(next, &info);
+                last = std::move(info.name);
+            }
         }
         if (found.code == StatusCode::NotFound) {
             PyObject* name = TextOf(component);
@@ -590,15 +769,16 @@ PyObject* NewWalk(KeyObject* from) {
     if (walk == nullptr) return nullptr;
     walk->hive = Py_NewRef(from->hive);
     walk->state = from->state;
+    walk->pair = nullptr;
     walk->walker = new (std::nothrow) Walker;
-    WString name;
-    if (walk->walker == nullptr || !UnitsOf(from->name, &name)) {
+    PyObject* fromName = KeyName(from);
+    if (walk->walker == nullptr || fromName == nullptr) {
         if (!PyErr_Occurred()) PyErr_NoMemory();
         Py_DECREF(walk);
         return nullptr;
     }
-    walk->walker->firstPath = Py_NewRef(from->path);
-    walk->walker->stack.push_back({from->cell, std::move(name), nullptr});
+    walk->walker->firstName = Py_NewRef(fromName);
+    walk->walker->stack.push_back({from->cell, Py_NewRef(from->path), -1});
     return reinterpret_cast<PyObject*>(walk);
 }
 

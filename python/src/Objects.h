@@ -15,14 +15,16 @@ struct KeyObject {
     PyObject* hive;  // the Hive object, which keeps the state alive
     HiveState* state;
     Tamvik::CellOffset cell;
-    PyObject* name;
+    PyObject* name;  // null until asked for when it is the end of path, from nameStart on
     PyObject* path;  // from the root, components joined by backslashes; "" for the root
+    Py_ssize_t nameStart;
 };
 
 // Readies the types and adds Key, Value, SubKeys, Values and Walk to the module.
 bool AddTypes(PyObject* module);
-// The package's enum of value types, a dict of number to member.
-bool RegisterTypes(PyObject* typeMembers);
+// The package's enum of value types, a dict of number to member, and its
+// encode(data, type) -> (type, bytes) for Key.set.
+bool RegisterTypes(PyObject* typeMembers, PyObject* encode);
 
 // A key; takes over the references to name and path (either may be null,
 // when making it failed: then the result is null too).

@@ -191,17 +191,6 @@ class Key:
         value = self.values.get(name)
         return default if value is None else value.data
 
-    def create(self, path):
-        """The key at path below this one, made with any keys missing above it (in Windows' order)."""
-        return self._create(path)
-
-    def set(self, name, data, type=None):
-        """Creates the value or replaces its type and data. Without a type: str is REG_SZ, a list of
-        str REG_MULTI_SZ, an int REG_DWORD (REG_QWORD past 32 bits), None REG_NONE, bytes REG_BINARY.
-        bytes are stored as they are whatever the type."""
-        type, raw = _encode(data, type)
-        self.hive._set(self.cell, name, type, raw)
-
     def delete_value(self, name):
         """Deletes the value of that name ("" the default value)."""
         self.hive._delete_value(self.cell, name)
@@ -246,7 +235,7 @@ class Hive(_tamvik.HiveBase):
 
 SubKeys = _tamvik.SubKeys
 Values = _tamvik.Values
-_tamvik.register({int(t): t for t in RegType}, _error)
+_tamvik.register({int(t): t for t in RegType}, _error, _encode)
 
 
 def open(path, write=False, *, force=False, image=None, partition=None):

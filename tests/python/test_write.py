@@ -42,12 +42,25 @@ def test_types_inferred_from_python_data(blank):
     (1.5, None, TypeError),
     ("text", T.REG_DWORD, TypeError),
     ([1], None, TypeError),
+    (b"\1", -1, TypeError),
+    (b"\1", 1 << 32, TypeError),
 ])
 def test_data_that_cant_be_stored_is_refused_and_nothing_written(blank, data, type, error):
     with tamvik.open(blank, write=True) as hive:
         with pytest.raises(error):
             hive.root.set("v", data, type)
         assert len(hive.root.values) == 0
+
+
+def test_set_takes_its_arguments_by_name_too_and_stores_bytes_as_they_are(blank):
+    with tamvik.open(blank, write=True) as hive:
+        hive.root.set(name="a", data=b"\1", type=T.REG_DWORD)
+        hive.root.set("b", type=7, data=b"xy")
+        for args, named in [((), {}), (("a",), {}), (("a", b"", 1, 2), {}), (("a", b""), {"kind": 1}),
+                            (("a", b""), {"name": "b"})]:
+            with pytest.raises(TypeError):
+                hive.root.set(*args, **named)
+        assert [(v.name, v.type, v.raw) for v in hive.root.values] == [("a", T.REG_DWORD, b"\1"), ("b", 7, b"xy")]
 
 
 ROUND_TRIPS = [
@@ -96,6 +109,8 @@ def test_keys_made_in_windows_order_and_deleted(blank):
             root.delete("nope")
         assert [k.name for k in root.subkeys] == ["a", "b", "C", "Z1", "ä"] and len(root["b"].subkeys) == 0
     assert tool("ls", blank, "") == "a\\\nb\\\nC\\\nZ1\\\nä\\\n"
+    with tamvik.open(blank) as hive:  # read-only: create gives a key that exists
+        assert hive.root.create("\\B\\") == hive.root["b"]
 
 
 def reseal(path, offset, data):
