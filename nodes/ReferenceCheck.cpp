@@ -1,9 +1,9 @@
 #include "nodes/ReferenceCheck.h"
 
 #include <map>
-#include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "nodes/Data.h"
 #include "nodes/Key.h"
@@ -18,6 +18,29 @@ namespace {
 
 std::string Count(std::uint64_t n) { return std::to_string(n); }
 
+// Cell offsets met so far, one bit per place a cell can start: a walk of
+// every key and value asks it once or more per cell, where a tree costs an
+// allocation and a climb each time.
+class CellOffsets {
+public:
+    explicit CellOffsets(std::uint64_t span) : seen_(span / kCellAlignment + 1) {}
+    // Whether offset was new.
+    bool Insert(std::uint32_t offset) {
+        const std::size_t at = offset / kCellAlignment;
+        if (at >= seen_.size()) seen_.resize(at + 1);  // no cell lies past the file, but the set holds whatever it is given
+        if (seen_[at]) return false;
+        seen_[at] = true;
+        return true;
+    }
+    bool Contains(std::uint32_t offset) const {
+        const std::size_t at = offset / kCellAlignment;
+        return at < seen_.size() && seen_[at];
+    }
+
+private:
+    std::vector<bool> seen_;
+};
+
 // One pass over the tree. The records are read through the same nodes the
 // library reads them with, as views over the scanned bytes, so a cell the
 // check accepts is one the library would take. References are followed only
@@ -25,12 +48,13 @@ std::string Count(std::uint64_t n) { return std::to_string(n); }
 // can't loop.
 class Checker {
 public:
-    explicit Checker(const HiveScan& file) : file_(file), payload_(file.PayloadStart()) {}
+    explicit Checker(const HiveScan& file)
+        : file_(file), payload_(file.PayloadStart()), keysSeen_(file.FileSize()), referenced_(file.FileSize()) {}
 
     ReferenceReport Run() {
         const std::uint32_t root = file_.Base().rootCell;
         if (!file_.AllocatedCell(root).empty()) {
-            referenced_.insert(root);
+            referenced_.Insert(root);
             stack_.push_back({root, kNoCell});
         } else {
             report_.findings.push_back(Finding::Of(FindingKind::Reference, BaseBlockField::RootCell,
@@ -80,14 +104,14 @@ private:
             Problem(from, what + " " + Hex(offset) + " names " + why);
             return false;
         }
-        if (!referenced_.insert(offset).second && !shared)
+        if (!referenced_.Insert(offset) && !shared)
             Problem(from, what + " " + Hex(offset) + " is also named elsewhere (cross-linked cells)");
         if (size != nullptr) *size = length;
         return true;
     }
 
     void CheckKey(std::uint32_t cell, std::uint32_t parent) {
-        if (!keysSeen_.insert(cell).second) {
+        if (!keysSeen_.Insert(cell)) {
             Problem(cell, "key is listed more than once (a loop or a shared entry)");
             return;
         }
@@ -253,7 +277,7 @@ private:
         std::uint64_t lost = 0;
         std::string first;
         for (std::uint32_t cell : file_.AllocatedCells()) {
-            if (referenced_.count(cell) != 0) continue;
+            if (referenced_.Contains(cell)) continue;
             if (++lost <= 5) first += (first.empty() ? "" : ", ") + Hex(cell);
         }
         if (lost != 0)
@@ -265,8 +289,8 @@ private:
     const std::uint32_t payload_;
     ReferenceReport report_;
     std::vector<std::pair<std::uint32_t, std::uint32_t>> stack_;  // (key, the key that lists it)
-    std::set<std::uint32_t> keysSeen_;
-    std::set<std::uint32_t> referenced_;
+    CellOffsets keysSeen_;
+    CellOffsets referenced_;
     std::map<std::uint32_t, std::uint32_t> securityRefs_;  // sk cell, keys that name it
 };
 
