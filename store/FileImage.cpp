@@ -23,7 +23,7 @@ constexpr std::uint64_t kMaxPosition = static_cast<std::uint64_t>(std::numeric_l
 // After this many bytes handed to the file, the system is asked to start
 // writing them to the disk, so that the close's wait for durability covers
 // only the last of them.
-constexpr std::uint64_t kWritebackKick = 8u << 20;
+constexpr std::uint64_t kWritebackKick = 32u << 20;
 }  // namespace
 
 namespace {
