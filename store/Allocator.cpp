@@ -16,6 +16,32 @@ namespace {
 // Largest asked size whose cell size still fits the signed 32 bits of CellSize.
 constexpr std::uint32_t kMaxAskedSize = 0x7FFFFFF0u - 12;
 
+// Room for the bytes of one cell or bin on their way to the hive: on the
+// stack when they fit, as nearly all do, so that a write allocates nothing.
+// Null when a large one can't be had.
+template <std::size_t kInline>
+class Scratch {
+public:
+    explicit Scratch(std::uint64_t length) {
+        if (length <= kInline) {
+            data_ = inline_;
+        } else {
+            // nothrow: bytes that can't be had are a failed write, not an exception.
+            heap_.reset(new (std::nothrow) std::uint8_t[length]);
+            data_ = heap_.get();
+        }
+    }
+    Scratch(const Scratch&) = delete;
+    Scratch& operator=(const Scratch&) = delete;
+    std::uint8_t* get() const { return data_; }
+
+private:
+    alignas(8) std::uint8_t inline_[kInline];
+    std::unique_ptr<std::uint8_t[]> heap_;
+    std::uint8_t* data_ = nullptr;
+};
+constexpr std::size_t kInlineCell = 8192;  // a bin of two pages, and any cell it can hold
+
 // Writes back the 12 header bytes of a cell as they stand in its CellRef.
 void WriteCellHeader(Hive* hive, const CellRef& cell) {
     std::uint8_t head[12];
@@ -85,9 +111,9 @@ std::uint32_t AppendBin(Hive* hive, std::uint32_t need, std::uint32_t& found) {
     const std::uint64_t binSize = BinSizeFor(need);
     const std::uint32_t binsSize = hive->BinsSize();
     if (binSize > 0x7FFFF000u || binsSize + binSize > 0xFFFFFFFFull - kBaseBlockSize) return 0;
-    // nothrow: a bin that can't be had in memory is a failed append, not an exception.
-    std::unique_ptr<std::uint8_t[]> image(new (std::nothrow) std::uint8_t[binSize]());
-    if (image == nullptr) return 0;
+    Scratch<kInlineCell> image(binSize);
+    if (image.get() == nullptr) return 0;
+    std::memset(image.get(), 0, binSize);
     StoreU32(image.get() + BinField::Signature, kHbinSignature);
     StoreU32(image.get() + BinField::BinOffset, binsSize);
     StoreU32(image.get() + BinField::BinSize, static_cast<std::uint32_t>(binSize));
@@ -235,7 +261,9 @@ void WritePlannedCell(Hive* hive, const CellPlan& plan, std::uint8_t* image) {
 std::uint32_t CreateCell(Hive* hive, std::uint32_t askedSize, const RecordFiller& fill) {
     CellPlan plan;
     if (!PlanCell(hive, askedSize, plan)) return 0;
-    auto image = std::make_unique<std::uint8_t[]>(plan.imageLength);
+    Scratch<kInlineCell> image(plan.imageLength);
+    if (image.get() == nullptr) return 0;
+    std::memset(image.get(), 0, plan.imageLength);
     if (fill) fill(image.get() + 4, plan.cellSize - 4);
     WritePlannedCell(hive, plan, image.get());
     return plan.offset;
@@ -245,8 +273,8 @@ std::uint32_t WriteDataCell(Hive* hive, const std::uint8_t* data, std::uint32_t 
     CellPlan plan;
     if (!PlanCell(hive, length, plan)) return 0;
     // Only the bytes behind the data are cleared: the data covers the rest.
-    std::unique_ptr<std::uint8_t[]> image(new (std::nothrow) std::uint8_t[plan.imageLength]);
-    if (image == nullptr) return 0;
+    Scratch<kInlineCell> image(plan.imageLength);
+    if (image.get() == nullptr) return 0;
     if (length != 0) std::memcpy(image.get() + kCellSizeField, data, length);
     std::memset(image.get() + kCellSizeField + length, 0, plan.imageLength - kCellSizeField - length);
     WritePlannedCell(hive, plan, image.get());
