@@ -72,10 +72,16 @@ std::size_t RecordNameInto(const RecordRef& record, std::uint32_t lengthField, s
     } else if (target.room < units + 1) {
         return units;
     }
-    std::size_t length = 0;
-    ForEachNameUnit(record, lengthField, nameField, narrow, [&](char16_t unit) { out[length++] = unit; });
-    if (target.whole == nullptr) out[length] = 0;
-    return length;
+    // Plain loops rather than a unit at a time through ForEachNameUnit: every
+    // enumeration copies a name, and these the compiler can widen in bulk.
+    const std::uint8_t* bytes = record.Data() + nameField;
+    if (narrow) {
+        for (std::size_t i = 0; i < units; ++i) out[i] = static_cast<char16_t>(bytes[i]);
+    } else {
+        for (std::size_t i = 0; i < units; ++i) out[i] = static_cast<char16_t>(LoadU16(bytes + 2 * i));
+    }
+    if (target.whole == nullptr) out[units] = 0;
+    return units;
 }
 
 std::uint64_t RecordNameHash(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField,
@@ -88,14 +94,19 @@ std::uint64_t RecordNameHash(const RecordRef& record, std::uint32_t lengthField,
 
 bool RecordNameMatches(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField, bool narrow,
                        std::u16string_view upper) {
+    // Most names asked about differ in length: that costs no unit read.
+    if (NameUnits(record, lengthField, nameField, narrow) != upper.size()) return false;
     const CaseMap& map = CurrentCaseMap();
-    std::size_t at = 0;
-    bool same = true;
-    const std::uint32_t length = ForEachNameUnit(record, lengthField, nameField, narrow, [&](char16_t unit) {
-        same = same && at < upper.size() && map.Upper(unit) == upper[at];
-        ++at;
-    });
-    return same && length == upper.size();
+    const std::uint8_t* bytes = record.Data() + nameField;
+    const std::size_t units = upper.size();
+    if (narrow) {
+        for (std::size_t i = 0; i < units; ++i)
+            if (map.Upper(static_cast<char16_t>(bytes[i])) != upper[i]) return false;
+        return true;
+    }
+    for (std::size_t i = 0; i < units; ++i)
+        if (map.Upper(static_cast<char16_t>(LoadU16(bytes + 2 * i))) != upper[i]) return false;
+    return true;
 }
 
 bool Key::NarrowName() const { return (record.U16(NkField::Flags) & NkField::NarrowNameFlag) != 0; }

@@ -88,11 +88,10 @@ public:
             node_ = owned_.get();
             return;
         }
-        const CellRef ref = hive->GetCell(cellOffset);
-        if (!ref.IsUsable()) return;
-        const std::uint32_t size = ref.Magnitude();
-        node_ = view_.Emplace(ref.offset, parent, hive->AreaBytes(ref.offset, size), size,
-                              PayloadOffset(hive->MinorVersion()), kind);
+        std::uint32_t size = 0;
+        const std::uint8_t* bytes = hive->UsableCellBytes(cellOffset, &size);
+        if (bytes == nullptr) return;
+        node_ = view_.Emplace(cellOffset, parent, bytes, size, PayloadOffset(hive->MinorVersion()), kind);
     }
     Transient(const Transient&) = delete;
     Transient& operator=(const Transient&) = delete;

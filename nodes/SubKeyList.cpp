@@ -68,6 +68,7 @@ Node* SubKeyList::FindChild(Hive* hive, const char16_t* name) {
     const std::uint64_t limit = std::min<std::uint64_t>(count, *names.limit);
     return ScanByName(
         child, names, count, limit, wanted, [&](std::uint32_t i) { return NameHashAt(hive, i); },
+        [&](std::uint32_t i) { return NameMatchesAt(hive, i, wanted).value_or(false); },
         [&](std::uint32_t i) { return GetAt(hive, i); });
 }
 
@@ -89,6 +90,20 @@ std::optional<std::uint64_t> SubKeyList::NameHashAt(Hive* hive, std::uint32_t in
     std::unique_ptr<Key> key = GetAt(hive, index);
     if (key == nullptr) return std::nullopt;
     return key->UpperNameHash();
+}
+
+std::optional<bool> SubKeyList::NameMatchesAt(Hive* hive, std::uint32_t index, std::u16string_view upper) {
+    std::unique_ptr<Key> key = GetAt(hive, index);
+    if (key == nullptr) return std::nullopt;
+    return key->NameMatches(upper);
+}
+
+std::optional<bool> SubKeyList::LeafNameMatchesAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize,
+                                                  std::u16string_view upper) {
+    if (index >= GetCount() || index >= EntriesHeld(entrySize)) return std::nullopt;
+    const Transient<Key> key(hive, record.U32(ListField::Entries + index * entrySize), nullptr, CellKind::BySignature);
+    if (!key) return std::nullopt;
+    return key->NameMatches(upper);
 }
 
 std::optional<std::uint64_t> SubKeyList::LeafNameHashAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize) {
@@ -117,12 +132,18 @@ std::optional<std::size_t> IndxLeaf::NameInto(Hive* hive, std::uint32_t index, N
 std::optional<std::uint64_t> IndxLeaf::NameHashAt(Hive* hive, std::uint32_t index) {
     return LeafNameHashAt(hive, index, kLeafEntry);
 }
+std::optional<bool> IndxLeaf::NameMatchesAt(Hive* hive, std::uint32_t index, std::u16string_view upper) {
+    return LeafNameMatchesAt(hive, index, kLeafEntry, upper);
+}
 std::unique_ptr<Key> FastLeaf::GetAt(Hive* hive, std::uint32_t index) { return LeafGetAt(hive, index, kFastEntry); }
 std::optional<std::size_t> FastLeaf::NameInto(Hive* hive, std::uint32_t index, NameTarget target) {
     return LeafNameInto(hive, index, kFastEntry, target);
 }
 std::optional<std::uint64_t> FastLeaf::NameHashAt(Hive* hive, std::uint32_t index) {
     return LeafNameHashAt(hive, index, kFastEntry);
+}
+std::optional<bool> FastLeaf::NameMatchesAt(Hive* hive, std::uint32_t index, std::u16string_view upper) {
+    return LeafNameMatchesAt(hive, index, kFastEntry, upper);
 }
 
 LeafEntry Indirect::LeafAt(Hive* hive, std::uint32_t entry) {
@@ -210,6 +231,9 @@ std::optional<std::size_t> Indirect::NameInto(Hive* hive, std::uint32_t index, N
 
 std::optional<std::uint64_t> Indirect::NameHashAt(Hive* hive, std::uint32_t index) {
     return WalkTo(hive, index, [&](SubKeyList* leaf, std::uint32_t at) { return leaf->NameHashAt(hive, at); });
+}
+std::optional<bool> Indirect::NameMatchesAt(Hive* hive, std::uint32_t index, std::u16string_view upper) {
+    return WalkTo(hive, index, [&](SubKeyList* leaf, std::uint32_t at) { return leaf->NameMatchesAt(hive, at, upper); });
 }
 
 void Indirect::EntriesChanged() {

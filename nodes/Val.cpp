@@ -89,6 +89,12 @@ Node* SubValList::FindChild(Hive* hive, const char16_t* name) {
     names.Refresh(hive->Generation());
     return ScanByName(
         child, names, count, limit, wanted, [&](std::uint32_t i) { return NameHashAt(hive, i); },
+        [&](std::uint32_t i) {
+            const std::optional<std::uint32_t> cell = EntryAt(i);
+            if (!cell) return false;
+            const Transient<Val> value(hive, *cell, this, CellKind::BySignature);
+            return value && value->NameMatches(wanted);
+        },
         [&](std::uint32_t i) { return GetAt(hive, i); });
 }
 

@@ -13,7 +13,6 @@ namespace {
 // Above this size a read is first probed at its last byte, so that a damaged
 // size can't make us allocate far more than the storage holds.
 constexpr std::uint32_t kProbeThreshold = 1u << 20;
-constexpr std::uint32_t kCellHeaderRead = 12;  // CellSize and the two words behind it
 }  // namespace
 
 std::uint32_t BinRef::Signature() const { return LoadU32(header + BinField::Signature); }
@@ -137,11 +136,6 @@ bool Hive::Flush() { return image_ == nullptr || image_->Flush(); }
 
 bool Hive::Sync() { return image_ == nullptr || image_->Sync(); }
 
-const std::uint8_t* Hive::AreaBytes(std::uint32_t areaOffset, std::uint32_t size) const {
-    if (image_ == nullptr || areaOffset > kMaxAreaOffset) return nullptr;
-    return image_->At(areaOffset + std::uint64_t{kBaseBlockSize}, size);
-}
-
 bool Hive::Supplies(std::uint32_t areaOffset, std::uint32_t size) {
     if (image_ != nullptr)
         return areaOffset <= kMaxAreaOffset && image_->At(areaOffset + std::uint64_t{kBaseBlockSize}, size) != nullptr;
@@ -166,8 +160,13 @@ CellRef Hive::GetCell(std::uint32_t cellOffset) {
     if (cellOffset == kNoCell || cellOffset < kBinHeaderSize || cellOffset >= BinsSize() ||
         cellOffset % kCellAlignment != 0)
         return ref;
-    std::uint8_t head[kCellHeaderRead];
-    if (!ReadArea(cellOffset, head, sizeof head)) return ref;
+    std::uint8_t copied[kCellHeaderRead];
+    // In memory the header is read in place; a volume reads it through its device.
+    const std::uint8_t* head = AreaBytes(cellOffset, kCellHeaderRead);
+    if (head == nullptr) {
+        if (image_ != nullptr || !ReadArea(cellOffset, copied, sizeof copied)) return ref;
+        head = copied;
+    }
     ref.offset = cellOffset;
     ref.size = LoadI32(head);
     ref.word1 = LoadU32(head + 4);
