@@ -55,29 +55,6 @@ Node* Hive::FindChild(Hive*, const char16_t*) {
     return rootKey.get();
 }
 
-std::optional<NodeClass> ClassOfCell(const std::uint8_t* image, std::uint32_t size, std::uint32_t payload,
-                                     CellKind kind) {
-    switch (kind) {
-        case CellKind::ValueList: return NodeClass::ValueList;
-        case CellKind::PlainData: return NodeClass::PlainData;
-        case CellKind::BigDataRecord: return NodeClass::BigData;
-        case CellKind::SegmentList: return NodeClass::SegmentList;
-        case CellKind::BySignature: break;
-        default: return std::nullopt;
-    }
-    // A cell too small to hold a signature at the payload holds none.
-    if (size < payload + 2) return std::nullopt;
-    const std::uint16_t signature = LoadU16(image + payload);
-    if (size >= kMinKeyCell && signature == kNkSignature) return NodeClass::Key;
-    if (size >= kMinValueCell && signature == kVkSignature) return NodeClass::Value;
-    if (size >= kMinSecurityCell && signature == kSkSignature) return NodeClass::Security;
-    if (signature == kRiSignature) return NodeClass::Indirect;
-    if (signature == kLiSignature) return NodeClass::IndexLeaf;
-    if (signature == kLfSignature) return NodeClass::FastLeaf;
-    if (signature == kLhSignature) return NodeClass::HashLeaf;
-    return std::nullopt;
-}
-
 std::unique_ptr<Node> MakeNode(const CellRef& ref, Hive* hive, Node* parent, CellKind kind) {
     if (!ref.IsValid() || hive == nullptr) return nullptr;
     const std::uint32_t size = ref.Magnitude();

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 
+#include "store/ByteOrder.h"
 #include "store/Hive.h"
 
 namespace Tamvik {
@@ -18,9 +19,30 @@ enum class CellKind : std::uint32_t {
     SegmentList,
 };
 
-// The class MakeNode builds from a cell's image, or nothing.
-std::optional<NodeClass> ClassOfCell(const std::uint8_t* image, std::uint32_t size, std::uint32_t payload,
-                                     CellKind kind);
+// The class MakeNode builds from a cell's image, or nothing. Inline: each
+// caller expects one class, and its own copy of these tests then predicts well.
+inline std::optional<NodeClass> ClassOfCell(const std::uint8_t* image, std::uint32_t size, std::uint32_t payload,
+                                            CellKind kind) {
+    switch (kind) {
+        case CellKind::ValueList: return NodeClass::ValueList;
+        case CellKind::PlainData: return NodeClass::PlainData;
+        case CellKind::BigDataRecord: return NodeClass::BigData;
+        case CellKind::SegmentList: return NodeClass::SegmentList;
+        case CellKind::BySignature: break;
+        default: return std::nullopt;
+    }
+    // A cell too small to hold a signature at the payload holds none.
+    if (size < payload + 2) return std::nullopt;
+    const std::uint16_t signature = LoadU16(image + payload);
+    if (size >= kMinKeyCell && signature == kNkSignature) return NodeClass::Key;
+    if (size >= kMinValueCell && signature == kVkSignature) return NodeClass::Value;
+    if (size >= kMinSecurityCell && signature == kSkSignature) return NodeClass::Security;
+    if (signature == kRiSignature) return NodeClass::Indirect;
+    if (signature == kLiSignature) return NodeClass::IndexLeaf;
+    if (signature == kLfSignature) return NodeClass::FastLeaf;
+    if (signature == kLhSignature) return NodeClass::HashLeaf;
+    return std::nullopt;
+}
 
 // Reads the whole cell and builds the node of its class, or null. Never throws.
 std::unique_ptr<Node> MakeNode(const CellRef& ref, Hive* hive, Node* parent, CellKind kind);
