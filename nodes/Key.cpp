@@ -194,12 +194,22 @@ List* Key::Current(Snapshot<List>& snapshot, Hive* hive, std::uint32_t cell, Bui
     return snapshot.list.get();
 }
 
+// In memory the kept lists stand over the image's bytes: they are dropped at
+// the next write anyway, and until then those bytes are what a copy would hold.
 SubKeyList* Key::EnumSubKeyList(Hive* hive) {
-    return Current(enumSubKeys_, hive, Field(NkField::SubKeyListCell), [&] { return GetSubKeyList(hive); });
+    const std::uint32_t cell = Field(NkField::SubKeyListCell);
+    return Current(enumSubKeys_, hive, cell, [&] {
+        if (hive->Image() == nullptr) return GetSubKeyList(hive);
+        return NarrowNode<SubKeyList>(MakeNodeOverImage(hive, cell, this, CellKind::BySignature));
+    });
 }
 
 SubValList* Key::EnumValueList(Hive* hive) {
-    return Current(enumValues_, hive, Field(NkField::ValueListCell), [&] { return GetValueList(hive); });
+    const std::uint32_t cell = Field(NkField::ValueListCell);
+    return Current(enumValues_, hive, cell, [&] {
+        if (hive->Image() == nullptr) return GetValueList(hive);
+        return NarrowNode<SubValList>(MakeNodeOverImage(hive, cell, this, CellKind::ValueList));
+    });
 }
 
 Key* Key::FindSubKey(Hive* hive, const char16_t* name) {

@@ -35,10 +35,11 @@ public:
 
     explicit operator bool() const { return block_ != nullptr; }
     std::uint8_t* Image() const { return static_cast<std::uint8_t*>(block_) + kNodeRoom; }
-    // Builds the node in front of the image; the block is the node's from then on.
+    // Builds the node over image (its own, or bytes elsewhere); the block is the node's from then on.
     template <class T>
-    std::unique_ptr<Node> Build(std::uint32_t offset, Node* parent, std::uint32_t size, std::uint32_t payload) {
-        Node* node = new (block_) T(offset, parent, Image(), size, payload);
+    std::unique_ptr<Node> Build(std::uint32_t offset, Node* parent, std::uint8_t* image, std::uint32_t size,
+                                std::uint32_t payload) {
+        Node* node = new (block_) T(offset, parent, image, size, payload);
         block_ = nullptr;
         return std::unique_ptr<Node>(node);
     }
@@ -46,6 +47,28 @@ public:
 private:
     void* block_;
 };
+
+// The node of the class the image holds, built in block over image; null when it holds none.
+std::unique_ptr<Node> BuildOver(NodeBlock& block, std::uint32_t offset, Node* parent, std::uint8_t* image,
+                                std::uint32_t size, std::uint32_t payload, CellKind kind) {
+    const std::optional<NodeClass> cls = ClassOfCell(image, size, payload, kind);
+    if (!cls) return nullptr;
+    switch (*cls) {
+        case NodeClass::Key: return block.Build<Key>(offset, parent, image, size, payload);
+        case NodeClass::Value: return block.Build<Val>(offset, parent, image, size, payload);
+        case NodeClass::ValueList: return block.Build<SubValList>(offset, parent, image, size, payload);
+        case NodeClass::Security: return block.Build<Security>(offset, parent, image, size, payload);
+        case NodeClass::Indirect: return block.Build<Indirect>(offset, parent, image, size, payload);
+        case NodeClass::IndexLeaf: return block.Build<IndxLeaf>(offset, parent, image, size, payload);
+        case NodeClass::FastLeaf: return block.Build<FastLeaf>(offset, parent, image, size, payload);
+        case NodeClass::HashLeaf: return block.Build<HashLeaf>(offset, parent, image, size, payload);
+        case NodeClass::PlainData: return block.Build<MidData>(offset, parent, image, size, payload);
+        case NodeClass::BigData: return block.Build<BigData>(offset, parent, image, size, payload);
+        case NodeClass::SegmentList: return block.Build<SubDatList>(offset, parent, image, size, payload);
+        case NodeClass::Hive: break;
+    }
+    return nullptr;
+}
 
 }  // namespace
 
@@ -61,25 +84,18 @@ std::unique_ptr<Node> MakeNode(const CellRef& ref, Hive* hive, Node* parent, Cel
     if (!hive->Supplies(ref.offset, size)) return nullptr;
     NodeBlock block(size);
     if (!block || (size != 0 && !hive->ReadArea(ref.offset, block.Image(), size))) return nullptr;
-    const std::uint32_t payload = PayloadOffset(hive->MinorVersion());
-    const std::optional<NodeClass> cls = ClassOfCell(block.Image(), size, payload, kind);
-    if (!cls) return nullptr;
-    const std::uint32_t offset = ref.offset;
-    switch (*cls) {
-        case NodeClass::Key: return block.Build<Key>(offset, parent, size, payload);
-        case NodeClass::Value: return block.Build<Val>(offset, parent, size, payload);
-        case NodeClass::ValueList: return block.Build<SubValList>(offset, parent, size, payload);
-        case NodeClass::Security: return block.Build<Security>(offset, parent, size, payload);
-        case NodeClass::Indirect: return block.Build<Indirect>(offset, parent, size, payload);
-        case NodeClass::IndexLeaf: return block.Build<IndxLeaf>(offset, parent, size, payload);
-        case NodeClass::FastLeaf: return block.Build<FastLeaf>(offset, parent, size, payload);
-        case NodeClass::HashLeaf: return block.Build<HashLeaf>(offset, parent, size, payload);
-        case NodeClass::PlainData: return block.Build<MidData>(offset, parent, size, payload);
-        case NodeClass::BigData: return block.Build<BigData>(offset, parent, size, payload);
-        case NodeClass::SegmentList: return block.Build<SubDatList>(offset, parent, size, payload);
-        case NodeClass::Hive: break;
-    }
-    return nullptr;
+    return BuildOver(block, ref.offset, parent, block.Image(), size, PayloadOffset(hive->MinorVersion()), kind);
+}
+
+std::unique_ptr<Node> MakeNodeOverImage(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind) {
+    std::uint32_t size = 0;
+    const std::uint8_t* bytes = hive->UsableCellBytes(cellOffset, &size);
+    if (bytes == nullptr) return nullptr;
+    NodeBlock block(0);
+    if (!block) return nullptr;
+    // Read only (see MakeNode.h): the node's image is never written.
+    return BuildOver(block, cellOffset, parent, const_cast<std::uint8_t*>(bytes), size,
+                     PayloadOffset(hive->MinorVersion()), kind);
 }
 
 }  // namespace Tamvik

@@ -47,6 +47,12 @@ inline std::optional<NodeClass> ClassOfCell(const std::uint8_t* image, std::uint
 // Reads the whole cell and builds the node of its class, or null. Never throws.
 std::unique_ptr<Node> MakeNode(const CellRef& ref, Hive* hive, Node* parent, CellKind kind);
 
+// The same for a cell of a hive in memory, without reading it: the node
+// stands over the image's bytes. For a node that is only read, and only while
+// the hive's Generation stays (a write may change or move those bytes). Null
+// on a volume.
+std::unique_ptr<Node> MakeNodeOverImage(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind);
+
 // Narrows an owned node to a class; a node of another class is destroyed and null given.
 template <class T>
 std::unique_ptr<T> NarrowNode(std::unique_ptr<Node> node) {

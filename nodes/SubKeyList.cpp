@@ -163,6 +163,8 @@ const std::vector<std::unique_ptr<SubKeyList>>* Indirect::KeptLeaves(Hive* hive)
     if (hive->Image() == nullptr) return nullptr;
     if (leavesKept_ && leavesGeneration_ == hive->Generation()) return &leaves_;
     leaves_.clear();
+    resumeLeaf_ = 0;
+    resumeStart_ = 0;
     const std::uint32_t count = GetCount();
     for (std::uint32_t j = 0; j < count; ++j) {
         std::unique_ptr<SubKeyList> leaf = LeafAt(hive, j).leaf;
@@ -179,9 +181,15 @@ auto Indirect::WalkTo(Hive* hive, std::uint32_t index, AtLeaf atLeaf) -> decltyp
     lastWalkPassedAll = false;
     const std::vector<std::unique_ptr<SubKeyList>>* kept = KeptLeaves(hive);
     std::uint32_t remaining = index;
+    std::uint32_t first = 0;
+    if (kept != nullptr && index >= resumeStart_) {
+        // Every leaf before the one the last walk reached is only passed by this one too.
+        first = resumeLeaf_;
+        remaining = static_cast<std::uint32_t>(index - resumeStart_);
+    }
     bool triedALeaf = false;  // some leaf was asked for the position
     const std::uint32_t count = GetCount();
-    for (std::uint32_t j = 0; j < count; ++j) {
+    for (std::uint32_t j = first; j < count; ++j) {
         std::unique_ptr<SubKeyList> built;
         SubKeyList* leaf = nullptr;
         if (kept != nullptr) {
@@ -193,6 +201,12 @@ auto Indirect::WalkTo(Hive* hive, std::uint32_t index, AtLeaf atLeaf) -> decltyp
         if (leaf == nullptr) break;
         const std::uint32_t leafCount = leaf->GetCount();
         if (remaining < leafCount) {
+            // The first leaf reached starts where index less remaining says (a
+            // leaf tried after a bad entry doesn't: remaining stays then).
+            if (kept != nullptr && !triedALeaf) {
+                resumeLeaf_ = j;
+                resumeStart_ = std::uint64_t{index} - remaining;
+            }
             triedALeaf = true;
             if (auto found = atLeaf(leaf, remaining)) return found;
             continue;  // a bad entry: the next leaf is tried with the same remaining position

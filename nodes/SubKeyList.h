@@ -140,6 +140,10 @@ private:
     std::uint64_t leavesGeneration_ = 0;
     // The last walk passed every leaf it could build without reaching its position.
     bool lastWalkPassedAll = false;
+    // The kept leaf the last walk reached, and the position of its first key:
+    // a walk in order starts there instead of at the first leaf.
+    std::uint32_t resumeLeaf_ = 0;
+    std::uint64_t resumeStart_ = 0;
 };
 
 // An li: key offsets only.

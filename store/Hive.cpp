@@ -64,6 +64,7 @@ void Hive::ParkNames(std::uint32_t listCell, bool values, NameIndex&& names) {
 }
 
 std::optional<NameIndex> Hive::TakeNames(std::uint32_t listCell, bool values) {
+    if (parked_.empty()) return std::nullopt;
     if (parkedGeneration_ != generation_) {
         parked_.clear();
         return std::nullopt;
