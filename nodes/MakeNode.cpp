@@ -25,10 +25,17 @@ constexpr std::size_t kNodeRoom =
      alignof(std::max_align_t) - 1) /
     alignof(std::max_align_t) * alignof(std::max_align_t);
 
+// Blocks come in a few sizes, not one per cell size: the allocator then hands
+// back the block of a node just released instead of carving a new one.
+constexpr std::size_t kBlockStep = 128;
+constexpr std::size_t BlockSize(std::uint32_t imageSize) {
+    return (kNodeRoom + imageSize + kBlockStep - 1) / kBlockStep * kBlockStep;
+}
+
 class NodeBlock {
 public:
     // nothrow: memory that can't be had is a null node, never an exception.
-    explicit NodeBlock(std::uint32_t imageSize) : block_(::operator new(kNodeRoom + imageSize, std::nothrow)) {}
+    explicit NodeBlock(std::uint32_t imageSize) : block_(::operator new(BlockSize(imageSize), std::nothrow)) {}
     ~NodeBlock() { ::operator delete(block_); }
     NodeBlock(const NodeBlock&) = delete;
     NodeBlock& operator=(const NodeBlock&) = delete;

@@ -40,7 +40,7 @@ bool SubKeyList::HoldsCount() const {
 std::optional<std::uint32_t> SubKeyList::KeyCellAt(Hive* hive, std::uint32_t index) {
     if (index >= GetCount()) return std::nullopt;
     const std::optional<std::uint32_t> cell = EntryCell(index);
-    if (!cell || !Transient<Key>(hive, *cell, nullptr, CellKind::BySignature)) return std::nullopt;
+    if (!cell || !KeyStandsAt(hive, *cell)) return std::nullopt;
     return cell;
 }
 
@@ -101,9 +101,7 @@ std::optional<bool> SubKeyList::NameMatchesAt(Hive* hive, std::uint32_t index, s
 std::optional<bool> SubKeyList::LeafNameMatchesAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize,
                                                   std::u16string_view upper) {
     if (index >= GetCount() || index >= EntriesHeld(entrySize)) return std::nullopt;
-    const Transient<Key> key(hive, record.U32(ListField::Entries + index * entrySize), nullptr, CellKind::BySignature);
-    if (!key) return std::nullopt;
-    return key->NameMatches(upper);
+    return KeyNameMatchesAt(hive, record.U32(ListField::Entries + index * entrySize), upper);
 }
 
 std::optional<std::uint64_t> SubKeyList::LeafNameHashAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize) {
