@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <new>
 #include <optional>
 
@@ -92,6 +93,16 @@ std::unique_ptr<Node> MakeNode(const CellRef& ref, Hive* hive, Node* parent, Cel
     NodeBlock block(size);
     if (!block || (size != 0 && !hive->ReadArea(ref.offset, block.Image(), size))) return nullptr;
     return BuildOver(block, ref.offset, parent, block.Image(), size, PayloadOffset(hive->MinorVersion()), kind);
+}
+
+std::unique_ptr<Node> MakeNodeFromImage(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind) {
+    std::uint32_t size = 0;
+    const std::uint8_t* bytes = hive->UsableCellBytes(cellOffset, &size);
+    if (bytes == nullptr) return nullptr;
+    NodeBlock block(size);
+    if (!block) return nullptr;
+    std::memcpy(block.Image(), bytes, size);
+    return BuildOver(block, cellOffset, parent, block.Image(), size, PayloadOffset(hive->MinorVersion()), kind);
 }
 
 std::unique_ptr<Node> MakeNodeOverImage(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind) {

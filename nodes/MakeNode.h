@@ -53,6 +53,10 @@ std::unique_ptr<Node> MakeNode(const CellRef& ref, Hive* hive, Node* parent, Cel
 // on a volume.
 std::unique_ptr<Node> MakeNodeOverImage(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind);
 
+// MakeNode of the cell at cellOffset of a hive in memory, its header and
+// bytes read in place in one step: the node BuildNodeAt gives there.
+std::unique_ptr<Node> MakeNodeFromImage(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind);
+
 // Narrows an owned node to a class; a node of another class is destroyed and null given.
 template <class T>
 std::unique_ptr<T> NarrowNode(std::unique_ptr<Node> node) {
@@ -65,6 +69,7 @@ std::unique_ptr<T> NarrowNode(std::unique_ptr<Node> node) {
 // GetCell, a usable cell, MakeNode and the narrowing, in one step.
 template <class T>
 std::unique_ptr<T> BuildNodeAt(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind) {
+    if (hive->Image() != nullptr) return NarrowNode<T>(MakeNodeFromImage(hive, cellOffset, parent, kind));
     CellRef ref = hive->GetCell(cellOffset);
     if (!ref.IsUsable()) return nullptr;
     return NarrowNode<T>(MakeNode(ref, hive, parent, kind));
