@@ -33,14 +33,15 @@ Child* ScanLiterally(std::unique_ptr<Child>& child, std::uint64_t count, std::u1
 
 // child: the list's cached child, which a lookup checks before calling this.
 // count: entries the owner counts; limit: positions that can give a node.
-// wanted: the upper-case name looked for.
+// wanted: the upper-case name looked for, with its hash.
 // hashAt(i): LookupHash of the upper-case name at position i, when a node can be built there.
 // matchesAt(i): whether a node can be built at position i and its name is wanted.
 // getAt(i): a new node for position i, or null.
 template <class Child, class HashAt, class MatchesAt, class GetAt>
 Child* ScanByName(std::unique_ptr<Child>& child, NameIndex& index, std::uint64_t count, std::uint64_t limit,
-                  std::u16string_view wanted, HashAt hashAt, MatchesAt matchesAt, GetAt getAt) {
-    const std::uint64_t wantedHash = LookupHash::Of(wanted.data(), wanted.size());
+                  const HashedName& hashed, HashAt hashAt, MatchesAt matchesAt, GetAt getAt) {
+    const std::u16string_view wanted = hashed.name;
+    const std::uint64_t wantedHash = hashed.hash;
     std::optional<std::uint32_t> match;
     if (std::optional<std::uint32_t> known = index.Find(wantedHash); known && *known < limit) match = known;
     // A caller walking a list opens the names it enumerates in turn: the first

@@ -56,7 +56,8 @@ Node* SubKeyList::FindChild(Hive* hive, const char16_t* name) {
     if (owner == nullptr) return nullptr;
     const std::uint32_t count = owner->SubKeyCount();
     if (count == 0) return nullptr;
-    const std::u16string_view wanted(name);
+    const HashedName hashed = HashedName::Of(name);
+    const std::u16string_view wanted = hashed.name;
     if (child != nullptr && child->NameMatches(wanted)) return child.get();
     if (hive->Image() == nullptr) {
         return ScanLiterally(child, count, wanted, [&](std::uint32_t i) { return GetAt(hive, i); },
@@ -67,7 +68,7 @@ Node* SubKeyList::FindChild(Hive* hive, const char16_t* name) {
     // Positions past the limit build nothing, so the scan ends as it would after them.
     const std::uint64_t limit = std::min<std::uint64_t>(count, *names.limit);
     return ScanByName(
-        child, names, count, limit, wanted, [&](std::uint32_t i) { return NameHashAt(hive, i); },
+        child, names, count, limit, hashed, [&](std::uint32_t i) { return NameHashAt(hive, i); },
         [&](std::uint32_t i) { return NameMatchesAt(hive, i, wanted).value_or(false); },
         [&](std::uint32_t i) { return GetAt(hive, i); });
 }

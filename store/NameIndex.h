@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string_view>
 #include <vector>
 
 #include "store/Platform.h"
@@ -43,6 +44,18 @@ private:
     std::uint64_t value_ = 0xCBF29CE484222325ull;
     std::uint64_t word_ = 0;  // the units since the last multiply
     std::uint64_t units_ = 0;
+};
+
+// A NUL-terminated upper-case name, its length and its LookupHash found in one pass.
+struct HashedName {
+    std::u16string_view name;
+    std::uint64_t hash = 0;
+    static HashedName Of(const char16_t* upper) {
+        LookupHash hash;
+        std::size_t length = 0;
+        for (; upper[length] != 0; ++length) hash.Add(upper[length]);
+        return HashedName{std::u16string_view(upper, length), hash.Value()};
+    }
 };
 
 class NameIndex {
