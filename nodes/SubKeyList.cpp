@@ -14,6 +14,8 @@ SubKeyList::SubKeyList(std::uint32_t offset_, Node* parent_, std::uint8_t* buffe
       record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 SubKeyList::~SubKeyList() {
+    // The hive keeps only an index worth keeping (see ParkNames); most lists have none.
+    if (names.scanned < Hive::kPositionsWorthParking) return;
     if (Hive* hive = NodeAs<Hive>(RootAbove())) hive->ParkNames(offset, false, std::move(names));
 }
 

@@ -167,12 +167,25 @@ Registry& TheRegistry() { return *theRegistry; }
 
 }  // namespace
 
+namespace {
+// The handle this thread last found live, and the set's sequence number then:
+// a caller asks about the same handle call after call, and while the set
+// hasn't changed the answer stands. initial-exec, as for the case rules.
+struct LastLive {
+    const void* handle = nullptr;
+    std::uint64_t sequence = 0;
+};
+thread_local LastLive lastLive __attribute__((tls_model("initial-exec")));
+}  // namespace
+
 void PublishHandle(Node* node) {
     if (node == nullptr || node->Published()) return;
     Registry& registry = TheRegistry();
     const std::lock_guard<SpinLock> hold(registry.lock);
     registry.live.Insert(node);
     node->MarkPublished();
+    // A handle just handed out is the one its caller asks about next.
+    lastLive = LastLive{node, registry.live.Sequence()};
 }
 
 void ReleaseHandleBlock(void* block) {
@@ -186,17 +199,6 @@ void ReleaseHandleBlock(void* block) {
     }
     ::operator delete(oldest);
 }
-
-namespace {
-// The handle this thread last found live, and the set's sequence number then:
-// a caller asks about the same handle call after call, and while the set
-// hasn't changed the answer stands. initial-exec, as for the case rules.
-struct LastLive {
-    const void* handle = nullptr;
-    std::uint64_t sequence = 0;
-};
-thread_local LastLive lastLive __attribute__((tls_model("initial-exec")));
-}  // namespace
 
 bool IsLiveHandle(const void* handle) {
     if (handle == nullptr) return false;
