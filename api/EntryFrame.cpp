@@ -5,10 +5,18 @@
 
 namespace Tamvik {
 
+namespace {
+// Where the component from `from` ends: at the next separator (a NUL in the
+// working copy), or at the path's end.
+std::size_t ComponentEnd(const char16_t* copy, std::size_t from, std::size_t length) {
+    while (from < length && copy[from] != 0) ++from;
+    return from;
+}
+}  // namespace
+
 Node* WalkPath(Node* start, Hive* hive, const char16_t* path) {
-    // The working copy: upper case, NUL-terminated; separators are overwritten
-    // with NUL as they are found, and the search for the next one goes by the
-    // length, past such NULs.
+    // The working copy: upper case, with each separator made a NUL that ends
+    // its component in place, and a NUL at the end.
     const std::size_t length = WideLength(path);
     // Most paths fit on the stack; a longer one takes the heap.
     char16_t onStack[256];
@@ -20,27 +28,29 @@ Node* WalkPath(Node* start, Hive* hive, const char16_t* path) {
     }
     const CaseRulesHold rules;
     const CaseMap& map = CurrentCaseMap();
-    for (std::size_t i = 0; i < length; ++i) copy[i] = map.Upper(path[i]);
-    copy[length] = 0;
-    Node* current = start;
-    std::size_t component = 0;
-    std::size_t search = 0;
-    while (true) {
-        std::size_t separator = search;
-        while (separator < length && copy[separator] != u'\\') ++separator;
-        const bool found = separator < length;
-        if (found) copy[separator] = 0;
-        if (found && separator == 0) {
-            // Only a backslash at the very start is skipped.
-            component = 1;
-            search = 0;
+    std::size_t end = length;  // of the first component; a path of one name needs no search then
+    for (std::size_t i = 0; i < length; ++i) {
+        const char16_t unit = map.Upper(path[i]);
+        if (unit != u'\\') {
+            copy[i] = unit;
             continue;
         }
+        copy[i] = 0;
+        if (end == length) end = i;
+    }
+    copy[length] = 0;
+    std::size_t component = 0;
+    if (end == 0 && length > 0) {
+        // Only a backslash at the very start is skipped.
+        component = 1;
+        end = ComponentEnd(copy, component, length);
+    }
+    Node* current = start;
+    while (true) {
         current = current->FindChild(hive, copy + component);
-        if (current == nullptr) return nullptr;
-        if (!found) return current;
-        component = separator + 1;
-        search = separator;
+        if (current == nullptr || end == length) return current;
+        component = end + 1;
+        end = ComponentEnd(copy, component, length);
     }
 }
 

@@ -14,8 +14,7 @@ namespace {
 
 // The name of subkey index of key, for the enumeration functions, copied to
 // name; *nameLength is the room the caller has, terminator included.
-LONG EnumKeyName(HKEY handle, DWORD index, DWORD* nameLength, NameTarget name) {
-    Key* key = KeyOf(handle);
+LONG EnumKeyName(Key* key, DWORD index, DWORD* nameLength, NameTarget name) {
     if (key == nullptr || nameLength == nullptr) return Result::Invalid;
     if (key->SubKeyCount() == 0 || index >= key->SubKeyCount()) return Result::Invalid;
     Hive* hive = HiveAbove(key);
@@ -73,8 +72,9 @@ LONG RegQueryInfoKeyA(HKEY key, char*, DWORD* classLength, DWORD* reserved, DWOR
 }
 
 LONG RegEnumKeyExW(HKEY key, DWORD index, WCHAR* name, DWORD* nameLength, DWORD*, WCHAR*, DWORD*, FILETIME*) {
-    if (KeyOf(key) == nullptr || name == nullptr || nameLength == nullptr) return Result::Invalid;
-    return EnumKeyName(key, index, nameLength, NameTarget{name, *nameLength});
+    Key* node = KeyOf(key);
+    if (node == nullptr || name == nullptr || nameLength == nullptr) return Result::Invalid;
+    return EnumKeyName(node, index, nameLength, NameTarget{name, *nameLength});
 }
 
 LONG RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* nameLength, DWORD*, char*, DWORD*, FILETIME*) {
@@ -82,7 +82,8 @@ LONG RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* nameLength, DWORD*,
     // name holds *nameLength + 1 bytes; the text is always terminated within them.
     const std::uint64_t room = static_cast<std::uint64_t>(*nameLength) + 1;
     WString found;
-    LONG result = KeyOf(key) == nullptr ? Result::Invalid : EnumKeyName(key, index, nameLength, NameTarget{nullptr, 0, &found});
+    Key* node = KeyOf(key);
+    LONG result = node == nullptr ? Result::Invalid : EnumKeyName(node, index, nameLength, NameTarget{nullptr, 0, &found});
     if (result != Result::Ok) {
         name[0] = 0;
         return result;

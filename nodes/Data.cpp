@@ -16,7 +16,9 @@ MidData::MidData(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_,
 
 WString MidData::GetName() const { return u"MidData"; }
 
-bool MidData::Read(Hive*, std::uint8_t* target, std::uint32_t length) {
+bool MidData::Read(Hive*, std::uint8_t* target, std::uint32_t length) { return ReadFrom(record, target, length); }
+
+bool MidData::ReadFrom(const RecordRef& record, std::uint8_t* target, std::uint32_t length) {
     // A length beyond the cell is a damaged record: deliver what the cell holds and say so.
     std::uint32_t copied = std::min(length, record.Size());
     if (copied != 0) std::memcpy(target, record.Data(), copied);

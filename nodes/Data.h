@@ -34,6 +34,8 @@ public:
             std::uint32_t payloadOffset);
     WString GetName() const override;
     bool Read(Hive* hive, std::uint8_t* target, std::uint32_t length) override;
+    // Read's copy from a data cell's record, for a caller that has the record in place.
+    static bool ReadFrom(const RecordRef& record, std::uint8_t* target, std::uint32_t length);
     // Changes the image only; the caller follows with Save.
     bool Write(Hive* hive, const std::uint8_t* source, std::uint32_t length) override;
     void Free(Hive* hive) override;

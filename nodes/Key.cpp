@@ -72,10 +72,16 @@ std::size_t RecordNameInto(const RecordRef& record, std::uint32_t lengthField, s
     } else if (target.room < units + 1) {
         return units;
     }
-    std::size_t length = 0;
-    ForEachNameUnit(record, lengthField, nameField, narrow, [&](char16_t unit) { out[length++] = unit; });
-    if (target.whole == nullptr) out[length] = 0;
-    return length;
+    // Plain loops rather than a unit at a time through ForEachNameUnit: every
+    // enumeration copies a name, and these the compiler can widen in bulk.
+    const std::uint8_t* bytes = record.Data() + nameField;
+    if (narrow) {
+        for (std::size_t i = 0; i < units; ++i) out[i] = static_cast<char16_t>(bytes[i]);
+    } else {
+        for (std::size_t i = 0; i < units; ++i) out[i] = static_cast<char16_t>(LoadU16(bytes + 2 * i));
+    }
+    if (target.whole == nullptr) out[units] = 0;
+    return units;
 }
 
 std::uint64_t RecordNameHash(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField,
@@ -88,17 +94,24 @@ std::uint64_t RecordNameHash(const RecordRef& record, std::uint32_t lengthField,
 
 bool RecordNameMatches(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField, bool narrow,
                        std::u16string_view upper) {
+    // Most names asked about differ in length: that costs no unit read.
+    if (NameUnits(record, lengthField, nameField, narrow) != upper.size()) return false;
     const CaseMap& map = CurrentCaseMap();
-    std::size_t at = 0;
-    bool same = true;
-    const std::uint32_t length = ForEachNameUnit(record, lengthField, nameField, narrow, [&](char16_t unit) {
-        same = same && at < upper.size() && map.Upper(unit) == upper[at];
-        ++at;
-    });
-    return same && length == upper.size();
+    const std::uint8_t* bytes = record.Data() + nameField;
+    const std::size_t units = upper.size();
+    if (narrow) {
+        for (std::size_t i = 0; i < units; ++i)
+            if (map.Upper(static_cast<char16_t>(bytes[i])) != upper[i]) return false;
+        return true;
+    }
+    for (std::size_t i = 0; i < units; ++i)
+        if (map.Upper(static_cast<char16_t>(LoadU16(bytes + 2 * i))) != upper[i]) return false;
+    return true;
 }
 
-bool Key::NarrowName() const { return (record.U16(NkField::Flags) & NkField::NarrowNameFlag) != 0; }
+bool NarrowKeyName(const RecordRef& record) { return (record.U16(NkField::Flags) & NkField::NarrowNameFlag) != 0; }
+
+bool Key::NarrowName() const { return NarrowKeyName(record); }
 
 WString Key::GetName() const { return RecordName(record, NkField::NameLength, NkField::Name, NarrowName()); }
 
@@ -183,12 +196,22 @@ List* Key::Current(Snapshot<List>& snapshot, Hive* hive, std::uint32_t cell, Bui
     return snapshot.list.get();
 }
 
+// In memory the kept lists stand over the image's bytes: they are dropped at
+// the next write anyway, and until then those bytes are what a copy would hold.
 SubKeyList* Key::EnumSubKeyList(Hive* hive) {
-    return Current(enumSubKeys_, hive, Field(NkField::SubKeyListCell), [&] { return GetSubKeyList(hive); });
+    const std::uint32_t cell = Field(NkField::SubKeyListCell);
+    return Current(enumSubKeys_, hive, cell, [&] {
+        if (hive->Image() == nullptr) return GetSubKeyList(hive);
+        return NarrowNode<SubKeyList>(MakeNodeOverImage(hive, cell, this, CellKind::BySignature));
+    });
 }
 
 SubValList* Key::EnumValueList(Hive* hive) {
-    return Current(enumValues_, hive, Field(NkField::ValueListCell), [&] { return GetValueList(hive); });
+    const std::uint32_t cell = Field(NkField::ValueListCell);
+    return Current(enumValues_, hive, cell, [&] {
+        if (hive->Image() == nullptr) return GetValueList(hive);
+        return NarrowNode<SubValList>(MakeNodeOverImage(hive, cell, this, CellKind::ValueList));
+    });
 }
 
 Key* Key::FindSubKey(Hive* hive, const char16_t* name) {
@@ -196,8 +219,11 @@ Key* Key::FindSubKey(Hive* hive, const char16_t* name) {
     if (subKeyList == nullptr) {
         subKeyList = GetSubKeyList(hive);
         if (subKeyList == nullptr) return nullptr;
-        if (std::optional<NameIndex> learnt = hive->TakeNames(subKeyList->GetOffset(), false))
-            subKeyList->AdoptNames(std::move(*learnt));
+        // Only an index of at least kPositionsWorthParking positions is parked,
+        // and a scan of this key's list reads no more than it counts.
+        if (SubKeyCount() >= Hive::kPositionsWorthParking)
+            if (std::optional<NameIndex> learnt = hive->TakeNames(subKeyList->GetOffset(), false))
+                subKeyList->AdoptNames(std::move(*learnt));
     }
     return NodeAs<Key>(subKeyList->FindChild(hive, name));
 }
@@ -206,7 +232,8 @@ Val* Key::FindValue(Hive* hive, const char16_t* name) {
     if (ValueCount() == 0) return nullptr;
     if (valueList == nullptr) {
         valueList = GetValueList(hive);
-        if (!carriedValueNames && valueList != nullptr) carriedValueNames = hive->TakeNames(valueList->GetOffset(), true);
+        if (!carriedValueNames && valueList != nullptr && ValueCount() >= Hive::kPositionsWorthParking)
+            carriedValueNames = hive->TakeNames(valueList->GetOffset(), true);
         if (valueList != nullptr && carriedValueNames) valueList->AdoptNames(std::move(*carriedValueNames));
         carriedValueNames.reset();
     }
@@ -233,22 +260,54 @@ Val* Key::ValueAt(Hive* hive, std::uint32_t position) {
     return valueList->child.get();
 }
 
-std::optional<WString> KeyNameAt(Hive* hive, std::uint32_t cellOffset) {
+namespace {
+// visit(record) for the record of the key at cellOffset, when a Key can be
+// built there. In a hive in memory the record is read in place: the name
+// functions below need no more, and a whole Key costs more to build and take
+// down than they do. On a volume a Key is built, with its device reads.
+template <class Visit>
+auto WithKeyRecord(Hive* hive, std::uint32_t cellOffset, Visit visit) -> std::optional<decltype(visit(RecordRef()))> {
+    if (hive->Image() != nullptr) {
+        std::uint32_t size = 0;
+        const std::uint8_t* bytes = hive->UsableCellBytes(cellOffset, &size);
+        const std::uint32_t payload = PayloadOffset(hive->MinorVersion());
+        if (bytes == nullptr || ClassOfCell(bytes, size, payload, CellKind::BySignature) != NodeClass::Key)
+            return std::nullopt;
+        // Read only: the record is never written.
+        return visit(PayloadOf(const_cast<std::uint8_t*>(bytes), size, payload));
+    }
     const Transient<Key> key(hive, cellOffset, nullptr, CellKind::BySignature);
     if (!key) return std::nullopt;
-    return key->GetName();
+    return visit(key->record);
+}
+}  // namespace
+
+std::optional<WString> KeyNameAt(Hive* hive, std::uint32_t cellOffset) {
+    return WithKeyRecord(hive, cellOffset, [](const RecordRef& record) {
+        return RecordName(record, NkField::NameLength, NkField::Name, NarrowKeyName(record));
+    });
 }
 
 std::optional<std::size_t> KeyNameInto(Hive* hive, std::uint32_t cellOffset, NameTarget target) {
-    const Transient<Key> key(hive, cellOffset, nullptr, CellKind::BySignature);
-    if (!key) return std::nullopt;
-    return key->NameInto(target);
+    return WithKeyRecord(hive, cellOffset, [&](const RecordRef& record) {
+        return RecordNameInto(record, NkField::NameLength, NkField::Name, NarrowKeyName(record), target);
+    });
 }
 
 std::optional<std::uint64_t> KeyNameHashAt(Hive* hive, std::uint32_t cellOffset) {
-    const Transient<Key> key(hive, cellOffset, nullptr, CellKind::BySignature);
-    if (!key) return std::nullopt;
-    return key->UpperNameHash();
+    return WithKeyRecord(hive, cellOffset, [](const RecordRef& record) {
+        return RecordNameHash(record, NkField::NameLength, NkField::Name, NarrowKeyName(record));
+    });
+}
+
+std::optional<bool> KeyNameMatchesAt(Hive* hive, std::uint32_t cellOffset, std::u16string_view upper) {
+    return WithKeyRecord(hive, cellOffset, [&](const RecordRef& record) {
+        return RecordNameMatches(record, NkField::NameLength, NkField::Name, NarrowKeyName(record), upper);
+    });
+}
+
+bool KeyStandsAt(Hive* hive, std::uint32_t cellOffset) {
+    return WithKeyRecord(hive, cellOffset, [](const RecordRef&) { return true; }).has_value();
 }
 
 Key* OwnerKey(const Node* node) {

@@ -100,6 +100,11 @@ private:
 std::optional<WString> KeyNameAt(Hive* hive, std::uint32_t cellOffset);
 std::optional<std::size_t> KeyNameInto(Hive* hive, std::uint32_t cellOffset, NameTarget target);
 std::optional<std::uint64_t> KeyNameHashAt(Hive* hive, std::uint32_t cellOffset);
+// Whether that name, upper-cased, is upper; and whether a Key can be built there at all.
+std::optional<bool> KeyNameMatchesAt(Hive* hive, std::uint32_t cellOffset, std::u16string_view upper);
+bool KeyStandsAt(Hive* hive, std::uint32_t cellOffset);
+// Whether an nk record stores its name compressed, a byte a character.
+bool NarrowKeyName(const RecordRef& record);
 
 // The characters a MaxSubKeyName or MaxValueName field stands for: its low 16
 // bits hold twice the longest name's length.

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 
+#include "store/ByteOrder.h"
 #include "store/Hive.h"
 
 namespace Tamvik {
@@ -18,12 +19,43 @@ enum class CellKind : std::uint32_t {
     SegmentList,
 };
 
-// The class MakeNode builds from a cell's image, or nothing.
-std::optional<NodeClass> ClassOfCell(const std::uint8_t* image, std::uint32_t size, std::uint32_t payload,
-                                     CellKind kind);
+// The class MakeNode builds from a cell's image, or nothing. Inline: each
+// caller expects one class, and its own copy of these tests then predicts well.
+inline std::optional<NodeClass> ClassOfCell(const std::uint8_t* image, std::uint32_t size, std::uint32_t payload,
+                                            CellKind kind) {
+    switch (kind) {
+        case CellKind::ValueList: return NodeClass::ValueList;
+        case CellKind::PlainData: return NodeClass::PlainData;
+        case CellKind::BigDataRecord: return NodeClass::BigData;
+        case CellKind::SegmentList: return NodeClass::SegmentList;
+        case CellKind::BySignature: break;
+        default: return std::nullopt;
+    }
+    // A cell too small to hold a signature at the payload holds none.
+    if (size < payload + 2) return std::nullopt;
+    const std::uint16_t signature = LoadU16(image + payload);
+    if (size >= kMinKeyCell && signature == kNkSignature) return NodeClass::Key;
+    if (size >= kMinValueCell && signature == kVkSignature) return NodeClass::Value;
+    if (size >= kMinSecurityCell && signature == kSkSignature) return NodeClass::Security;
+    if (signature == kRiSignature) return NodeClass::Indirect;
+    if (signature == kLiSignature) return NodeClass::IndexLeaf;
+    if (signature == kLfSignature) return NodeClass::FastLeaf;
+    if (signature == kLhSignature) return NodeClass::HashLeaf;
+    return std::nullopt;
+}
 
 // Reads the whole cell and builds the node of its class, or null. Never throws.
 std::unique_ptr<Node> MakeNode(const CellRef& ref, Hive* hive, Node* parent, CellKind kind);
+
+// The same for a cell of a hive in memory, without reading it: the node
+// stands over the image's bytes. For a node that is only read, and only while
+// the hive's Generation stays (a write may change or move those bytes). Null
+// on a volume.
+std::unique_ptr<Node> MakeNodeOverImage(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind);
+
+// MakeNode of the cell at cellOffset of a hive in memory, its header and
+// bytes read in place in one step: the node BuildNodeAt gives there.
+std::unique_ptr<Node> MakeNodeFromImage(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind);
 
 // Narrows an owned node to a class; a node of another class is destroyed and null given.
 template <class T>
@@ -37,6 +69,7 @@ std::unique_ptr<T> NarrowNode(std::unique_ptr<Node> node) {
 // GetCell, a usable cell, MakeNode and the narrowing, in one step.
 template <class T>
 std::unique_ptr<T> BuildNodeAt(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind) {
+    if (hive->Image() != nullptr) return NarrowNode<T>(MakeNodeFromImage(hive, cellOffset, parent, kind));
     CellRef ref = hive->GetCell(cellOffset);
     if (!ref.IsUsable()) return nullptr;
     return NarrowNode<T>(MakeNode(ref, hive, parent, kind));
@@ -88,11 +121,10 @@ public:
             node_ = owned_.get();
             return;
         }
-        const CellRef ref = hive->GetCell(cellOffset);
-        if (!ref.IsUsable()) return;
-        const std::uint32_t size = ref.Magnitude();
-        node_ = view_.Emplace(ref.offset, parent, hive->AreaBytes(ref.offset, size), size,
-                              PayloadOffset(hive->MinorVersion()), kind);
+        std::uint32_t size = 0;
+        const std::uint8_t* bytes = hive->UsableCellBytes(cellOffset, &size);
+        if (bytes == nullptr) return;
+        node_ = view_.Emplace(cellOffset, parent, bytes, size, PayloadOffset(hive->MinorVersion()), kind);
     }
     Transient(const Transient&) = delete;
     Transient& operator=(const Transient&) = delete;

@@ -33,15 +33,28 @@ Child* ScanLiterally(std::unique_ptr<Child>& child, std::uint64_t count, std::u1
 
 // child: the list's cached child, which a lookup checks before calling this.
 // count: entries the owner counts; limit: positions that can give a node.
-// wanted: the upper-case name looked for.
+// wanted: the upper-case name looked for, with its hash.
 // hashAt(i): LookupHash of the upper-case name at position i, when a node can be built there.
+// matchesAt(i): whether a node can be built at position i and its name is wanted.
 // getAt(i): a new node for position i, or null.
-template <class Child, class HashAt, class GetAt>
+template <class Child, class HashAt, class MatchesAt, class GetAt>
 Child* ScanByName(std::unique_ptr<Child>& child, NameIndex& index, std::uint64_t count, std::uint64_t limit,
-                  std::u16string_view wanted, HashAt hashAt, GetAt getAt) {
-    const std::uint64_t wantedHash = LookupHash::Of(wanted.data(), wanted.size());
+                  const HashedName& hashed, HashAt hashAt, MatchesAt matchesAt, GetAt getAt) {
+    const std::u16string_view wanted = hashed.name;
+    const std::uint64_t wantedHash = hashed.hash;
     std::optional<std::uint32_t> match;
     if (std::optional<std::uint32_t> known = index.Find(wantedHash); known && *known < limit) match = known;
+    // A caller walking a list opens the names it enumerates in turn: the first
+    // position not read yet is then the one. Its name being wanted, its hash is
+    // wanted's, and no earlier position had that hash: it is what the loop
+    // below would find, found without hashing it.
+    bool named = false;  // the name at match is known to be wanted
+    if (!match && index.scanned < limit && matchesAt(static_cast<std::uint32_t>(index.scanned))) {
+        match = static_cast<std::uint32_t>(index.scanned);
+        named = true;
+        index.Add(wantedHash, *match);
+        index.scanned = *match + 1;
+    }
     for (std::uint64_t i = index.scanned; !match && i < limit; ++i) {
         const std::optional<std::uint64_t> hash = hashAt(static_cast<std::uint32_t>(i));
         index.scanned = i + 1;
@@ -53,7 +66,7 @@ Child* ScanByName(std::unique_ptr<Child>& child, NameIndex& index, std::uint64_t
     if (match) {
         child = getAt(*match);
         if (child != nullptr) {
-            if (child->NameMatches(wanted)) return child.get();
+            if (named || child->NameMatches(wanted)) return child.get();
             // Another name with the same hash comes first: only the names themselves can tell.
             return ScanLiterally(child, count, wanted, getAt, [&](std::uint64_t i) { return i >= limit; });
         }

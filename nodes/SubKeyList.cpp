@@ -14,6 +14,8 @@ SubKeyList::SubKeyList(std::uint32_t offset_, Node* parent_, std::uint8_t* buffe
       record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 SubKeyList::~SubKeyList() {
+    // The hive keeps only an index worth keeping (see ParkNames); most lists have none.
+    if (names.scanned < Hive::kPositionsWorthParking) return;
     if (Hive* hive = NodeAs<Hive>(RootAbove())) hive->ParkNames(offset, false, std::move(names));
 }
 
@@ -40,7 +42,7 @@ bool SubKeyList::HoldsCount() const {
 std::optional<std::uint32_t> SubKeyList::KeyCellAt(Hive* hive, std::uint32_t index) {
     if (index >= GetCount()) return std::nullopt;
     const std::optional<std::uint32_t> cell = EntryCell(index);
-    if (!cell || !Transient<Key>(hive, *cell, nullptr, CellKind::BySignature)) return std::nullopt;
+    if (!cell || !KeyStandsAt(hive, *cell)) return std::nullopt;
     return cell;
 }
 
@@ -56,7 +58,8 @@ Node* SubKeyList::FindChild(Hive* hive, const char16_t* name) {
     if (owner == nullptr) return nullptr;
     const std::uint32_t count = owner->SubKeyCount();
     if (count == 0) return nullptr;
-    const std::u16string_view wanted(name);
+    const HashedName hashed = HashedName::Of(name);
+    const std::u16string_view wanted = hashed.name;
     if (child != nullptr && child->NameMatches(wanted)) return child.get();
     if (hive->Image() == nullptr) {
         return ScanLiterally(child, count, wanted, [&](std::uint32_t i) { return GetAt(hive, i); },
@@ -67,7 +70,8 @@ Node* SubKeyList::FindChild(Hive* hive, const char16_t* name) {
     // Positions past the limit build nothing, so the scan ends as it would after them.
     const std::uint64_t limit = std::min<std::uint64_t>(count, *names.limit);
     return ScanByName(
-        child, names, count, limit, wanted, [&](std::uint32_t i) { return NameHashAt(hive, i); },
+        child, names, count, limit, hashed, [&](std::uint32_t i) { return NameHashAt(hive, i); },
+        [&](std::uint32_t i) { return NameMatchesAt(hive, i, wanted).value_or(false); },
         [&](std::uint32_t i) { return GetAt(hive, i); });
 }
 
@@ -89,6 +93,18 @@ std::optional<std::uint64_t> SubKeyList::NameHashAt(Hive* hive, std::uint32_t in
     std::unique_ptr<Key> key = GetAt(hive, index);
     if (key == nullptr) return std::nullopt;
     return key->UpperNameHash();
+}
+
+std::optional<bool> SubKeyList::NameMatchesAt(Hive* hive, std::uint32_t index, std::u16string_view upper) {
+    std::unique_ptr<Key> key = GetAt(hive, index);
+    if (key == nullptr) return std::nullopt;
+    return key->NameMatches(upper);
+}
+
+std::optional<bool> SubKeyList::LeafNameMatchesAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize,
+                                                  std::u16string_view upper) {
+    if (index >= GetCount() || index >= EntriesHeld(entrySize)) return std::nullopt;
+    return KeyNameMatchesAt(hive, record.U32(ListField::Entries + index * entrySize), upper);
 }
 
 std::optional<std::uint64_t> SubKeyList::LeafNameHashAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize) {
@@ -117,12 +133,18 @@ std::optional<std::size_t> IndxLeaf::NameInto(Hive* hive, std::uint32_t index, N
 std::optional<std::uint64_t> IndxLeaf::NameHashAt(Hive* hive, std::uint32_t index) {
     return LeafNameHashAt(hive, index, kLeafEntry);
 }
+std::optional<bool> IndxLeaf::NameMatchesAt(Hive* hive, std::uint32_t index, std::u16string_view upper) {
+    return LeafNameMatchesAt(hive, index, kLeafEntry, upper);
+}
 std::unique_ptr<Key> FastLeaf::GetAt(Hive* hive, std::uint32_t index) { return LeafGetAt(hive, index, kFastEntry); }
 std::optional<std::size_t> FastLeaf::NameInto(Hive* hive, std::uint32_t index, NameTarget target) {
     return LeafNameInto(hive, index, kFastEntry, target);
 }
 std::optional<std::uint64_t> FastLeaf::NameHashAt(Hive* hive, std::uint32_t index) {
     return LeafNameHashAt(hive, index, kFastEntry);
+}
+std::optional<bool> FastLeaf::NameMatchesAt(Hive* hive, std::uint32_t index, std::u16string_view upper) {
+    return LeafNameMatchesAt(hive, index, kFastEntry, upper);
 }
 
 LeafEntry Indirect::LeafAt(Hive* hive, std::uint32_t entry) {
@@ -142,6 +164,8 @@ const std::vector<std::unique_ptr<SubKeyList>>* Indirect::KeptLeaves(Hive* hive)
     if (hive->Image() == nullptr) return nullptr;
     if (leavesKept_ && leavesGeneration_ == hive->Generation()) return &leaves_;
     leaves_.clear();
+    resumeLeaf_ = 0;
+    resumeStart_ = 0;
     const std::uint32_t count = GetCount();
     for (std::uint32_t j = 0; j < count; ++j) {
         std::unique_ptr<SubKeyList> leaf = LeafAt(hive, j).leaf;
@@ -158,9 +182,15 @@ auto Indirect::WalkTo(Hive* hive, std::uint32_t index, AtLeaf atLeaf) -> decltyp
     lastWalkPassedAll = false;
     const std::vector<std::unique_ptr<SubKeyList>>* kept = KeptLeaves(hive);
     std::uint32_t remaining = index;
+    std::uint32_t first = 0;
+    if (kept != nullptr && index >= resumeStart_) {
+        // Every leaf before the one the last walk reached is only passed by this one too.
+        first = resumeLeaf_;
+        remaining = static_cast<std::uint32_t>(index - resumeStart_);
+    }
     bool triedALeaf = false;  // some leaf was asked for the position
     const std::uint32_t count = GetCount();
-    for (std::uint32_t j = 0; j < count; ++j) {
+    for (std::uint32_t j = first; j < count; ++j) {
         std::unique_ptr<SubKeyList> built;
         SubKeyList* leaf = nullptr;
         if (kept != nullptr) {
@@ -172,6 +202,12 @@ auto Indirect::WalkTo(Hive* hive, std::uint32_t index, AtLeaf atLeaf) -> decltyp
         if (leaf == nullptr) break;
         const std::uint32_t leafCount = leaf->GetCount();
         if (remaining < leafCount) {
+            // The first leaf reached starts where index less remaining says (a
+            // leaf tried after a bad entry doesn't: remaining stays then).
+            if (kept != nullptr && !triedALeaf) {
+                resumeLeaf_ = j;
+                resumeStart_ = std::uint64_t{index} - remaining;
+            }
             triedALeaf = true;
             if (auto found = atLeaf(leaf, remaining)) return found;
             continue;  // a bad entry: the next leaf is tried with the same remaining position
@@ -210,6 +246,9 @@ std::optional<std::size_t> Indirect::NameInto(Hive* hive, std::uint32_t index, N
 
 std::optional<std::uint64_t> Indirect::NameHashAt(Hive* hive, std::uint32_t index) {
     return WalkTo(hive, index, [&](SubKeyList* leaf, std::uint32_t at) { return leaf->NameHashAt(hive, at); });
+}
+std::optional<bool> Indirect::NameMatchesAt(Hive* hive, std::uint32_t index, std::u16string_view upper) {
+    return WalkTo(hive, index, [&](SubKeyList* leaf, std::uint32_t at) { return leaf->NameMatchesAt(hive, at, upper); });
 }
 
 void Indirect::EntriesChanged() {

@@ -42,6 +42,8 @@ public:
     // the LookupHash of that name upper-cased.
     std::optional<WString> NameAt(Hive* hive, std::uint32_t index);
     virtual std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index);
+    // Whether that name, upper-cased, is upper; nothing when GetAt gives null.
+    virtual std::optional<bool> NameMatchesAt(Hive* hive, std::uint32_t index, std::u16string_view upper);
     // The length of that name, written to out as RecordNameInto writes it.
     virtual std::optional<std::size_t> NameInto(Hive* hive, std::uint32_t index, NameTarget target);
 
@@ -74,6 +76,8 @@ protected:
     std::optional<std::size_t> LeafNameInto(Hive* hive, std::uint32_t index, std::uint32_t entrySize,
                                             NameTarget target);
     std::optional<std::uint64_t> LeafNameHashAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize);
+    std::optional<bool> LeafNameMatchesAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize,
+                                          std::u16string_view upper);
     // Positions of a leaf that can give a key: Count, cut to what the record holds.
     std::uint64_t LeafLimit() const;
     // Entries that the record can hold, whatever Count says.
@@ -112,6 +116,7 @@ public:
     std::optional<std::uint32_t> KeyCellAt(Hive* hive, std::uint32_t index) override;
     std::optional<std::size_t> NameInto(Hive* hive, std::uint32_t index, NameTarget target) override;
     std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index) override;
+    std::optional<bool> NameMatchesAt(Hive* hive, std::uint32_t index, std::u16string_view upper) override;
     void EntriesChanged() override;
     // The leaf entry j names, built from the file, or the fault that stops it.
     LeafEntry LeafAt(Hive* hive, std::uint32_t entry);
@@ -135,6 +140,10 @@ private:
     std::uint64_t leavesGeneration_ = 0;
     // The last walk passed every leaf it could build without reaching its position.
     bool lastWalkPassedAll = false;
+    // The kept leaf the last walk reached, and the position of its first key:
+    // a walk in order starts there instead of at the first leaf.
+    std::uint32_t resumeLeaf_ = 0;
+    std::uint64_t resumeStart_ = 0;
 };
 
 // An li: key offsets only.
@@ -146,6 +155,7 @@ public:
     std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
     std::optional<std::size_t> NameInto(Hive* hive, std::uint32_t index, NameTarget target) override;
     std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index) override;
+    std::optional<bool> NameMatchesAt(Hive* hive, std::uint32_t index, std::u16string_view upper) override;
 };
 
 // An lf: key offsets with the first four name bytes beside each.
@@ -157,6 +167,7 @@ public:
     std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
     std::optional<std::size_t> NameInto(Hive* hive, std::uint32_t index, NameTarget target) override;
     std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index) override;
+    std::optional<bool> NameMatchesAt(Hive* hive, std::uint32_t index, std::u16string_view upper) override;
 };
 
 // An lh: as an lf, with a name hash beside each key.

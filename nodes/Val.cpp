@@ -58,6 +58,15 @@ bool Val::ReadData(Hive* hive, std::uint8_t* target, std::uint32_t capacity) {
         const Transient<BigData> data(hive, DataCell(), this, CellKind::BigDataRecord);
         return data && data->Read(hive, target, length);
     }
+    if (hive->Image() != nullptr) {
+        // In memory the cell is read in place, as a Transient<MidData> would read it, without building one.
+        std::uint32_t size = 0;
+        const std::uint8_t* bytes = hive->UsableCellBytes(DataCell(), &size);
+        // Read only: the record is never written.
+        return bytes != nullptr &&
+               MidData::ReadFrom(PayloadOf(const_cast<std::uint8_t*>(bytes), size, PayloadOffset(hive->MinorVersion())),
+                                 target, length);
+    }
     const Transient<MidData> data(hive, DataCell(), this, CellKind::PlainData);
     return data && data->Read(hive, target, length);
 }
@@ -68,6 +77,8 @@ SubValList::SubValList(std::uint32_t offset_, Node* parent_, std::uint8_t* buffe
       record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 SubValList::~SubValList() {
+    // The hive keeps only an index worth keeping (see ParkNames); most lists have none.
+    if (names.scanned < Hive::kPositionsWorthParking) return;
     if (Hive* hive = NodeAs<Hive>(RootAbove())) hive->ParkNames(offset, true, std::move(names));
 }
 
@@ -78,7 +89,8 @@ Node* SubValList::FindChild(Hive* hive, const char16_t* name) {
     if (owner == nullptr) return nullptr;
     const std::uint32_t count = owner->ValueCount();
     if (count == 0) return nullptr;
-    const std::u16string_view wanted(name);
+    const HashedName hashed = HashedName::Of(name);
+    const std::u16string_view wanted = hashed.name;
     if (child != nullptr && child->NameMatches(wanted)) return child.get();
     // Entries past the cell build nothing, so the scan ends as it would after them.
     const std::uint32_t limit = std::min(count, EntriesHeld());
@@ -88,7 +100,13 @@ Node* SubValList::FindChild(Hive* hive, const char16_t* name) {
     }
     names.Refresh(hive->Generation());
     return ScanByName(
-        child, names, count, limit, wanted, [&](std::uint32_t i) { return NameHashAt(hive, i); },
+        child, names, count, limit, hashed, [&](std::uint32_t i) { return NameHashAt(hive, i); },
+        [&](std::uint32_t i) {
+            const std::optional<std::uint32_t> cell = EntryAt(i);
+            if (!cell) return false;
+            const Transient<Val> value(hive, *cell, this, CellKind::BySignature);
+            return value && value->NameMatches(wanted);
+        },
         [&](std::uint32_t i) { return GetAt(hive, i); });
 }
 

@@ -64,6 +64,7 @@ void Hive::ParkNames(std::uint32_t listCell, bool values, NameIndex&& names) {
 }
 
 std::optional<NameIndex> Hive::TakeNames(std::uint32_t listCell, bool values) {
+    if (parked_.empty()) return std::nullopt;
     if (parkedGeneration_ != generation_) {
         parked_.clear();
         return std::nullopt;
@@ -137,11 +138,6 @@ bool Hive::Flush() { return image_ == nullptr || image_->Flush(); }
 
 bool Hive::Sync() { return image_ == nullptr || image_->Sync(); }
 
-const std::uint8_t* Hive::AreaBytes(std::uint32_t areaOffset, std::uint32_t size) const {
-    if (image_ == nullptr || areaOffset > kMaxAreaOffset) return nullptr;
-    return image_->At(areaOffset + std::uint64_t{kBaseBlockSize}, size);
-}
-
 bool Hive::Supplies(std::uint32_t areaOffset, std::uint32_t size) {
     if (image_ != nullptr)
         return areaOffset <= kMaxAreaOffset && image_->At(areaOffset + std::uint64_t{kBaseBlockSize}, size) != nullptr;
@@ -166,8 +162,13 @@ CellRef Hive::GetCell(std::uint32_t cellOffset) {
     if (cellOffset == kNoCell || cellOffset < kBinHeaderSize || cellOffset >= BinsSize() ||
         cellOffset % kCellAlignment != 0)
         return ref;
-    std::uint8_t head[kCellHeaderRead];
-    if (!ReadArea(cellOffset, head, sizeof head)) return ref;
+    std::uint8_t copied[kCellHeaderRead];
+    // In memory the header is read in place; a volume reads it through its device.
+    const std::uint8_t* head = AreaBytes(cellOffset, kCellHeaderRead);
+    if (head == nullptr) {
+        if (image_ != nullptr || !ReadArea(cellOffset, copied, sizeof copied)) return ref;
+        head = copied;
+    }
     ref.offset = cellOffset;
     ref.size = LoadI32(head);
     ref.word1 = LoadU32(head + 4);

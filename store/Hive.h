@@ -12,6 +12,7 @@
 
 #include "store/BaseBlock.h"
 #include "store/BinIndex.h"
+#include "store/ByteOrder.h"
 #include "store/FileImage.h"
 #include "store/Format.h"
 #include "store/NameIndex.h"
@@ -106,7 +107,24 @@ public:
     // The bytes of the bins area at an offset, in place, for a hive in memory;
     // null on a volume or when the file doesn't hold them all. They stay as
     // they are until the next write.
-    const std::uint8_t* AreaBytes(std::uint32_t areaOffset, std::uint32_t size) const;
+    const std::uint8_t* AreaBytes(std::uint32_t areaOffset, std::uint32_t size) const {
+        if (image_ == nullptr || areaOffset > kMaxAreaOffset) return nullptr;
+        return image_->At(areaOffset + std::uint64_t{kBaseBlockSize}, size);
+    }
+    // The bytes of an allocated cell, header included, in place, and their
+    // count: for a hive in memory, where GetCell gives a usable cell and the
+    // file holds all of it; null otherwise, and always on a volume.
+    const std::uint8_t* UsableCellBytes(std::uint32_t cellOffset, std::uint32_t* size) const {
+        if (cellOffset == kNoCell || cellOffset < kBinHeaderSize || cellOffset >= BinsSize() ||
+            cellOffset % kCellAlignment != 0)
+            return nullptr;
+        const std::uint8_t* head = AreaBytes(cellOffset, kCellHeaderRead);
+        if (head == nullptr || LoadI32(head) >= 0) return nullptr;
+        *size = CellMagnitude(LoadI32(head));
+        return AreaBytes(cellOffset, *size);
+    }
+    // What GetCell reads of a cell: its size and the two words behind it.
+    static constexpr std::uint32_t kCellHeaderRead = 12;
     // Counts the writes to a hive in memory: what was built from its bytes at
     // one count is what would be built from them while the count stays.
     std::uint64_t Generation() const { return generation_; }

@@ -26,14 +26,18 @@ namespace {
 class AddressSet {
 public:
     // Without the lock: nothing when a change ran meanwhile.
-    std::optional<bool> TryContains(const void* address) const {
+    // *seen: the sequence number the answer holds for.
+    std::optional<bool> TryContains(const void* address, std::uint64_t* seen) const {
         const std::uint64_t before = sequence_.load(std::memory_order_acquire);
         if (before % 2 != 0) return std::nullopt;
         const bool found = Contains(address);
         std::atomic_thread_fence(std::memory_order_acquire);
         if (sequence_.load(std::memory_order_relaxed) != before) return std::nullopt;
+        *seen = before;
         return found;
     }
+    // Moves with every change: an answer given at one number holds while it stays.
+    std::uint64_t Sequence() const { return sequence_.load(std::memory_order_acquire); }
     // Ends even when the table changes under it.
     bool Contains(const void* address) const {
         const Table* table = current_.load(std::memory_order_acquire);
@@ -163,12 +167,25 @@ Registry& TheRegistry() { return *theRegistry; }
 
 }  // namespace
 
+namespace {
+// The handle this thread last found live, and the set's sequence number then:
+// a caller asks about the same handle call after call, and while the set
+// hasn't changed the answer stands. initial-exec, as for the case rules.
+struct LastLive {
+    const void* handle = nullptr;
+    std::uint64_t sequence = 0;
+};
+thread_local LastLive lastLive __attribute__((tls_model("initial-exec")));
+}  // namespace
+
 void PublishHandle(Node* node) {
     if (node == nullptr || node->Published()) return;
     Registry& registry = TheRegistry();
     const std::lock_guard<SpinLock> hold(registry.lock);
     registry.live.Insert(node);
     node->MarkPublished();
+    // A handle just handed out is the one its caller asks about next.
+    lastLive = LastLive{node, registry.live.Sequence()};
 }
 
 void ReleaseHandleBlock(void* block) {
@@ -186,7 +203,13 @@ void ReleaseHandleBlock(void* block) {
 bool IsLiveHandle(const void* handle) {
     if (handle == nullptr) return false;
     Registry& registry = TheRegistry();
-    if (const std::optional<bool> live = registry.live.TryContains(handle)) return *live;
+    LastLive& last = lastLive;
+    if (handle == last.handle && registry.live.Sequence() == last.sequence) return true;
+    std::uint64_t seen = 0;
+    if (const std::optional<bool> live = registry.live.TryContains(handle, &seen)) {
+        if (*live) last = LastLive{handle, seen};
+        return *live;
+    }
     const std::lock_guard<SpinLock> hold(registry.lock);
     return registry.live.Contains(handle);
 }

@@ -8,19 +8,31 @@
 
 #include <cstdint>
 #include <optional>
+#include <string_view>
 #include <vector>
 
 #include "store/Platform.h"
 
 namespace Tamvik {
 
-// FNV-1a over the UTF-16 units of an upper-case name, a unit per step (one
-// multiply, not two), mixed at the end so that the low bits a table uses
-// depend on every unit.
+// FNV-1a over the UTF-16 units of an upper-case name taken four at a time
+// (a multiply per 64-bit word, not per unit: the multiplies form one chain,
+// and a lookup hashes the name it is asked for at every call), the count of
+// units mixed in at the end so that the low bits a table uses depend on
+// every unit.
 class LookupHash {
 public:
-    void Add(char16_t unit) { value_ = (value_ ^ unit) * kPrime; }
-    std::uint64_t Value() const { return value_ ^ (value_ >> 32); }
+    void Add(char16_t unit) {
+        word_ = word_ << 16 | unit;
+        if (++units_ % 4 == 0) {
+            value_ = (value_ ^ word_) * kPrime;
+            word_ = 0;
+        }
+    }
+    std::uint64_t Value() const {
+        const std::uint64_t last = ((value_ ^ word_) * kPrime) ^ units_;
+        return last ^ (last >> 32);
+    }
     static std::uint64_t Of(const char16_t* upper, std::size_t length) {
         LookupHash hash;
         for (std::size_t i = 0; i < length; ++i) hash.Add(upper[i]);
@@ -30,6 +42,20 @@ public:
 private:
     static constexpr std::uint64_t kPrime = 0x100000001B3ull;
     std::uint64_t value_ = 0xCBF29CE484222325ull;
+    std::uint64_t word_ = 0;  // the units since the last multiply
+    std::uint64_t units_ = 0;
+};
+
+// A NUL-terminated upper-case name, its length and its LookupHash found in one pass.
+struct HashedName {
+    std::u16string_view name;
+    std::uint64_t hash = 0;
+    static HashedName Of(const char16_t* upper) {
+        LookupHash hash;
+        std::size_t length = 0;
+        for (; upper[length] != 0; ++length) hash.Add(upper[length]);
+        return HashedName{std::u16string_view(upper, length), hash.Value()};
+    }
 };
 
 class NameIndex {

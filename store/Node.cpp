@@ -10,7 +10,7 @@
 namespace Tamvik {
 
 Node::Node(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_, std::uint32_t bufferSize_)
-    : offset(offset_), parent(parent_), root(parent_ != nullptr ? parent_->GetRoot() : this), buffer(buffer_),
+    : offset(offset_), parent(parent_), root(parent_ != nullptr ? parent_->root : this), buffer(buffer_),
       bufferSize(bufferSize_) {}
 
 Node::~Node() = default;
@@ -39,8 +39,6 @@ WString Node::GetPath() const {
     }
     return path;
 }
-
-Node* Node::GetRoot() { return root; }
 
 Node* Node::FindChild(Hive*, const char16_t*) { return nullptr; }
 

@@ -52,7 +52,9 @@ public:
     // Whether UpperCaseName of GetName is upper, found without building either.
     virtual bool NameMatches(std::u16string_view upper) const;
     virtual WString GetPath() const;
-    virtual Node* GetRoot();
+    // The top of the parent chain (the node itself at the top). Not virtual:
+    // every entry point asks it to find its hive.
+    Node* GetRoot() const { return root; }
     virtual Node* FindChild(Hive* hive, const char16_t* name);
     // Writes the image back over the cell, if the cell is still allocated at the image's size.
     virtual void Save(Hive* hive);
