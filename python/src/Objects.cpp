@@ -696,19 +696,17 @@ bool RegisterTypes(PyObject* members, PyObject* encode) {
 }
 
 PyObject* NewKey(PyObject* hive, HiveState* state, CellOffset cell, PyObject* name, PyObject* path) {
-    auto* key = name != nullptr && path != nullptr ? Allocate<KeyObject>(keyType) : nullptr;
-    if (key == nullptr) {
-        Py_XDECREF(name);
+    if (name == nullptr) {
         Py_XDECREF(path);
         return nullptr;
     }
-    key->hive = Py_NewRef(hive);
-    key->state = state;
-    key->cell = cell;
-    key->name = name;
-    key->path = path;
-    key->nameStart = 0;
-    return reinterpret_cast<PyObject*>(key);
+    PyObject* key = NewKeyNamedByPath(hive, state, cell, path, 0);
+    if (key == nullptr) {
+        Py_DECREF(name);
+        return nullptr;
+    }
+    reinterpret_cast<KeyObject*>(key)->name = name;
+    return key;
 }
 
 PyObject* KeyAt(KeyObject* from, PyObject* path, bool create) {
