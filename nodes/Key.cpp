@@ -1,6 +1,7 @@
 #include "nodes/Key.h"
 
 #include <algorithm>
+#include <new>
 
 #include "nodes/MakeNode.h"
 #include "nodes/SubKeyList.h"
@@ -133,6 +134,14 @@ void Key::RaiseMaxName(std::uint32_t fieldOffset, std::uint32_t units) {
     if (MaxNameUnits(Field(fieldOffset)) < units) SetField(fieldOffset, units * 2);
 }
 
+namespace {
+// Names to carry over, or none when there's no memory for them: they only
+// spare a later lookup some reads. nothrow new, as the node factory does.
+std::unique_ptr<NameIndex> CarriedNames(NameIndex&& names) {
+    return std::unique_ptr<NameIndex>(new (std::nothrow) NameIndex(std::move(names)));
+}
+}  // namespace
+
 void Key::ListChanged(ListChange change, std::uint64_t generation, const WString& appended) {
     switch (change) {
         case ListChange::SubKeysRewritten: subKeyList.reset(); break;
@@ -146,7 +155,7 @@ void Key::ListChanged(ListChange change, std::uint64_t generation, const WString
             break;
         case ListChange::ValueAppending:
             // The entries before the new one keep their places: what scans learnt of them is carried over.
-            if (valueList != nullptr) carriedValueNames = valueList->TakeNames();
+            if (valueList != nullptr) carriedValueNames = CarriedNames(valueList->TakeNames());
             valueList.reset();
             break;
         case ListChange::ValueAppended:
@@ -233,7 +242,8 @@ Val* Key::FindValue(Hive* hive, const char16_t* name) {
     if (valueList == nullptr) {
         valueList = GetValueList(hive);
         if (!carriedValueNames && valueList != nullptr && ValueCount() >= Hive::kPositionsWorthParking)
-            carriedValueNames = hive->TakeNames(valueList->GetOffset(), true);
+            if (std::optional<NameIndex> parked = hive->TakeNames(valueList->GetOffset(), true))
+                carriedValueNames = CarriedNames(std::move(*parked));
         if (valueList != nullptr && carriedValueNames) valueList->AdoptNames(std::move(*carriedValueNames));
         carriedValueNames.reset();
     }

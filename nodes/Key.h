@@ -79,7 +79,8 @@ public:
     // Names of the value list's positions, kept while a new value is appended
     // and the cached list is rebuilt: the entries before the new one don't move,
     // so a lookup after the addition doesn't read every value again.
-    std::optional<NameIndex> carriedValueNames;
+    // Held apart: most keys never carry any, and every key handle is a Key.
+    std::unique_ptr<NameIndex> carriedValueNames;
 
 private:
     bool NarrowName() const;

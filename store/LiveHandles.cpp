@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "store/Node.h"
+#include "store/NodeBlocks.h"
 
 namespace Tamvik {
 
@@ -151,12 +152,18 @@ private:
     std::atomic<bool> held_{false};
 };
 
+// A block held back, with its length in NodeBlocks steps (0: from plain new).
+struct HeldBlock {
+    void* block = nullptr;
+    std::size_t steps = 0;
+};
+
 // One set for the process: handles of every hive are addresses in one space.
 // Its lock makes hives used from different threads safe from each other.
 struct Registry {
     SpinLock lock;
     AddressSet live;
-    std::array<void*, kHeldBlocks> held{};  // a ring: the oldest is freed when a block comes
+    std::array<HeldBlock, kHeldBlocks> held{};  // a ring: the oldest is given back when a block comes
     std::size_t next = 0;
 };
 
@@ -188,16 +195,19 @@ void PublishHandle(Node* node) {
     lastLive = LastLive{node, registry.live.Sequence()};
 }
 
-void ReleaseHandleBlock(void* block) {
+void ReleaseHandleBlock(void* block, std::size_t steps) {
     Registry& registry = TheRegistry();
-    void* oldest = nullptr;
+    HeldBlock oldest;
     {
         const std::lock_guard<SpinLock> hold(registry.lock);
         registry.live.Erase(block);
-        oldest = std::exchange(registry.held[registry.next], block);
+        oldest = std::exchange(registry.held[registry.next], HeldBlock{block, steps});
         registry.next = (registry.next + 1) % kHeldBlocks;
     }
-    ::operator delete(oldest);
+    if (oldest.steps != 0)
+        GiveNodeBlock(oldest.block, oldest.steps);
+    else
+        ::operator delete(oldest.block);
 }
 
 bool IsLiveHandle(const void* handle) {

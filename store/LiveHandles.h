@@ -4,6 +4,8 @@
 // a handle, so an ended or made-up one is refused instead of followed.
 #pragma once
 
+#include <cstddef>
+
 namespace Tamvik {
 
 class Node;
@@ -11,9 +13,11 @@ class Node;
 // Marks a node as handed out.
 void PublishHandle(Node* node);
 // Takes back the handle of a node that was destroyed (its block is still
-// allocated) and gives the block back to the heap after the blocks of the
-// last kHeldBlocks such nodes: an ended handle then rarely names a new node.
-void ReleaseHandleBlock(void* block);
+// allocated) and gives the block back after the blocks of the last
+// kHeldBlocks such nodes: an ended handle then rarely names a new node.
+// steps: the block's length as TakeNodeBlock had it (see NodeBlocks.h), or 0
+// for a block from plain new.
+void ReleaseHandleBlock(void* block, std::size_t steps);
 constexpr unsigned kHeldBlocks = 64;
 // Whether handle is the address of a node handed out and still alive.
 bool IsLiveHandle(const void* handle);

@@ -6,6 +6,7 @@
 // name found there is always compared whole.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string_view>
@@ -84,11 +85,22 @@ private:
         std::uint32_t position;  // 0: empty; else the position + 1
     };
     std::size_t Home(std::uint32_t hash) const { return hash & (slots_.size() - 1); }
+    void Insert(std::uint32_t hash, std::uint32_t position);
+
+    // Most lists have a handful of names, and a walk builds an index for each
+    // list it opens a key of: the first few hashes are kept here, looked
+    // through in order, and the table is made only when they overflow.
+    static constexpr std::size_t kFew = 8;
+    struct FewSlots {
+        std::array<std::uint32_t, kFew> hashes;
+        std::array<std::uint32_t, kFew> positions;
+    };
 
     std::uint64_t rules_ = 0;
     std::uint64_t generation_ = 0;
-    std::vector<Slot> slots_;  // open addressing, a power of two in size, at most three quarters full
-    std::size_t used_ = 0;
+    std::vector<Slot> slots_;  // open addressing, a power of two in size, at most three quarters full; empty while few_ serves
+    std::uint32_t used_ = 0;   // slots_ taken, or while slots_ is empty, entries of few_
+    FewSlots few_{};
 };
 
 }  // namespace Tamvik

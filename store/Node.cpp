@@ -6,6 +6,7 @@
 #include "store/ByteOrder.h"
 #include "store/Hive.h"
 #include "store/LiveHandles.h"
+#include "store/NodeBlocks.h"
 
 namespace Tamvik {
 
@@ -17,8 +18,10 @@ Node::~Node() = default;
 
 void Node::operator delete(Node* node, std::destroying_delete_t) {
     const bool handle = node->published;
+    const std::uint32_t steps = node->blockSteps;
     node->~Node();
-    if (handle) ReleaseHandleBlock(node);
+    if (handle) ReleaseHandleBlock(node, steps);
+    else if (steps != 0) GiveNodeBlock(node, steps);
     else ::operator delete(static_cast<void*>(node));
 }
 

@@ -64,12 +64,16 @@ public:
     // Whether the node was handed to a caller as a handle (see LiveHandles.h).
     bool Published() const { return published; }
     void MarkPublished() { published = true; }
+    // The node stands in a block of that many steps from TakeNodeBlock (see
+    // NodeBlocks.h), which its delete gives back there.
+    void OwnBlock(std::uint32_t steps) { blockSteps = steps; }
     // The top of the parent chain when it is another node: safe in a
     // destructor, where asking a parentless node its own class is not.
     Node* RootAbove() const { return root != this ? root : nullptr; }
 
 protected:
     std::uint32_t offset;
+    std::uint32_t blockSteps = 0;  // see OwnBlock; 0: the node came from plain new, or is no block's
     Node* parent;  // not owned
     Node* root;    // the top of the parent chain, fixed with it
     std::uint8_t* buffer;  // not owned: it lives in the node's block

@@ -207,14 +207,21 @@ TEST(Storage, LookupsFollowTheLocaleFromCallToCall) {
 }
 
 // A list's learnt names point each hash at the first position that had it,
-// through every growth of the table; a wrong position costs a whole scan.
+// from the first few names through every growth of the table, and forget
+// them all when cleared; a wrong position costs a whole scan.
 TEST(Storage, TheNameIndexPointsAtFirstPositions) {
     Tamvik::NameIndex index;
     const auto hashOf = [](std::uint32_t i) { return std::uint64_t{i} * 0x9E3779B97F4A7C15ull; };
-    for (std::uint32_t i = 0; i < 300; ++i) index.Add(hashOf(i), i);
-    index.Add(hashOf(7), 300);
+    for (std::uint32_t i = 0; i < 300; ++i) {
+        index.Add(hashOf(i), i);
+        index.Add(hashOf(i / 2), 1000 + i);  // a hash met before: its first position stays
+    }
     for (std::uint32_t i = 0; i < 300; ++i) ASSERT_EQ(index.Find(hashOf(i)), i);
     EXPECT_FALSE(index.Find(hashOf(300)));
+    index.Clear();
+    EXPECT_FALSE(index.Find(hashOf(1)));
+    index.Add(hashOf(1), 5);
+    EXPECT_EQ(index.Find(hashOf(1)), 5u);
 }
 
 // The first fit as the walk from the first bin finds it, worked out from the
