@@ -1,5 +1,7 @@
 #include "store/NodeBlocks.h"
 
+#include "store/AddressBounds.h"
+
 #include <array>
 #include <cstdint>
 #include <memory>
@@ -64,6 +66,12 @@ void* TakeNodeBlock(std::size_t steps) noexcept {
 
 void GiveNodeBlock(void* block, std::size_t steps) noexcept {
     if (block == nullptr) return;
+#ifdef TAMVIK_ASAN
+    // Under the address sanitizer every block goes back to the heap, so that
+    // a node used after its end is reported rather than read from a new one.
+    ::operator delete(block);
+    return;
+#endif
     if (Kept(steps)) {
         if (KeptBlocks* cache = ThreadBlocks(); cache != nullptr) {
             std::uint32_t& count = cache->counts[steps - 1];
