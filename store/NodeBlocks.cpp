@@ -1,12 +1,12 @@
 #include "store/NodeBlocks.h"
 
-#include "store/AddressBounds.h"
-
 #include <array>
 #include <cstdint>
 #include <memory>
 #include <new>
 #include <utility>
+
+#include "store/AddressBounds.h"
 
 namespace Tamvik {
 
