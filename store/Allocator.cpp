@@ -153,9 +153,12 @@ CellRef PrevCell(const BinRef& bin, Hive* hive, const CellRef& cell) {
         cell.offset >= binOffset ? hive->AreaBytes(binOffset, cell.offset - binOffset + kCellHeaderRead) : nullptr;
     if (bytes != nullptr) {
         const std::uint32_t binsSize = hive->BinsSize();
+        // Every cell the walk stands on lies before this one: when this one is
+        // in range, they all are, and only their alignment is left to check.
+        const bool inRange = cell.offset <= binsSize && cell.offset <= kMaxAreaOffset;
         for (CellWalk cells(0, cell.offset - binOffset); cells.More();) {
             const std::uint64_t at = binOffset + cells.At();
-            if (at >= binsSize || at > kMaxAreaOffset || at % kCellAlignment != 0) return CellRef();
+            if ((!inRange && (at >= binsSize || at > kMaxAreaOffset)) || at % kCellAlignment != 0) return CellRef();
             const std::int32_t size = cells.SizeIn(bytes);
             const std::uint64_t end = at + CellMagnitude(size);
             if (end == cell.offset) return hive->GetCell(static_cast<std::uint32_t>(at));

@@ -100,7 +100,12 @@ std::uint32_t BinIndex::Scan(std::size_t bin, std::uint32_t need, std::uint32_t&
 void BinIndex::Set(std::size_t bin, std::uint32_t value) {
     std::size_t node = leaves_ + bin;
     tree_[node] = value;
-    for (node /= 2; node > 0; node /= 2) tree_[node] = std::max(tree_[2 * node], tree_[2 * node + 1]);
+    // Up while the maxima change: above the first that keeps its value, none does.
+    for (node /= 2; node > 0; node /= 2) {
+        const std::uint32_t max = std::max(tree_[2 * node], tree_[2 * node + 1]);
+        if (tree_[node] == max) break;
+        tree_[node] = max;
+    }
 }
 
 std::size_t BinIndex::FirstAtLeast(std::size_t from, std::uint32_t need) const {
