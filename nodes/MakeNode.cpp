@@ -128,30 +128,45 @@ std::unique_ptr<Node> MakeNode(const CellRef& ref, Hive* hive, Node* parent, Cel
     return BuildOver(block, *cls, ref.offset, parent, block.Image(), size, payload);
 }
 
-std::unique_ptr<Node> MakeNodeFromImage(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind) {
+namespace {
+
+// A usable cell of a hive held in memory, in place, with the class of node it holds.
+struct ImageCell {
+    const std::uint8_t* bytes;
+    std::uint32_t size;
+    std::uint32_t payload;
+    NodeClass cls;
+};
+
+std::optional<ImageCell> ClassifyInImage(Hive* hive, std::uint32_t cellOffset, CellKind kind) {
     std::uint32_t size = 0;
     const std::uint8_t* bytes = hive->UsableCellBytes(cellOffset, &size);
-    if (bytes == nullptr) return nullptr;
+    if (bytes == nullptr) return std::nullopt;
     const std::uint32_t payload = PayloadOffset(hive->MinorVersion());
     const std::optional<NodeClass> cls = ClassOfCell(bytes, size, payload, kind);
-    if (!cls) return nullptr;
-    NodeBlock block(RoomFor(*cls), size);
+    if (!cls) return std::nullopt;
+    return ImageCell{bytes, size, payload, *cls};
+}
+
+}  // namespace
+
+std::unique_ptr<Node> MakeNodeFromImage(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind) {
+    const std::optional<ImageCell> cell = ClassifyInImage(hive, cellOffset, kind);
+    if (!cell) return nullptr;
+    NodeBlock block(RoomFor(cell->cls), cell->size);
     if (!block) return nullptr;
-    std::memcpy(block.Image(), bytes, size);
-    return BuildOver(block, *cls, cellOffset, parent, block.Image(), size, payload);
+    std::memcpy(block.Image(), cell->bytes, cell->size);
+    return BuildOver(block, cell->cls, cellOffset, parent, block.Image(), cell->size, cell->payload);
 }
 
 std::unique_ptr<Node> MakeNodeOverImage(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind) {
-    std::uint32_t size = 0;
-    const std::uint8_t* bytes = hive->UsableCellBytes(cellOffset, &size);
-    if (bytes == nullptr) return nullptr;
-    const std::uint32_t payload = PayloadOffset(hive->MinorVersion());
-    const std::optional<NodeClass> cls = ClassOfCell(bytes, size, payload, kind);
-    if (!cls) return nullptr;
-    NodeBlock block(RoomFor(*cls), 0);
+    const std::optional<ImageCell> cell = ClassifyInImage(hive, cellOffset, kind);
+    if (!cell) return nullptr;
+    NodeBlock block(RoomFor(cell->cls), 0);
     if (!block) return nullptr;
     // Read only (see MakeNode.h): the node's image is never written.
-    return BuildOver(block, *cls, cellOffset, parent, const_cast<std::uint8_t*>(bytes), size, payload);
+    return BuildOver(block, cell->cls, cellOffset, parent, const_cast<std::uint8_t*>(cell->bytes), cell->size,
+                     cell->payload);
 }
 
 }  // namespace Tamvik
