@@ -278,13 +278,10 @@ namespace {
 template <class Visit>
 auto WithKeyRecord(Hive* hive, std::uint32_t cellOffset, Visit visit) -> std::optional<decltype(visit(RecordRef()))> {
     if (hive->Image() != nullptr) {
-        std::uint32_t size = 0;
-        const std::uint8_t* bytes = hive->UsableCellBytes(cellOffset, &size);
-        const std::uint32_t payload = PayloadOffset(hive->MinorVersion());
-        if (bytes == nullptr || ClassOfCell(bytes, size, payload, CellKind::BySignature) != NodeClass::Key)
-            return std::nullopt;
+        const std::optional<ImageCell> cell = ClassifyInImage(hive, cellOffset, CellKind::BySignature);
+        if (!cell || cell->cls != NodeClass::Key) return std::nullopt;
         // Read only: the record is never written.
-        return visit(PayloadOf(const_cast<std::uint8_t*>(bytes), size, payload));
+        return visit(PayloadOf(const_cast<std::uint8_t*>(cell->bytes), cell->size, cell->payload));
     }
     const Transient<Key> key(hive, cellOffset, nullptr, CellKind::BySignature);
     if (!key) return std::nullopt;

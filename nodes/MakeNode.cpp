@@ -128,16 +128,6 @@ std::unique_ptr<Node> MakeNode(const CellRef& ref, Hive* hive, Node* parent, Cel
     return BuildOver(block, *cls, ref.offset, parent, block.Image(), size, payload);
 }
 
-namespace {
-
-// A usable cell of a hive held in memory, in place, with the class of node it holds.
-struct ImageCell {
-    const std::uint8_t* bytes;
-    std::uint32_t size;
-    std::uint32_t payload;
-    NodeClass cls;
-};
-
 std::optional<ImageCell> ClassifyInImage(Hive* hive, std::uint32_t cellOffset, CellKind kind) {
     std::uint32_t size = 0;
     const std::uint8_t* bytes = hive->UsableCellBytes(cellOffset, &size);
@@ -147,8 +137,6 @@ std::optional<ImageCell> ClassifyInImage(Hive* hive, std::uint32_t cellOffset, C
     if (!cls) return std::nullopt;
     return ImageCell{bytes, size, payload, *cls};
 }
-
-}  // namespace
 
 std::unique_ptr<Node> MakeNodeFromImage(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind) {
     const std::optional<ImageCell> cell = ClassifyInImage(hive, cellOffset, kind);

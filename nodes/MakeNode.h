@@ -44,6 +44,16 @@ inline std::optional<NodeClass> ClassOfCell(const std::uint8_t* image, std::uint
     return std::nullopt;
 }
 
+// A usable cell of a hive in memory, in place, with the class of node it
+// holds; nothing on a volume, or when no node of kind can be built there.
+struct ImageCell {
+    const std::uint8_t* bytes;
+    std::uint32_t size;
+    std::uint32_t payload;
+    NodeClass cls;
+};
+std::optional<ImageCell> ClassifyInImage(Hive* hive, std::uint32_t cellOffset, CellKind kind);
+
 // Reads the whole cell and builds the node of its class, or null. Never throws.
 std::unique_ptr<Node> MakeNode(const CellRef& ref, Hive* hive, Node* parent, CellKind kind);
 

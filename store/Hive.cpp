@@ -159,9 +159,7 @@ std::unique_ptr<std::uint8_t[]> Hive::ReadAreaBlock(std::uint32_t areaOffset, st
 
 CellRef Hive::GetCell(std::uint32_t cellOffset) {
     CellRef ref;
-    if (cellOffset == kNoCell || cellOffset < kBinHeaderSize || cellOffset >= BinsSize() ||
-        cellOffset % kCellAlignment != 0)
-        return ref;
+    if (!MayHoldCell(cellOffset)) return ref;
     std::uint8_t copied[kCellHeaderRead];
     // In memory the header is read in place; a volume reads it through its device.
     const std::uint8_t* head = AreaBytes(cellOffset, kCellHeaderRead);

@@ -115,16 +115,18 @@ public:
     // count: for a hive in memory, where GetCell gives a usable cell and the
     // file holds all of it; null otherwise, and always on a volume.
     const std::uint8_t* UsableCellBytes(std::uint32_t cellOffset, std::uint32_t* size) const {
-        if (cellOffset == kNoCell || cellOffset < kBinHeaderSize || cellOffset >= BinsSize() ||
-            cellOffset % kCellAlignment != 0)
-            return nullptr;
+        if (!MayHoldCell(cellOffset)) return nullptr;
         const std::uint8_t* head = AreaBytes(cellOffset, kCellHeaderRead);
         if (head == nullptr || LoadI32(head) >= 0) return nullptr;
         *size = CellMagnitude(LoadI32(head));
         return AreaBytes(cellOffset, *size);
     }
-    // What GetCell reads of a cell: its size and the two words behind it.
-    static constexpr std::uint32_t kCellHeaderRead = 12;
+    // Whether a cell can start at cellOffset: inside the bins, behind the
+    // first bin's header, aligned.
+    bool MayHoldCell(std::uint32_t cellOffset) const {
+        return cellOffset != kNoCell && cellOffset >= kBinHeaderSize && cellOffset < BinsSize() &&
+               cellOffset % kCellAlignment == 0;
+    }
     // Counts the writes to a hive in memory: what was built from its bytes at
     // one count is what would be built from them while the count stays.
     std::uint64_t Generation() const { return generation_; }
