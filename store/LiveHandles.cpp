@@ -172,9 +172,6 @@ struct Registry {
 Registry* const theRegistry = new Registry;
 Registry& TheRegistry() { return *theRegistry; }
 
-}  // namespace
-
-namespace {
 // The handle this thread last found live, and the set's sequence number then:
 // a caller asks about the same handle call after call, and while the set
 // hasn't changed the answer stands. initial-exec, as for the case rules.

@@ -134,6 +134,12 @@ PyObject* NotFound(const char* format, PyObject* name, PyObject* where) {
     return nullptr;
 }
 
+// Where the name of a key below parentPath starts in its path.
+Py_ssize_t NameStart(PyObject* parentPath) {
+    const Py_ssize_t head = PyUnicode_GET_LENGTH(parentPath);
+    return head == 0 ? 0 : head + 1;
+}
+
 // The path of a key named by units below parent: the units are put in place
 // without a str of the name being made first.
 PyObject* JoinPath(PyObject* parent, const WString& units) {
@@ -146,7 +152,7 @@ PyObject* JoinPath(PyObject* parent, const WString& units) {
         Py_XDECREF(name);
         return path;
     }
-    const Py_ssize_t start = head == 0 ? 0 : head + 1;
+    const Py_ssize_t start = NameStart(parent);
     const Py_UCS4 widest = std::max<Py_UCS4>(head == 0 ? 0 : PyUnicode_MAX_CHAR_VALUE(parent), any < 0x80 ? 0x7F : any);
     PyObject* path = PyUnicode_New(start + static_cast<Py_ssize_t>(units.size()), widest);
     if (path == nullptr) return nullptr;
@@ -171,12 +177,6 @@ PyObject* KeyName(KeyObject* key) {
 }
 
 PyObject* KeyNameGet(PyObject* self, void*) { return Py_XNewRef(KeyName(AsKey(self))); }
-
-// Where the name of a key below parentPath starts in its path.
-Py_ssize_t NameStart(PyObject* parentPath) {
-    const Py_ssize_t head = PyUnicode_GET_LENGTH(parentPath);
-    return head == 0 ? 0 : head + 1;
-}
 
 // A key whose name is the end of its path, from nameStart on, made when
 // asked for; takes over the reference to path (null when making it failed).
