@@ -1,6 +1,7 @@
 #include "nodes/Key.h"
 
 #include <algorithm>
+#include <cstring>
 #include <new>
 
 #include "nodes/MakeNode.h"
@@ -26,6 +27,17 @@ Key::~Key() {
         list = std::move(below->subKeyList);
     }
     valueList.reset();
+}
+
+bool Key::OwnImage() {
+    ownImage_.reset(new (std::nothrow) std::uint8_t[bufferSize]);
+    if (ownImage_ == nullptr) return false;
+    std::memcpy(ownImage_.get(), buffer, bufferSize);
+    const std::uint32_t payloadOffset = static_cast<std::uint32_t>(record.Data() - buffer);
+    buffer = ownImage_.get();
+    record = RecordRef(buffer + payloadOffset, record.Size());
+    sharesImage_ = false;
+    return true;
 }
 
 namespace {

@@ -51,7 +51,14 @@ public:
     Val* ValueAt(Hive* hive, std::uint32_t position);
 
     std::uint32_t Field(std::uint32_t fieldOffset) const { return record.U32(fieldOffset); }
-    void SetField(std::uint32_t fieldOffset, std::uint32_t value) { record.SetU32(fieldOffset, value); }
+    // An edit of a hive opened read-only still changes its keys in memory
+    // (only the file refuses it): a key standing over such an image, which is
+    // mapped unwritable, takes a copy of its own at its first change.
+    void SetField(std::uint32_t fieldOffset, std::uint32_t value) {
+        if (!sharesImage_ || OwnImage()) record.SetU32(fieldOffset, value);
+    }
+    // The key stands over the image of a hive opened read-only, not over a copy.
+    void ShareReadOnlyImage() { sharesImage_ = true; }
     std::uint32_t SubKeyCount() const { return Field(NkField::SubKeyCount); }
     std::uint32_t ValueCount() const { return Field(NkField::ValueCount); }
     // Raises a MaxSubKeyName or MaxValueName field to a name of this many characters.
@@ -84,6 +91,8 @@ public:
 
 private:
     bool NarrowName() const;
+    // Moves the key onto a copy of its image; false when no memory can be had.
+    bool OwnImage();
     template <class List>
     struct Snapshot {
         std::unique_ptr<List> list;
@@ -94,6 +103,8 @@ private:
     List* Current(Snapshot<List>& snapshot, Hive* hive, std::uint32_t cell, Build build);
     Snapshot<SubKeyList> enumSubKeys_;
     Snapshot<SubValList> enumValues_;
+    bool sharesImage_ = false;
+    std::unique_ptr<std::uint8_t[]> ownImage_;  // the copy OwnImage made
 };
 
 // The name of the key whose nk cell is at cellOffset, when a Key can be built

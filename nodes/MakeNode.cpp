@@ -138,9 +138,28 @@ std::optional<ImageCell> ClassifyInImage(Hive* hive, std::uint32_t cellOffset, C
     return ImageCell{bytes, size, payload, *cls};
 }
 
+namespace {
+// The node of a classified cell standing over the image's bytes. Read only
+// (see MakeNode.h): the node's image is never written.
+std::unique_ptr<Node> BuildOverImage(const ImageCell& cell, std::uint32_t cellOffset, Node* parent) {
+    NodeBlock block(RoomFor(cell.cls), 0);
+    if (!block) return nullptr;
+    return BuildOver(block, cell.cls, cellOffset, parent, const_cast<std::uint8_t*>(cell.bytes), cell.size,
+                     cell.payload);
+}
+}  // namespace
+
 std::unique_ptr<Node> MakeNodeFromImage(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind) {
     const std::optional<ImageCell> cell = ClassifyInImage(hive, cellOffset, kind);
     if (!cell) return nullptr;
+    // The image of a hive opened read-only never changes, so a key there, the
+    // node a walk builds most, needs no copy: it stands over the image until
+    // an edit in memory changes it (see Key::SetField).
+    if (cell->cls == NodeClass::Key && hive->Image()->ReadOnly()) {
+        std::unique_ptr<Node> key = BuildOverImage(*cell, cellOffset, parent);
+        if (key != nullptr) static_cast<Key*>(key.get())->ShareReadOnlyImage();
+        return key;
+    }
     NodeBlock block(RoomFor(cell->cls), cell->size);
     if (!block) return nullptr;
     std::memcpy(block.Image(), cell->bytes, cell->size);
@@ -150,11 +169,7 @@ std::unique_ptr<Node> MakeNodeFromImage(Hive* hive, std::uint32_t cellOffset, No
 std::unique_ptr<Node> MakeNodeOverImage(Hive* hive, std::uint32_t cellOffset, Node* parent, CellKind kind) {
     const std::optional<ImageCell> cell = ClassifyInImage(hive, cellOffset, kind);
     if (!cell) return nullptr;
-    NodeBlock block(RoomFor(cell->cls), 0);
-    if (!block) return nullptr;
-    // Read only (see MakeNode.h): the node's image is never written.
-    return BuildOver(block, cell->cls, cellOffset, parent, const_cast<std::uint8_t*>(cell->bytes), cell->size,
-                     cell->payload);
+    return BuildOverImage(*cell, cellOffset, parent);
 }
 
 }  // namespace Tamvik

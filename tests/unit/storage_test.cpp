@@ -148,7 +148,8 @@ TEST(Storage, AFileThatCantGrowLosesNothing) {
 }
 
 // A hive opened read-only is never written: whatever its edits answer, after
-// the close the file has its bytes and its time as before.
+// the close the file has its bytes and its time as before. Its keys still
+// take the edits in memory.
 TEST(Storage, AReadOnlyHiveIsNeverWritten) {
     if (VolumeMode()) GTEST_SKIP() << "a volume opens writable";
     TempFile file(SmallHive());
@@ -161,7 +162,11 @@ TEST(Storage, AReadOnlyHiveIsNeverWritten) {
     const BYTE data[4] = {1, 2, 3, 4};
     RegSetValueNewW(key, u"V", 0, 3, data, sizeof data);
     RegCreateKeyExW(key, u"Made", &made);
-    RegDeleteValueW(key, u"V");
+    DWORD values[2] = {};
+    RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &values[0], nullptr, nullptr, nullptr, nullptr);
+    EXPECT_EQ(RegDeleteValueW(key, u"V"), Result::Ok);
+    RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &values[1], nullptr, nullptr, nullptr, nullptr);
+    EXPECT_EQ(values[1] + 1, values[0]) << "the handle's key forgets the value in memory";
     RegDeleteKeyW(key, u"");
     EXPECT_EQ(CloseHive(&hive), Result::Ok);
     struct stat info {};
