@@ -31,6 +31,22 @@ Child* ScanLiterally(std::unique_ptr<Child>& child, std::uint64_t count, std::u1
     return nullptr;
 }
 
+// The walk's lookup (see NameIndex::ordered): the node at the next position
+// in order, as child, when its name is wanted, which FollowsOrdered; else
+// null, and the scan by name answers. limit, matchesAt and getAt are as for
+// ScanByName.
+template <class Child, class MatchesAt, class GetAt>
+Child* NextInOrder(std::unique_ptr<Child>& child, NameIndex& index, std::uint64_t limit, std::u16string_view wanted,
+                   MatchesAt matchesAt, GetAt getAt) {
+    const std::uint32_t next = index.ordered;
+    if (next >= limit || !matchesAt(next)) return nullptr;
+    child.reset();
+    child = getAt(next);
+    if (child == nullptr) return nullptr;
+    index.AddOrdered(wanted);
+    return child.get();
+}
+
 // child: the list's cached child, which a lookup checks before calling this.
 // count: entries the owner counts; limit: positions that can give a node.
 // wanted: the upper-case name looked for, with its hash.

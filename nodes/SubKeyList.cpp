@@ -58,21 +58,27 @@ Node* SubKeyList::FindChild(Hive* hive, const char16_t* name) {
     if (owner == nullptr) return nullptr;
     const std::uint32_t count = owner->SubKeyCount();
     if (count == 0) return nullptr;
-    const HashedName hashed = HashedName::Of(name);
-    const std::u16string_view wanted = hashed.name;
-    if (child != nullptr && child->NameMatches(wanted)) return child.get();
+    const std::u16string_view wanted(name, WideLength(name));
     if (hive->Image() == nullptr) {
+        if (child != nullptr && child->NameMatches(wanted)) return child.get();
         return ScanLiterally(child, count, wanted, [&](std::uint32_t i) { return GetAt(hive, i); },
                              [&](std::uint64_t i) { return NothingFrom(i); });
     }
     names.Refresh(hive->Generation());
+    // The child a walk opened last in order is named as the last name in
+    // order: a name after that one isn't its name.
+    const bool afterOrdered = names.FollowsOrdered(wanted);
+    const bool childOpenedLast = child != nullptr && names.ordered != 0 && child->index == names.ordered - 1;
+    if (child != nullptr && !(afterOrdered && childOpenedLast) && child->NameMatches(wanted)) return child.get();
     if (!names.limit) names.limit = PositionLimit(hive);
     // Positions past the limit build nothing, so the scan ends as it would after them.
     const std::uint64_t limit = std::min<std::uint64_t>(count, *names.limit);
-    return ScanByName(
-        child, names, count, limit, hashed, [&](std::uint32_t i) { return NameHashAt(hive, i); },
-        [&](std::uint32_t i) { return NameMatchesAt(hive, i, wanted).value_or(false); },
-        [&](std::uint32_t i) { return GetAt(hive, i); });
+    const auto matchesAt = [&](std::uint32_t i) { return NameMatchesAt(hive, i, wanted).value_or(false); };
+    const auto getAt = [&](std::uint32_t i) { return GetAt(hive, i); };
+    if (afterOrdered)
+        if (Key* next = NextInOrder(child, names, limit, wanted, matchesAt, getAt)) return next;
+    return ScanByName(child, names, count, limit, HashedName{wanted, LookupHash::Of(wanted.data(), wanted.size())},
+                      [&](std::uint32_t i) { return NameHashAt(hive, i); }, matchesAt, getAt);
 }
 
 bool SubKeyList::NothingFrom(std::uint64_t position) const { return position >= LeafLimit(); }

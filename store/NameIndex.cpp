@@ -13,6 +13,7 @@ void NameIndex::Refresh(std::uint64_t generation) {
 
 void NameIndex::Clear() {
     scanned = 0;
+    ordered = 0;
     limit.reset();
     slots_.clear();
     used_ = 0;

@@ -6,6 +6,7 @@
 // name found there is always compared whole.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -76,6 +77,24 @@ public:
     std::uint64_t scanned = 0;             // positions 0 .. scanned-1 have been read
     std::optional<std::uint64_t> limit;    // positions a scan can reach, once known
 
+    // A walk opens a list's names in position order, and a sound list holds
+    // them sorted. Positions 0 .. ordered-1 are the ones opened so, each name
+    // greater, unit by unit upper-cased, than the one before: no two share a
+    // name, and the next position named as asked by a name greater than the
+    // last is the first so named, found without hashing.
+    std::uint32_t ordered = 0;
+    // Whether upper comes after every position opened in order (and can be held).
+    bool FollowsOrdered(std::u16string_view upper) const {
+        return upper.size() <= kOrderedUnits &&
+               (ordered == 0 || upper > std::u16string_view(lastOrdered_.data(), lastOrderedUnits_));
+    }
+    // Position ordered was opened by that name, which FollowsOrdered.
+    void AddOrdered(std::u16string_view upper) {
+        std::copy(upper.begin(), upper.end(), lastOrdered_.begin());
+        lastOrderedUnits_ = static_cast<std::uint8_t>(upper.size());
+        ++ordered;
+    }
+
 private:
     // 32 bits of the hash are plenty to point at a position (the name is
     // compared anyway), and a slot half as large is half the memory a walk
@@ -95,6 +114,11 @@ private:
         std::array<std::uint32_t, kFew> hashes;
         std::array<std::uint32_t, kFew> positions;
     };
+
+    // The last name opened in order; longer names end the ordered run.
+    static constexpr std::size_t kOrderedUnits = 48;
+    std::array<char16_t, kOrderedUnits> lastOrdered_;
+    std::uint8_t lastOrderedUnits_ = 0;
 
     std::uint64_t rules_ = 0;
     std::uint64_t generation_ = 0;

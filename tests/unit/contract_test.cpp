@@ -262,6 +262,7 @@ TEST(Contract, WhichCallsEndHandles) {
     EXPECT_TRUE(CachedChild(root) == Tamvik::KeyOf(a) && CachedChild(a) == Tamvik::KeyOf(c)) << "a sibling ends B only";
     HKEY mixed = test.Key(u"MiXed");
     EXPECT_EQ(CachedChild(root), Tamvik::KeyOf(mixed)) << "another branch ends A and all below it";
+    EXPECT_EQ(test.Key(u"MiXed"), mixed) << "a repeated lookup ends nothing, wherever the key stands";
     // A miss leaves the last entry of the scanned list cached, found again without a read.
     HKEY missing = root;
     EXPECT_EQ(RegOpenKeyExW(root, u"Zzz", 0, 0, &missing), Result::Invalid);
