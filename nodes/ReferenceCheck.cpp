@@ -2,6 +2,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -94,18 +95,18 @@ private:
     // design; any other cell named twice is cross-linked, and an edit through
     // one owner would free or rewrite it under the other. *size gets the
     // payload's length.
-    bool Follow(std::uint32_t offset, const std::string& what, std::uint32_t from, std::uint32_t* size = nullptr,
+    bool Follow(std::uint32_t offset, std::string_view what, std::uint32_t from, std::uint32_t* size = nullptr,
                 bool shared = false) {
         std::uint32_t length = 0;
         const bool allocated = offset != kNoCell && offset % kCellAlignment == 0 &&
                                file_.Payload(offset, &length) != nullptr;
         if (!allocated) {
             const std::string why = file_.CellSizeAt(offset) > 0 ? "a free cell" : "no cell";
-            Problem(from, what + " " + Hex(offset) + " names " + why);
+            Problem(from, std::string(what) + " " + Hex(offset) + " names " + why);
             return false;
         }
         if (!referenced_.Insert(offset) && !shared)
-            Problem(from, what + " " + Hex(offset) + " is also named elsewhere (cross-linked cells)");
+            Problem(from, std::string(what) + " " + Hex(offset) + " is also named elsewhere (cross-linked cells)");
         if (size != nullptr) *size = length;
         return true;
     }
@@ -153,7 +154,8 @@ private:
             Problem(listCell, "subkey list is not an lf, lh, li or ri record");
             return;
         }
-        std::vector<std::uint32_t> entries;
+        std::vector<std::uint32_t>& entries = entries_;
+        entries.clear();
         if (auto* ri = NodeAs<Indirect>(list.get())) {
             if (!ri->HoldsCount()) {
                 Problem(listCell, "ri list of " + Count(ri->GetCount()) + " entries is larger than its cell");
@@ -292,6 +294,7 @@ private:
     CellOffsets keysSeen_;
     CellOffsets referenced_;
     std::map<std::uint32_t, std::uint32_t> securityRefs_;  // sk cell, keys that name it
+    std::vector<std::uint32_t> entries_;  // the subkey list being checked, kept to spare an allocation per key
 };
 
 }  // namespace

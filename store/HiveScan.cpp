@@ -1,6 +1,7 @@
 #include "store/HiveScan.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdio>
 
 #include "store/BinWalk.h"
@@ -66,6 +67,7 @@ void HiveScan::ScanBins() {
     // The bins the base block claims, as far as the file holds them.
     const std::uint64_t end = std::min<std::uint64_t>(base_.binsSize, file_.size() - kBaseBlockSize);
     BinWalk bins(end);
+    cellStarts_.assign(end / kCellAlignment / 64 + 1, 0);
     // Each bin that can't be taken ends the run: what lies behind it can't be found.
     while (bins.More() && bins.At() + std::uint64_t{kBinHeaderSize} <= end) {
         const std::uint64_t at = kBaseBlockSize + std::uint64_t{bins.At()};
@@ -111,7 +113,7 @@ void HiveScan::ScanCells(const BinExtent& bin) {
                                : magnitude % kCellAlignment != 0 ? " is not a multiple of 8" : " runs past the end of its bin"));
             return;
         }
-        cells_.emplace_back(offset, size);
+        cellStarts_[offset / kCellAlignment / 64] |= std::uint64_t{1} << (offset / kCellAlignment % 64);
         if (size < 0) {
             ++counts_.usedCells;
             counts_.usedBytes += magnitude;
@@ -133,10 +135,14 @@ void HiveScan::ScanCells(const BinExtent& bin) {
     }
 }
 
+bool HiveScan::CellStartsAt(std::uint32_t offset) const {
+    const std::uint32_t slot = offset / kCellAlignment;
+    return offset % kCellAlignment == 0 && slot / 64 < cellStarts_.size() &&
+           (cellStarts_[slot / 64] >> (slot % 64) & 1) != 0;
+}
+
 std::int32_t HiveScan::CellSizeAt(std::uint32_t offset) const {
-    const auto it = std::lower_bound(cells_.begin(), cells_.end(), offset,
-                                     [](const auto& cell, std::uint32_t at) { return cell.first < at; });
-    return it != cells_.end() && it->first == offset ? it->second : 0;
+    return CellStartsAt(offset) ? LoadI32(file_.data() + kBaseBlockSize + offset) : 0;
 }
 
 std::span<const std::uint8_t> HiveScan::AllocatedCell(std::uint32_t offset) const {
@@ -156,8 +162,12 @@ const std::uint8_t* HiveScan::Payload(std::uint32_t offset, std::uint32_t* size)
 
 std::vector<std::uint32_t> HiveScan::AllocatedCells() const {
     std::vector<std::uint32_t> allocated;
-    for (const auto& [offset, size] : cells_)
-        if (size < 0) allocated.push_back(offset);
+    allocated.reserve(counts_.usedCells);
+    for (std::size_t word = 0; word < cellStarts_.size(); ++word)
+        for (std::uint64_t bits = cellStarts_[word]; bits != 0; bits &= bits - 1) {
+            const auto offset = static_cast<std::uint32_t>((word * 64 + std::countr_zero(bits)) * kCellAlignment);
+            if (CellSizeAt(offset) < 0) allocated.push_back(offset);
+        }
     return allocated;
 }
 

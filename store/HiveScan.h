@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <span>
-#include <utility>
 #include <vector>
 
 #include "store/BaseBlock.h"
@@ -51,12 +50,17 @@ private:
     void CheckBaseBlock();
     void ScanBins();
     void ScanCells(const BinExtent& bin);
+    bool CellStartsAt(std::uint32_t offset) const;
     void Add(FindingKind kind, std::uint64_t fileOffset, std::string text, bool warning = false);
 
     std::span<const std::uint8_t> file_;
     BaseBlock base_;
     std::vector<BinExtent> bins_;
-    std::vector<std::pair<std::uint32_t, std::int32_t>> cells_;  // offset and CellSize, in file order
+    // One bit per place in the bins area where a cell can start, set where a
+    // cell the scan took starts: a lookup is one test, where a sorted list of
+    // cells cost a binary search at each of the check's many references. The
+    // size itself is read from the file, which stays as it was.
+    std::vector<std::uint64_t> cellStarts_;
     CellCounts counts_;
     std::vector<Finding> findings_;
 };
