@@ -1,7 +1,6 @@
 #include "store/HiveScan.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstdio>
 
 #include "store/BinWalk.h"
@@ -67,7 +66,8 @@ void HiveScan::ScanBins() {
     // The bins the base block claims, as far as the file holds them.
     const std::uint64_t end = std::min<std::uint64_t>(base_.binsSize, file_.size() - kBaseBlockSize);
     BinWalk bins(end);
-    cellStarts_.assign(end / kCellAlignment / 64 + 1, 0);
+    cells_ = CellBitmap(end);
+    allocated_ = CellBitmap(end);
     // Each bin that can't be taken ends the run: what lies behind it can't be found.
     while (bins.More() && bins.At() + std::uint64_t{kBinHeaderSize} <= end) {
         const std::uint64_t at = kBaseBlockSize + std::uint64_t{bins.At()};
@@ -113,8 +113,9 @@ void HiveScan::ScanCells(const BinExtent& bin) {
                                : magnitude % kCellAlignment != 0 ? " is not a multiple of 8" : " runs past the end of its bin"));
             return;
         }
-        cellStarts_[offset / kCellAlignment / 64] |= std::uint64_t{1} << (offset / kCellAlignment % 64);
+        cells_.Insert(offset);
         if (size < 0) {
+            allocated_.Insert(offset);
             ++counts_.usedCells;
             counts_.usedBytes += magnitude;
             if (magnitude > PayloadStart()) {
@@ -135,14 +136,9 @@ void HiveScan::ScanCells(const BinExtent& bin) {
     }
 }
 
-bool HiveScan::CellStartsAt(std::uint32_t offset) const {
-    const std::uint32_t slot = offset / kCellAlignment;
-    return offset % kCellAlignment == 0 && slot / 64 < cellStarts_.size() &&
-           (cellStarts_[slot / 64] >> (slot % 64) & 1) != 0;
-}
-
 std::int32_t HiveScan::CellSizeAt(std::uint32_t offset) const {
-    return CellStartsAt(offset) ? LoadI32(file_.data() + kBaseBlockSize + offset) : 0;
+    if (offset % kCellAlignment != 0 || !cells_.Contains(offset)) return 0;
+    return LoadI32(file_.data() + kBaseBlockSize + offset);
 }
 
 std::span<const std::uint8_t> HiveScan::AllocatedCell(std::uint32_t offset) const {
@@ -158,17 +154,6 @@ const std::uint8_t* HiveScan::Payload(std::uint32_t offset, std::uint32_t* size)
     if (cell.empty()) return nullptr;
     *size = static_cast<std::uint32_t>(cell.size()) - PayloadStart();
     return cell.data() + PayloadStart();
-}
-
-std::vector<std::uint32_t> HiveScan::AllocatedCells() const {
-    std::vector<std::uint32_t> allocated;
-    allocated.reserve(counts_.usedCells);
-    for (std::size_t word = 0; word < cellStarts_.size(); ++word)
-        for (std::uint64_t bits = cellStarts_[word]; bits != 0; bits &= bits - 1) {
-            const auto offset = static_cast<std::uint32_t>((word * 64 + std::countr_zero(bits)) * kCellAlignment);
-            if (CellSizeAt(offset) < 0) allocated.push_back(offset);
-        }
-    return allocated;
 }
 
 Status WhyNotAHive(std::span<const std::uint8_t> head) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "store/BaseBlock.h"
+#include "store/CellBitmap.h"
 #include "store/Finding.h"
 #include "store/Format.h"
 
@@ -43,24 +44,22 @@ public:
     const std::uint8_t* Payload(std::uint32_t offset, std::uint32_t* size) const;
     // The whole of an allocated cell, its size field included; empty if none starts there.
     std::span<const std::uint8_t> AllocatedCell(std::uint32_t offset) const;
-    // Offsets of the allocated cells, in file order.
-    std::vector<std::uint32_t> AllocatedCells() const;
+    // Where the allocated cells start.
+    const CellBitmap& AllocatedCells() const { return allocated_; }
 
 private:
     void CheckBaseBlock();
     void ScanBins();
     void ScanCells(const BinExtent& bin);
-    bool CellStartsAt(std::uint32_t offset) const;
     void Add(FindingKind kind, std::uint64_t fileOffset, std::string text, bool warning = false);
 
     std::span<const std::uint8_t> file_;
     BaseBlock base_;
     std::vector<BinExtent> bins_;
-    // One bit per place in the bins area where a cell can start, set where a
-    // cell the scan took starts: a lookup is one test, where a sorted list of
-    // cells cost a binary search at each of the check's many references. The
-    // size itself is read from the file, which stays as it was.
-    std::vector<std::uint64_t> cellStarts_;
+    // Where the cells the scan took start, all and allocated ones: the check
+    // looks a cell up at each reference it follows. Sizes are read from the
+    // file, which stays as it was.
+    CellBitmap cells_, allocated_;
     CellCounts counts_;
     std::vector<Finding> findings_;
 };
