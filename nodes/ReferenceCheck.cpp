@@ -2,6 +2,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -11,35 +12,13 @@
 #include "nodes/Security.h"
 #include "nodes/SubKeyList.h"
 #include "nodes/Val.h"
+#include "store/CellBitmap.h"
 
 namespace Tamvik {
 
 namespace {
 
 std::string Count(std::uint64_t n) { return std::to_string(n); }
-
-// Cell offsets met so far, one bit per place a cell can start: a walk of
-// every key and value asks it once or more per cell, where a tree costs an
-// allocation and a climb each time.
-class CellOffsets {
-public:
-    explicit CellOffsets(std::uint64_t span) : seen_(span / kCellAlignment + 1) {}
-    // Whether offset was new.
-    bool Insert(std::uint32_t offset) {
-        const std::size_t at = offset / kCellAlignment;
-        if (at >= seen_.size()) seen_.resize(at + 1);  // no cell lies past the file, but the set holds whatever it is given
-        if (seen_[at]) return false;
-        seen_[at] = true;
-        return true;
-    }
-    bool Contains(std::uint32_t offset) const {
-        const std::size_t at = offset / kCellAlignment;
-        return at < seen_.size() && seen_[at];
-    }
-
-private:
-    std::vector<bool> seen_;
-};
 
 // One pass over the tree. The records are read through the same nodes the
 // library reads them with, as views over the scanned bytes, so a cell the
@@ -94,18 +73,18 @@ private:
     // design; any other cell named twice is cross-linked, and an edit through
     // one owner would free or rewrite it under the other. *size gets the
     // payload's length.
-    bool Follow(std::uint32_t offset, const std::string& what, std::uint32_t from, std::uint32_t* size = nullptr,
+    bool Follow(std::uint32_t offset, std::string_view what, std::uint32_t from, std::uint32_t* size = nullptr,
                 bool shared = false) {
         std::uint32_t length = 0;
         const bool allocated = offset != kNoCell && offset % kCellAlignment == 0 &&
                                file_.Payload(offset, &length) != nullptr;
         if (!allocated) {
             const std::string why = file_.CellSizeAt(offset) > 0 ? "a free cell" : "no cell";
-            Problem(from, what + " " + Hex(offset) + " names " + why);
+            Problem(from, std::string(what) + " " + Hex(offset) + " names " + why);
             return false;
         }
         if (!referenced_.Insert(offset) && !shared)
-            Problem(from, what + " " + Hex(offset) + " is also named elsewhere (cross-linked cells)");
+            Problem(from, std::string(what) + " " + Hex(offset) + " is also named elsewhere (cross-linked cells)");
         if (size != nullptr) *size = length;
         return true;
     }
@@ -153,7 +132,8 @@ private:
             Problem(listCell, "subkey list is not an lf, lh, li or ri record");
             return;
         }
-        std::vector<std::uint32_t> entries;
+        std::vector<std::uint32_t>& entries = entries_;
+        entries.clear();
         if (auto* ri = NodeAs<Indirect>(list.get())) {
             if (!ri->HoldsCount()) {
                 Problem(listCell, "ri list of " + Count(ri->GetCount()) + " entries is larger than its cell");
@@ -276,10 +256,9 @@ private:
     void CheckLeaks() {
         std::uint64_t lost = 0;
         std::string first;
-        for (std::uint32_t cell : file_.AllocatedCells()) {
-            if (referenced_.Contains(cell)) continue;
+        file_.AllocatedCells().ForEachNotIn(referenced_, [&](std::uint32_t cell) {
             if (++lost <= 5) first += (first.empty() ? "" : ", ") + Hex(cell);
-        }
+        });
         if (lost != 0)
             Problem(0, Count(lost) + " allocated cell(s) not reached from the root key (first: " + first + ")", true,
                     FindingKind::Unreached);
@@ -289,9 +268,10 @@ private:
     const std::uint32_t payload_;
     ReferenceReport report_;
     std::vector<std::pair<std::uint32_t, std::uint32_t>> stack_;  // (key, the key that lists it)
-    CellOffsets keysSeen_;
-    CellOffsets referenced_;
+    CellBitmap keysSeen_;
+    CellBitmap referenced_;
     std::map<std::uint32_t, std::uint32_t> securityRefs_;  // sk cell, keys that name it
+    std::vector<std::uint32_t> entries_;  // the subkey list being checked, kept to spare an allocation per key
 };
 
 }  // namespace

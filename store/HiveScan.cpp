@@ -66,6 +66,8 @@ void HiveScan::ScanBins() {
     // The bins the base block claims, as far as the file holds them.
     const std::uint64_t end = std::min<std::uint64_t>(base_.binsSize, file_.size() - kBaseBlockSize);
     BinWalk bins(end);
+    cells_ = CellBitmap(end);
+    allocated_ = CellBitmap(end);
     // Each bin that can't be taken ends the run: what lies behind it can't be found.
     while (bins.More() && bins.At() + std::uint64_t{kBinHeaderSize} <= end) {
         const std::uint64_t at = kBaseBlockSize + std::uint64_t{bins.At()};
@@ -111,8 +113,9 @@ void HiveScan::ScanCells(const BinExtent& bin) {
                                : magnitude % kCellAlignment != 0 ? " is not a multiple of 8" : " runs past the end of its bin"));
             return;
         }
-        cells_.emplace_back(offset, size);
+        cells_.Insert(offset);
         if (size < 0) {
+            allocated_.Insert(offset);
             ++counts_.usedCells;
             counts_.usedBytes += magnitude;
             if (magnitude > PayloadStart()) {
@@ -134,9 +137,8 @@ void HiveScan::ScanCells(const BinExtent& bin) {
 }
 
 std::int32_t HiveScan::CellSizeAt(std::uint32_t offset) const {
-    const auto it = std::lower_bound(cells_.begin(), cells_.end(), offset,
-                                     [](const auto& cell, std::uint32_t at) { return cell.first < at; });
-    return it != cells_.end() && it->first == offset ? it->second : 0;
+    if (offset % kCellAlignment != 0 || !cells_.Contains(offset)) return 0;
+    return LoadI32(file_.data() + kBaseBlockSize + offset);
 }
 
 std::span<const std::uint8_t> HiveScan::AllocatedCell(std::uint32_t offset) const {
@@ -152,13 +154,6 @@ const std::uint8_t* HiveScan::Payload(std::uint32_t offset, std::uint32_t* size)
     if (cell.empty()) return nullptr;
     *size = static_cast<std::uint32_t>(cell.size()) - PayloadStart();
     return cell.data() + PayloadStart();
-}
-
-std::vector<std::uint32_t> HiveScan::AllocatedCells() const {
-    std::vector<std::uint32_t> allocated;
-    for (const auto& [offset, size] : cells_)
-        if (size < 0) allocated.push_back(offset);
-    return allocated;
 }
 
 Status WhyNotAHive(std::span<const std::uint8_t> head) {

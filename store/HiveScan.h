@@ -6,10 +6,10 @@
 
 #include <cstdint>
 #include <span>
-#include <utility>
 #include <vector>
 
 #include "store/BaseBlock.h"
+#include "store/CellBitmap.h"
 #include "store/Finding.h"
 #include "store/Format.h"
 
@@ -44,8 +44,8 @@ public:
     const std::uint8_t* Payload(std::uint32_t offset, std::uint32_t* size) const;
     // The whole of an allocated cell, its size field included; empty if none starts there.
     std::span<const std::uint8_t> AllocatedCell(std::uint32_t offset) const;
-    // Offsets of the allocated cells, in file order.
-    std::vector<std::uint32_t> AllocatedCells() const;
+    // Where the allocated cells start.
+    const CellBitmap& AllocatedCells() const { return allocated_; }
 
 private:
     void CheckBaseBlock();
@@ -56,7 +56,10 @@ private:
     std::span<const std::uint8_t> file_;
     BaseBlock base_;
     std::vector<BinExtent> bins_;
-    std::vector<std::pair<std::uint32_t, std::int32_t>> cells_;  // offset and CellSize, in file order
+    // Where the cells the scan took start, all and allocated ones: the check
+    // looks a cell up at each reference it follows. Sizes are read from the
+    // file, which stays as it was.
+    CellBitmap cells_, allocated_;
     CellCounts counts_;
     std::vector<Finding> findings_;
 };

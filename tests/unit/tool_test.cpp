@@ -15,6 +15,7 @@
 
 #include "edit/NameForms.h"
 #include "store/ByteOrder.h"
+#include "store/Finding.h"
 #include "store/Format.h"
 #include "support/Fixture.h"
 #include "support/Listing.h"
@@ -442,6 +443,10 @@ TEST_F(Tool, InfoAndCheckLookAtTheFileItself) {
         {[&](Bytes& b) { put(b, 4104, 0x2000); }, {"offset 0x1008: bin at 0x0: size 0x2000 runs past the bins area"}, 1},
         {[&](Bytes& b) { put(b, 4096 + 0x20, 0); }, {"offset 0x1020: cell 0x20: size 0 ends the cells early"}, 1},
         {[&](Bytes& b) { put(b, 4096 + 0x20, -Image(b).Size(0x20)); }, {"root cell 0x20 names no allocated cell", "!follows a free"}, 1},
+        {[&](Bytes& b) { put(b, 4096 + lastFree, -Image(b).Size(lastFree)), put(b, 4100 + lastFree, ~0u), field(0x24, lastFree + 1)(b); },
+         {"offset 0x24: base block: root cell " + Tamvik::Hex(lastFree + 1) + " names no allocated cell"}, 1},  // 1 byte into a cell
+        {[&](Bytes& b) { put(b, 4096 + lastFree, -Image(b).Size(lastFree)); },
+         {"warning at file offset 0x1000: 1 allocated cell(s) not reached from the root key (first: " + Tamvik::Hex(lastFree) + ")\n"}, 0},
         {[&](Bytes& b) { put(b, 4096 + lastFree, space[1][0] + 8); }, {" runs past the end of its bin"}, 1},
         {[&](Bytes& b) { put(b, 4096 + lastFree, 8), put(b, 4104 + lastFree, space[1][0] - 8); },
          {"free cell follows a free cell (not merged)\n"}, 0},

@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <memory>
 
+#include <sys/stat.h>
+
 namespace TamvikLogs {
 
 namespace fs = std::filesystem;
@@ -18,6 +20,14 @@ bool ReadFile(const std::string& path, Bytes* out, std::string* error, std::size
         return false;
     }
     out->clear();
+    // A file of known size is read in one call into a buffer of its size;
+    // chunks appended one by one copied it again at each growth. What a
+    // growing or special file holds beyond that is read by chunks.
+    struct stat info {};
+    if (::fstat(::fileno(f.get()), &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0) {
+        out->resize(std::min<std::uint64_t>(static_cast<std::uint64_t>(info.st_size), maxBytes));
+        out->resize(std::fread(out->data(), 1, out->size(), f.get()));
+    }
     std::uint8_t chunk[65536];
     while (out->size() < maxBytes) {
         const std::size_t want = std::min(sizeof chunk, maxBytes - out->size());
