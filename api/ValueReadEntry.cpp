@@ -11,7 +11,7 @@ Val* FindValueNamed(Key* key, const WString& name, Hive** hive) {
     if (*hive == nullptr) return nullptr;
     const CaseRulesHold rules;
     const WString upper = UpperCaseName(name);
-    return key->FindValue(*hive, upper.c_str());
+    return key->FindValue(*hive, std::u16string_view(upper.c_str()));
 }
 
 RegAPI::LONG Deliver(Val* value, Hive* hive, RegAPI::DWORD* type, RegAPI::BYTE* data, RegAPI::DWORD* dataSize) {

@@ -140,7 +140,7 @@ std::uint64_t Key::UpperNameHash() const {
     return RecordNameHash(record, NkField::NameLength, NkField::Name, NarrowName());
 }
 
-Node* Key::FindChild(Hive* hive, const char16_t* name) { return FindSubKey(hive, name); }
+Node* Key::FindChild(Hive* hive, std::u16string_view name) { return FindSubKey(hive, name); }
 
 void Key::RaiseMaxName(std::uint32_t fieldOffset, std::uint32_t units) {
     if (MaxNameUnits(Field(fieldOffset)) < units) SetField(fieldOffset, units * 2);
@@ -235,7 +235,7 @@ SubValList* Key::EnumValueList(Hive* hive) {
     });
 }
 
-Key* Key::FindSubKey(Hive* hive, const char16_t* name) {
+Key* Key::FindSubKey(Hive* hive, std::u16string_view name) {
     if (SubKeyCount() == 0) return nullptr;
     if (subKeyList == nullptr) {
         subKeyList = GetSubKeyList(hive);
@@ -249,7 +249,7 @@ Key* Key::FindSubKey(Hive* hive, const char16_t* name) {
     return NodeAs<Key>(subKeyList->FindChild(hive, name));
 }
 
-Val* Key::FindValue(Hive* hive, const char16_t* name) {
+Val* Key::FindValue(Hive* hive, std::u16string_view name) {
     if (ValueCount() == 0) return nullptr;
     if (valueList == nullptr) {
         valueList = GetValueList(hive);

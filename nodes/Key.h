@@ -32,7 +32,7 @@ public:
     bool NameMatches(std::u16string_view upper) const override;
     // LookupHash of the upper-case name.
     std::uint64_t UpperNameHash() const;
-    Node* FindChild(Hive* hive, const char16_t* name) override;
+    Node* FindChild(Hive* hive, std::u16string_view name) override;
 
     // New list nodes built from the file, owned by the caller; the caches are left alone.
     std::unique_ptr<SubKeyList> GetSubKeyList(Hive* hive);
@@ -44,8 +44,8 @@ public:
     SubKeyList* EnumSubKeyList(Hive* hive);
     SubValList* EnumValueList(Hive* hive);
     // Lookups by upper-case name through the cached lists; the result stays owned by the list.
-    Key* FindSubKey(Hive* hive, const char16_t* name);
-    Val* FindValue(Hive* hive, const char16_t* name);
+    Key* FindSubKey(Hive* hive, std::u16string_view name);
+    Val* FindValue(Hive* hive, std::u16string_view name);
     // The same by position, as the enumerations count them.
     Key* SubKeyAt(Hive* hive, std::uint32_t position);
     Val* ValueAt(Hive* hive, std::uint32_t position);

@@ -110,7 +110,7 @@ std::unique_ptr<Node> BuildOver(NodeBlock& block, NodeClass cls, std::uint32_t o
 }  // namespace
 
 // The one child of a hive, its root key, is built here: the store knows cells, not keys.
-Node* Hive::FindChild(Hive*, const char16_t*) {
+Node* Hive::FindChild(Hive*, std::u16string_view) {
     if (rootKey == nullptr) rootKey = MakeNode(GetRootCell(), this, this, CellKind::BySignature);
     return rootKey.get();
 }

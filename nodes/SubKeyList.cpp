@@ -53,12 +53,11 @@ std::uint64_t SubKeyList::LeafLimit() const {
 
 std::uint64_t SubKeyList::PositionLimit(Hive*) { return LeafLimit(); }
 
-Node* SubKeyList::FindChild(Hive* hive, const char16_t* name) {
+Node* SubKeyList::FindChild(Hive* hive, std::u16string_view wanted) {
     Key* owner = NodeAs<Key>(GetParent());
     if (owner == nullptr) return nullptr;
     const std::uint32_t count = owner->SubKeyCount();
     if (count == 0) return nullptr;
-    const std::u16string_view wanted(name, WideLength(name));
     if (hive->Image() == nullptr) {
         if (child != nullptr && child->NameMatches(wanted)) return child.get();
         return ScanLiterally(child, count, wanted, [&](std::uint32_t i) { return GetAt(hive, i); },

@@ -30,7 +30,7 @@ public:
 
     WString GetName() const override;
     // Scan by upper-case name; the match stays owned by the list as child.
-    Node* FindChild(Hive* hive, const char16_t* name) override;
+    Node* FindChild(Hive* hive, std::u16string_view name) override;
 
     // A new key at a position counted over all keys of the list, or null.
     virtual std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) = 0;

@@ -84,12 +84,12 @@ SubValList::~SubValList() {
 
 WString SubValList::GetName() const { return u"SubValList"; }
 
-Node* SubValList::FindChild(Hive* hive, const char16_t* name) {
+Node* SubValList::FindChild(Hive* hive, std::u16string_view name) {
     Key* owner = NodeAs<Key>(GetParent());
     if (owner == nullptr) return nullptr;
     const std::uint32_t count = owner->ValueCount();
     if (count == 0) return nullptr;
-    const HashedName hashed = HashedName::Of(name);
+    const HashedName hashed{name, LookupHash::Of(name.data(), name.size())};
     const std::u16string_view wanted = hashed.name;
     if (child != nullptr && child->NameMatches(wanted)) return child.get();
     // Entries past the cell build nothing, so the scan ends as it would after them.

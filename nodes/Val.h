@@ -56,7 +56,7 @@ public:
 
     WString GetName() const override;
     // Scan by upper-case name over ValueCount entries; the match stays owned as child.
-    Node* FindChild(Hive* hive, const char16_t* name) override;
+    Node* FindChild(Hive* hive, std::u16string_view name) override;
     // A new value at a position, or null; positions past the cell give null.
     std::unique_ptr<Val> GetAt(Hive* hive, std::uint32_t index);
     // The vk offset at a position, or nothing past the cell.

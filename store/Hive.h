@@ -68,7 +68,7 @@ public:
     WString GetName() const override;
     // Gives the root key, whatever the name: the first component under a hive.
     // Built by the node tree, which knows keys (nodes/MakeNode.cpp).
-    Node* FindChild(Hive* hive, const char16_t* name) override;
+    Node* FindChild(Hive* hive, std::u16string_view name) override;
 
     bool VerifyBaseBlock() const;
     CellRef GetCell(std::uint32_t cellOffset);

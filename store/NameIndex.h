@@ -48,16 +48,10 @@ private:
     std::uint64_t units_ = 0;
 };
 
-// A NUL-terminated upper-case name, its length and its LookupHash found in one pass.
+// An upper-case name and its LookupHash.
 struct HashedName {
     std::u16string_view name;
     std::uint64_t hash = 0;
-    static HashedName Of(const char16_t* upper) {
-        LookupHash hash;
-        std::size_t length = 0;
-        for (; upper[length] != 0; ++length) hash.Add(upper[length]);
-        return HashedName{std::u16string_view(upper, length), hash.Value()};
-    }
 };
 
 class NameIndex {

@@ -43,7 +43,7 @@ WString Node::GetPath() const {
     return path;
 }
 
-Node* Node::FindChild(Hive*, const char16_t*) { return nullptr; }
+Node* Node::FindChild(Hive*, std::u16string_view) { return nullptr; }
 
 void Node::Save(Hive* hive) {
     if (hive == nullptr) return;

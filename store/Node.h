@@ -55,7 +55,7 @@ public:
     // The top of the parent chain (the node itself at the top). Not virtual:
     // every entry point asks it to find its hive.
     Node* GetRoot() const { return root; }
-    virtual Node* FindChild(Hive* hive, const char16_t* name);
+    virtual Node* FindChild(Hive* hive, std::u16string_view upper);
     // Writes the image back over the cell, if the cell is still allocated at the image's size.
     virtual void Save(Hive* hive);
     virtual ~Node();
