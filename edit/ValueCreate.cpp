@@ -46,10 +46,10 @@ std::uint32_t WriteOutOfLine(Hive* hive, const std::uint8_t* data, std::uint32_t
     return NeedsBigData(hive, length) ? WriteBigData(hive, data, length) : WriteDataCell(hive, data, length);
 }
 
-std::uint32_t AppendValueEntry(Key* owner, Hive* hive, std::uint32_t valueCell) {
+std::uint32_t AppendValueEntry(Key* owner, Hive* hive, std::uint32_t valueCell, Caller caller) {
     const std::uint32_t count = owner->ValueCount();
     if (count >= kMaxValueEntries) return 0;
-    const std::uint32_t asked = AskedValueList(count);
+    const std::uint32_t asked = AskedValueList(count, caller);
     if (count == 0) {
         return CreateCell(hive, asked, [&](std::uint8_t* record, std::uint32_t) { StoreU32(record, valueCell); });
     }
@@ -57,7 +57,7 @@ std::uint32_t AppendValueEntry(Key* owner, Hive* hive, std::uint32_t valueCell) 
     if (list == nullptr || list->EntriesHeld() < count) return 0;
     CellPlan plan;
     const std::uint32_t capacity = list->GetBufferSize();
-    if (!PlanListRewrite(hive, list->GetOffset(), capacity, ValueListStays(capacity, count), asked, plan)) return 0;
+    if (!PlanListRewrite(hive, list->GetOffset(), capacity, ValueListStays(capacity, count, caller), asked, plan)) return 0;
     std::vector<std::uint8_t> image(plan.imageLength);
     std::memcpy(image.data() + 4, list->record.Data(), static_cast<std::size_t>(count) * 4);
     StoreU32(image.data() + 4 + count * 4, valueCell);
@@ -128,7 +128,7 @@ Status AddValueCells(Key* owner, Hive* hive, const NewName& name, std::uint32_t 
     if (valueCell == 0) return Status::Of(StatusCode::NoRoom, "no room for the value's cell");
     std::uint32_t listCell = 0;
     try {
-        listCell = AppendValueEntry(owner, hive, valueCell);
+        listCell = AppendValueEntry(owner, hive, valueCell, caller);
     } catch (...) {
         listCell = 0;
     }
