@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "edit/LeafMemo.h"
 #include "edit/NameForms.h"
 #include "nodes/Key.h"
 #include "nodes/Security.h"
@@ -64,7 +65,10 @@ void DropEntry(RecordRef& record, std::uint32_t at, std::uint32_t count, std::ui
 // Key creation: a new nk under owner, put in its list. Refused (nothing
 // written) when a subkey of that name exists (Exists), the list can't take
 // it (Damaged) or no room can be had (NoRoom).
-Status CreateSubKey(Key* owner, Hive* hive, const NewName& name, EditRules rules, std::uint32_t* keyCell);
+// A memo, when given, stands for reading the names of a leaf it holds as the
+// file does (see LeafMemo) and is brought up to date.
+Status CreateSubKey(Key* owner, Hive* hive, const NewName& name, EditRules rules, std::uint32_t* keyCell,
+                    LeafMemo* memo = nullptr);
 // The list of owner with the new key's entry, in place or in a new cell; its offset, or 0.
 std::uint32_t InsertSubKeyEntry(Key* owner, Hive* hive, const NewName& name, std::uint32_t keyCell, EditRules rules);
 // Puts the entries of the key's subkey list (each leaf of an ri, and across
