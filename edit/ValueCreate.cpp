@@ -118,14 +118,36 @@ Status AddValueCells(Key* owner, Hive* hive, const NewName& name, std::uint32_t 
         return Status::Of(StatusCode::Damaged, "the key's cell holds no nk record", where);
     const std::uint32_t count = owner->ValueCount();
     const std::uint32_t oldList = owner->Field(NkField::ValueListCell);
+    // The internal API writes data that fits one cell first, so that the vk
+    // names that cell as it is written, with no second write of the vk.
+    const bool dataFirst = caller == Caller::Internal && length > 4 && !NeedsBigData(hive, length);
+    std::uint32_t dataCell = 0;
+    if (dataFirst) {
+        try {
+            dataCell = WriteDataCell(hive, data, length);
+        } catch (...) {
+            return Status::Of(StatusCode::NoMemory, "no memory for the value's data");  // nothing was written
+        }
+        if (dataCell == 0) return Status::Of(StatusCode::NoRoom, "no room for the value's data");
+    }
+    const auto dropData = [&] {
+        if (dataFirst) FreeCellAt(hive, dataCell);
+    };
     std::uint32_t valueCell = 0;
     try {
         valueCell = CreateCell(hive, VkField::Name + static_cast<std::uint32_t>(name.bytes.size()) + RecordSlack(caller),
-                               [&](std::uint8_t* record, std::uint32_t) { InitValueRecord(record, name, data, type, length); });
+                               [&](std::uint8_t* record, std::uint32_t) {
+                                   InitValueRecord(record, name, data, type, length);
+                                   if (dataFirst) StoreU32(record + VkField::DataCell, dataCell);
+                               });
     } catch (...) {
-        return Status::Of(StatusCode::NoMemory, "no memory for the value's cell");  // nothing was written
+        dropData();
+        return Status::Of(StatusCode::NoMemory, "no memory for the value's cell");
     }
-    if (valueCell == 0) return Status::Of(StatusCode::NoRoom, "no room for the value's cell");
+    if (valueCell == 0) {
+        dropData();
+        return Status::Of(StatusCode::NoRoom, "no room for the value's cell");
+    }
     std::uint32_t listCell = 0;
     try {
         listCell = AppendValueEntry(owner, hive, valueCell, caller);
@@ -134,10 +156,11 @@ Status AddValueCells(Key* owner, Hive* hive, const NewName& name, std::uint32_t 
     }
     if (listCell == 0) {
         FreeCellAt(hive, valueCell);
+        dropData();
         return Status::Of(StatusCode::Damaged, "the value list can't take the new value", where);
     }
-    if (length > 4) {
-        const std::uint32_t dataCell = WriteOutOfLine(hive, data, length);
+    if (length > 4 && !dataFirst) {
+        dataCell = WriteOutOfLine(hive, data, length);
         if (dataCell == 0) {
             FreeCellAt(hive, valueCell);
             if (count == 0) FreeCellAt(hive, listCell);
