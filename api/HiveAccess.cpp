@@ -157,7 +157,16 @@ void Trim(std::vector<Item>* items, std::size_t used) {
 
 }  // namespace
 
-HiveAccess::HiveAccess(std::unique_ptr<Hive> hive, bool writable) : hive_(std::move(hive)), writable_(writable) {}
+namespace {
+// Bins the internal API adds are at least this large: a caller that adds many
+// cells (an import, a package's loop) grows the file in steps of 16 pages,
+// not one or two. A multiple of the bin alignment, as every bin size is.
+constexpr std::uint32_t kNewBinFloor = 16 * kBinAlignment;
+}  // namespace
+
+HiveAccess::HiveAccess(std::unique_ptr<Hive> hive, bool writable) : hive_(std::move(hive)), writable_(writable) {
+    if (writable_) hive_->SetNewBinFloor(kNewBinFloor);
+}
 
 HiveAccess::~HiveAccess() { Close(); }
 

@@ -110,7 +110,7 @@ namespace {
 // The size of the bin AppendBin makes for need at the end of the bins; 0 when
 // the hive can't grow by it.
 std::uint32_t GrowthFor(Hive* hive, std::uint32_t need) {
-    const std::uint64_t binSize = BinSizeFor(need);
+    const std::uint64_t binSize = std::max<std::uint64_t>(BinSizeFor(need), hive->NewBinFloor());
     if (binSize > 0x7FFFF000u || hive->BinsSize() + binSize > 0xFFFFFFFFull - kBaseBlockSize) return 0;
     return static_cast<std::uint32_t>(binSize);
 }
