@@ -271,8 +271,11 @@ void StoreSizeFields(const CellPlan& plan, std::uint8_t* image) {
 // fill(record, capacity) in a zero-filled image: in the first free cell that
 // serves, else in a new bin. In memory the new bin goes to the file with the
 // cell already in it, in one write, where it would otherwise be written
-// empty and the cell copied in after it: the bytes are the same.
-std::uint32_t PlaceCell(Hive* hive, std::uint32_t askedSize, const RecordFiller& fill) {
+// empty and the cell copied in after it: the bytes are the same. A record
+// given as direct bytes (all of the record but the zeros behind it) goes to a
+// free cell of a hive in memory straight from the caller's buffer.
+std::uint32_t PlaceCell(Hive* hive, std::uint32_t askedSize, const RecordFiller& fill,
+                        const std::uint8_t* direct = nullptr) {
     // Cells made here carry no back link, so a hive of the second layout can't take them.
     if (HasCellBackLinks(hive->MinorVersion())) return 0;
     std::uint32_t need = askedSize, found = 0;
@@ -297,6 +300,19 @@ std::uint32_t PlaceCell(Hive* hive, std::uint32_t askedSize, const RecordFiller&
     if (offset == 0) offset = AppendBin(hive, need, found);
     if (offset == 0) return 0;
     Lay(offset, need, found, plan);
+    // Behind a direct record: zeros to the cell's end and the rest's size field, a few bytes.
+    std::uint8_t tail[16] = {};
+    const std::uint32_t tailFrom = kCellSizeField + askedSize;
+    if (direct != nullptr && hive->Image() != nullptr && plan.imageLength - tailFrom <= sizeof tail) {
+        std::uint8_t head[kCellSizeField];
+        StoreI32(head, -static_cast<std::int32_t>(plan.cellSize));
+        if (plan.remainder != 0) StoreI32(tail + (plan.cellSize - tailFrom), static_cast<std::int32_t>(plan.remainder));
+        hive->WriteBaseBlock();
+        hive->WriteArea(offset, head, kCellSizeField);
+        hive->WriteArea(offset + kCellSizeField, direct, askedSize);
+        if (plan.imageLength > tailFrom) hive->WriteArea(offset + tailFrom, tail, plan.imageLength - tailFrom);
+        return offset;
+    }
     Scratch<kInlineCell> image(plan.imageLength);
     if (image.get() == nullptr) return 0;
     std::memset(image.get(), 0, plan.imageLength);
@@ -330,9 +346,14 @@ std::uint32_t CreateCell(Hive* hive, std::uint32_t askedSize, const RecordFiller
 }
 
 std::uint32_t WriteDataCell(Hive* hive, const std::uint8_t* data, std::uint32_t length) {
-    return PlaceCell(hive, length, [&](std::uint8_t* record, std::uint32_t) {
-        if (length != 0) std::memcpy(record, data, length);
-    });
+    // Long data is written from where it lies rather than copied into an image first.
+    constexpr std::uint32_t kDirectFrom = 256;
+    return PlaceCell(
+        hive, length,
+        [&](std::uint8_t* record, std::uint32_t) {
+            if (length != 0) std::memcpy(record, data, length);
+        },
+        length >= kDirectFrom ? data : nullptr);
 }
 
 bool PlanListRewrite(Hive* hive, std::uint32_t listCell, std::uint32_t capacity, bool stays, std::uint32_t askedSize,
