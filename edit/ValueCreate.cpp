@@ -53,6 +53,19 @@ std::uint32_t AppendValueEntry(Key* owner, Hive* hive, std::uint32_t valueCell, 
     if (count == 0) {
         return CreateCell(hive, asked, [&](std::uint8_t* record, std::uint32_t) { StoreU32(record, valueCell); });
     }
+    if (caller == Caller::Internal) {
+        // A cell with room for the entry takes just those four bytes, where
+        // the exported functions write the whole list again.
+        const std::uint32_t listCell = owner->Field(NkField::ValueListCell);
+        std::uint32_t size = 0;
+        if (hive->UsableCellBytes(listCell, &size) != nullptr && ValueListStays(size, count, caller)) {
+            std::uint8_t entry[4];
+            StoreU32(entry, valueCell);
+            owner->ListChanged(Key::ListChange::ValueAppending);
+            hive->WriteCell(listCell + kCellSizeField + count * 4, entry, sizeof entry);
+            return listCell;
+        }
+    }
     std::unique_ptr<SubValList> list = owner->GetValueList(hive);
     if (list == nullptr || list->EntriesHeld() < count) return 0;
     CellPlan plan;
