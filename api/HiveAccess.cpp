@@ -157,7 +157,16 @@ void Trim(std::vector<Item>* items, std::size_t used) {
 
 }  // namespace
 
-HiveAccess::HiveAccess(std::unique_ptr<Hive> hive, bool writable) : hive_(std::move(hive)), writable_(writable) {}
+namespace {
+// Bins the internal API adds are at least this large: a caller that adds many
+// cells (an import, a package's loop) grows the file in steps of 16 pages,
+// not one or two. A multiple of the bin alignment, as every bin size is.
+constexpr std::uint32_t kNewBinFloor = 16 * kBinAlignment;
+}  // namespace
+
+HiveAccess::HiveAccess(std::unique_ptr<Hive> hive, bool writable) : hive_(std::move(hive)), writable_(writable) {
+    if (writable_) hive_->SetNewBinFloor(kNewBinFloor);
+}
 
 HiveAccess::~HiveAccess() { Close(); }
 
@@ -401,7 +410,7 @@ Status HiveAccess::CreateSubKey(CellOffset parent, const WString& name, ListOrde
     if (!stored) return Status::Of(StatusCode::Invalid, "the name is longer than a record holds");
     std::unique_ptr<Key> owner = BuildNodeAt<Key>(hive_.get(), parent, hive_.get(), CellKind::BySignature);
     if (owner == nullptr) return NoKeyAt(parent);
-    const Status made = Tamvik::CreateSubKey(owner.get(), hive_.get(), *stored, {Caller::Internal, order}, created);
+    const Status made = Tamvik::CreateSubKey(owner.get(), hive_.get(), *stored, {Caller::Internal, order}, created, &lastParent_);
     hive_->Flush();
     return made;
 }
@@ -451,6 +460,7 @@ Status HiveAccess::DeleteSubKey(CellOffset parent, CellOffset cell) {
     });
     if (!position)
         return walked ? Status::Of(StatusCode::NotFound, "no such subkey", FileOffsetOf(cell)) : walked;
+    lastParent_.Forget();
     const Status deleted = DeleteSubKeyAt(owner.get(), hive_.get(), *position);
     hive_->Flush();
     return deleted;
@@ -461,6 +471,7 @@ Status HiveAccess::SortSubKeys(CellOffset cell, bool* changed) {
     if (Status can = Writable(); !can) return can;
     std::unique_ptr<Key> key = BuildNodeAt<Key>(hive_.get(), cell, hive_.get(), CellKind::BySignature);
     if (key == nullptr) return NoKeyAt(cell);
+    lastParent_.Forget();
     const Status sorted = Tamvik::SortSubKeys(key.get(), hive_.get(), changed);
     hive_->Flush();
     return sorted;

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "edit/LeafMemo.h"
 #include "edit/NameForms.h"
 #include "edit/NewHive.h"
 #include "store/Platform.h"
@@ -128,6 +129,7 @@ private:
 
     std::unique_ptr<Hive> hive_;
     bool writable_;
+    LeafMemo lastParent_;  // what CreateSubKey keeps of the parent it last gave a key
 };
 
 }  // namespace Tamvik

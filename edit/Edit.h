@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "edit/LeafMemo.h"
 #include "edit/NameForms.h"
 #include "nodes/Key.h"
 #include "nodes/Security.h"
@@ -32,8 +33,9 @@ enum class Caller : std::uint8_t {
     // its cell while the cell holds 8 more; only an lf or lh takes a new key,
     // and a name _stricmp finds equal to the last entry is refused.
     Exported,
-    // The internal API: records and subkey lists are asked what they need and
-    // a list stays while its cell holds it; every kind of list takes keys.
+    // The internal API: records are asked what they need; a list that moves
+    // is asked room to grow (ListRoom) and stays while its cell holds it;
+    // every kind of list takes keys.
     Internal,
 };
 
@@ -51,8 +53,10 @@ void UnlinkSecurity(Security* security, Hive* hive);
 // its cell, and taking an entry out of a record.
 std::uint32_t AskedSubKeyList(std::uint32_t count, std::uint32_t entrySize, Caller caller);
 bool SubKeyListStays(std::uint32_t capacity, std::uint32_t count, std::uint32_t entrySize, Caller caller);
-std::uint32_t AskedValueList(std::uint32_t count);
-bool ValueListStays(std::uint32_t capacity, std::uint32_t count);
+std::uint32_t AskedValueList(std::uint32_t count, Caller caller);
+bool ValueListStays(std::uint32_t capacity, std::uint32_t count, Caller caller);
+// The entries an internal list is given room for when it holds entries: some to spare, never more than most.
+std::uint32_t ListRoom(std::uint32_t entries, std::uint32_t most);
 // Moves the entries behind index one place down over it: entries of
 // entrySize bytes from offset at of the record, count of them before the
 // removal, cut to what the record holds.
@@ -61,7 +65,10 @@ void DropEntry(RecordRef& record, std::uint32_t at, std::uint32_t count, std::ui
 // Key creation: a new nk under owner, put in its list. Refused (nothing
 // written) when a subkey of that name exists (Exists), the list can't take
 // it (Damaged) or no room can be had (NoRoom).
-Status CreateSubKey(Key* owner, Hive* hive, const NewName& name, EditRules rules, std::uint32_t* keyCell);
+// A memo, when given, stands for reading the names of a leaf it holds as the
+// file does (see LeafMemo) and is brought up to date.
+Status CreateSubKey(Key* owner, Hive* hive, const NewName& name, EditRules rules, std::uint32_t* keyCell,
+                    LeafMemo* memo = nullptr);
 // The list of owner with the new key's entry, in place or in a new cell; its offset, or 0.
 std::uint32_t InsertSubKeyEntry(Key* owner, Hive* hive, const NewName& name, std::uint32_t keyCell, EditRules rules);
 // Puts the entries of the key's subkey list (each leaf of an ri, and across
@@ -72,7 +79,7 @@ Status SortSubKeys(Key* key, Hive* hive, bool* changed);
 Status AddValue(Key* owner, Hive* hive, const NewName& name, std::uint32_t type, const std::uint8_t* data,
                 std::uint32_t length, Caller caller);
 // The value list of owner with one entry more, in place or in a new cell; its offset, or 0.
-std::uint32_t AppendValueEntry(Key* owner, Hive* hive, std::uint32_t valueCell);
+std::uint32_t AppendValueEntry(Key* owner, Hive* hive, std::uint32_t valueCell, Caller caller);
 // A db record with its segment list and segments of 16344 bytes; 0 on failure, with nothing left behind.
 std::uint32_t WriteBigData(Hive* hive, const std::uint8_t* data, std::uint32_t length);
 // Data of more than 4 bytes in a cell of its own, or in a db when it is big; 0 on failure.

@@ -64,12 +64,55 @@ std::string NarrowForOrder(const NewName& name, ListOrder order) {
     return name.form == NameForm::CodePage936 ? name.bytes : NarrowLossy(name.wide);
 }
 
+bool SameName(std::u16string_view existing, const WString& upper, const CaseMap& map) {
+    if (existing.size() != upper.size()) return false;
+    std::size_t k = 0;
+    while (k < upper.size() && map.Upper(existing[k]) == upper[k]) ++k;
+    return k == upper.size();
+}
+
+// The record of the leaf at leafCell, up to its last entry, in place; null
+// when the file doesn't hold it in an allocated cell.
+const std::uint8_t* LeafRecord(Hive* hive, std::uint32_t leafCell, std::uint32_t count, std::uint32_t entrySize) {
+    const std::uint64_t length = ListField::Entries + std::uint64_t{count} * entrySize;
+    const std::uint8_t* cell = hive->AreaBytes(leafCell, kCellSizeField);
+    if (cell == nullptr || LoadI32(cell) >= 0 || CellMagnitude(LoadI32(cell)) < kCellSizeField + length) return nullptr;
+    cell = hive->AreaBytes(leafCell, static_cast<std::uint32_t>(kCellSizeField + length));
+    return cell == nullptr ? nullptr : cell + kCellSizeField;
+}
+
+// Whether the memo holds owner's leaf as the file holds it now.
+bool Recalls(const LeafMemo& memo, Hive* hive, std::uint32_t owner, const SubKeyList& leaf, std::uint32_t count) {
+    if (memo.owner != owner || memo.leaf != leaf.GetOffset() || memo.names.size() != count) return false;
+    const std::uint8_t* record = LeafRecord(hive, memo.leaf, count, leaf.EntrySize());
+    return record != nullptr && memo.bytes.size() == ListField::Entries + std::size_t{count} * leaf.EntrySize() &&
+           std::memcmp(record, memo.bytes.data(), memo.bytes.size()) == 0;
+}
+
+// Where the new name goes among the remembered ones: before the first it goes
+// before. In a list in Windows' order and that order, that is the first
+// name greater than it, found by halving.
+std::uint32_t PositionAmong(const std::vector<WString>& names, bool windowsOrdered, const NewName& name,
+                            const std::string& narrow, ListOrder order) {
+    if (windowsOrdered && order == ListOrder::Windows) {
+        const auto at = std::upper_bound(names.begin(), names.end(), name.wide,
+                                         [](const WString& a, const WString& b) { return CompareWindowsOrder(a, b) < 0; });
+        return static_cast<std::uint32_t>(at - names.begin());
+    }
+    std::uint32_t i = 0;
+    while (i < names.size() && !GoesBefore(name, narrow, names[i], order)) ++i;
+    return i;
+}
+
 // Whether a subkey of that name is there, read at every position the
 // library's lookups count, through a private list: the owner's caches, and so
 // a caller's handles, stay as they are. Where the list is one leaf of a hive
-// in memory, also where the insert would put the name.
-Status RefuseSameName(Key* owner, Hive* hive, const NewName& name, EditRules rules, Placement* placement) {
+// in memory, also where the insert would put the name. A memo that holds the
+// leaf as it stands serves for reading the names; one that doesn't is filled
+// with the names read, to be kept once the insert is made.
+Status RefuseSameName(Key* owner, Hive* hive, const NewName& name, EditRules rules, Placement* placement, LeafMemo* memo) {
     const std::uint32_t count = owner->SubKeyCount();
+    if (memo != nullptr && count == 0) memo->Forget();
     if (count == 0) return Status::Success();
     std::unique_ptr<SubKeyList> list = owner->GetSubKeyList(hive);
     if (list == nullptr) return Status::Of(StatusCode::Damaged, "the subkey list can't be read");
@@ -80,6 +123,24 @@ Status RefuseSameName(Key* owner, Hive* hive, const NewName& name, EditRules rul
     learnt.known = hive->Image() != nullptr && leaf && learnt.Read(hive, owner->GetOffset()) &&
                    learnt.Read(hive, list->GetOffset());
     const std::string narrow = learnt.known ? NarrowForOrder(name, rules.order) : std::string();
+    if (memo != nullptr && learnt.known && Recalls(*memo, hive, owner->GetOffset(), *list, count)) {
+        for (const WString& existing : memo->names)
+            if (SameName(existing, upper, map)) return Status::Of(StatusCode::Exists, "a subkey of that name exists");
+        learnt.leafCell = list->GetOffset();
+        learnt.count = count;
+        learnt.position = PositionAmong(memo->names, memo->windowsOrdered, name, narrow, rules.order);
+        learnt.placed = learnt.position < count;
+        learnt.sameAsLast = !learnt.placed && rules.caller == Caller::Exported &&
+                            CompareLibraryOrder(narrow, memo->names.back()) == 0;
+        return Status::Success();
+    }
+    // Filled while it can serve: a leaf in memory, read whole.
+    std::vector<WString>* names = nullptr;
+    if (memo != nullptr) {
+        memo->Forget();
+        memo->windowsOrdered = true;
+        if (learnt.known) names = &memo->names;
+    }
     // One buffer for every name read: each is compared where it lies, unit by unit.
     WString existing;
     for (std::uint32_t i = 0; i < count; ++i) {
@@ -89,17 +150,16 @@ Status RefuseSameName(Key* owner, Hive* hive, const NewName& name, EditRules rul
         const bool read = leaf ? entry != kNoCell && KeyNameInto(hive, entry, into) : list->NameInto(hive, i, into).has_value();
         if (!read)
             return Status::Of(StatusCode::Damaged, "subkey #" + std::to_string(i) + " can't be read");
-        if (existing.size() == upper.size()) {
-            std::size_t k = 0;
-            while (k < upper.size() && map.Upper(existing[k]) == upper[k]) ++k;
-            if (k == upper.size()) return Status::Of(StatusCode::Exists, "a subkey of that name exists");
-        }
+        if (SameName(existing, upper, map)) return Status::Of(StatusCode::Exists, "a subkey of that name exists");
         if (!learnt.known) continue;
         learnt.known = learnt.Read(hive, entry);
         if (!learnt.placed && GoesBefore(name, narrow, existing, rules.order)) {
             learnt.placed = true;
             learnt.position = i;
         }
+        if (names == nullptr) continue;
+        if (!names->empty() && CompareWindowsOrder(names->back(), existing) > 0) memo->windowsOrdered = false;
+        names->push_back(existing);
     }
     if (learnt.known) {
         learnt.leafCell = list->GetOffset();
@@ -110,6 +170,32 @@ Status RefuseSameName(Key* owner, Hive* hive, const NewName& name, EditRules rul
         }
     }
     return Status::Success();
+}
+
+// After a new key's entry went into the single leaf at leafCell at the
+// learnt position: the memo keeps that leaf, with the new name among the
+// names read, when it was filled for this list.
+void Remember(LeafMemo* memo, Hive* hive, std::uint32_t owner, std::uint32_t leafCell, std::uint32_t keyCell,
+              const Placement& placement, const NewName& name) {
+    if (memo == nullptr) return;
+    std::vector<WString>& names = memo->names;
+    const std::uint32_t count = placement.count + 1;
+    if (names.size() != placement.count || placement.position > names.size()) return memo->Forget();
+    const std::uint8_t* record = hive->AreaBytes(leafCell, kCellSizeField + ListField::Entries);
+    const std::uint16_t signature = record == nullptr ? 0 : LoadU16(record + kCellSizeField + ListField::Signature);
+    if (signature != kLfSignature && signature != kLhSignature && signature != kLiSignature) return memo->Forget();
+    record = LeafRecord(hive, leafCell, count, ListEntrySize(signature));
+    const std::uint32_t size = ListEntrySize(signature);
+    if (record == nullptr || LoadU16(record + ListField::Count) != count ||
+        LoadU32(record + ListField::Entries + placement.position * size) != keyCell)
+        return memo->Forget();
+    const auto at = names.begin() + placement.position;
+    if (at != names.begin() && CompareWindowsOrder(*(at - 1), name.units) > 0) memo->windowsOrdered = false;
+    if (at != names.end() && CompareWindowsOrder(name.units, *at) > 0) memo->windowsOrdered = false;
+    names.insert(at, name.units);
+    memo->bytes.assign(record, record + ListField::Entries + std::size_t{count} * size);
+    memo->owner = owner;
+    memo->leaf = leafCell;
 }
 
 // A leaf with the new entry at position, in its cell when the rules keep it
@@ -208,11 +294,11 @@ std::uint32_t InsertSubKeyEntry(Key* owner, Hive* hive, const NewName& name, std
     return InsertEntry(owner, hive, name, keyCell, rules, nullptr);
 }
 
-Status CreateSubKey(Key* owner, Hive* hive, const NewName& name, EditRules rules, std::uint32_t* keyCell) {
+Status CreateSubKey(Key* owner, Hive* hive, const NewName& name, EditRules rules, std::uint32_t* keyCell, LeafMemo* memo) {
     const std::uint64_t where = owner->GetOffset() + std::uint64_t{kBaseBlockSize};
     if (name.bytes.size() > kMaxNameBytes) return Status::Of(StatusCode::Invalid, "the name is longer than a record holds");
     Placement placement;
-    if (Status same = RefuseSameName(owner, hive, name, rules, &placement); !same) return same;
+    if (Status same = RefuseSameName(owner, hive, name, rules, &placement, memo); !same) return same;
     if (owner->record.U16(NkField::Signature) != kNkSignature)
         return Status::Of(StatusCode::Damaged, "the parent key's cell holds no nk record", where);
     const std::uint32_t asked = NkField::Name + static_cast<std::uint32_t>(name.bytes.size()) + RecordSlack(rules.caller);
@@ -227,14 +313,24 @@ Status CreateSubKey(Key* owner, Hive* hive, const NewName& name, EditRules rules
     const bool clear = placement.known && placement.ClearOf(wroteFrom, wroteTo);
     const std::uint32_t listCell = InsertEntry(owner, hive, name, cell, rules, clear ? &placement : nullptr);
     if (listCell == 0) {
+        if (memo != nullptr) memo->Forget();
         FreeCellAt(hive, cell);
         return Status::Of(StatusCode::Damaged, "the subkey list can't take the new key", where);
     }
-    owner->SetField(NkField::SubKeyCount, owner->SubKeyCount() + 1);
+    const std::uint32_t count = owner->SubKeyCount();
+    owner->SetField(NkField::SubKeyCount, count + 1);
     owner->SetField(NkField::SubKeyListCell, listCell);
     owner->RaiseMaxName(NkField::MaxSubKeyName, name.Units());
     owner->Save(hive);
     AddSecurityRef(owner, hive);
+    if (count == 0 && memo != nullptr) {
+        // A first key: its new leaf holds just this name.
+        placement = Placement();
+        memo->Forget();
+        memo->windowsOrdered = true;
+    }
+    if (count == 0 || clear) Remember(memo, hive, owner->GetOffset(), listCell, cell, placement, name);
+    else if (memo != nullptr) memo->Forget();
     *keyCell = cell;
     return Status::Success();
 }

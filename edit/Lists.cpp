@@ -11,23 +11,33 @@
 
 namespace Tamvik {
 
+std::uint32_t ListRoom(std::uint32_t entries, std::uint32_t most) {
+    // Half as much again, at least four: a list that grows by one entry at a
+    // time moves to a new cell a logarithmic number of times, not at every step.
+    const std::uint64_t room = std::max<std::uint64_t>(4, entries + std::uint64_t{entries} / 2);
+    return static_cast<std::uint32_t>(std::min<std::uint64_t>(room, std::max(most, entries)));
+}
+
 std::uint32_t AskedSubKeyList(std::uint32_t count, std::uint32_t entrySize, Caller caller) {
     if (caller == Caller::Exported) return count * kFastEntry + 16;
-    return ListField::Entries + (count + 1) * entrySize;
+    return ListField::Entries + ListRoom(count + 1, kMaxLeafEntries) * entrySize;
 }
 
 bool SubKeyListStays(std::uint32_t capacity, std::uint32_t count, std::uint32_t entrySize, Caller caller) {
-    const std::uint32_t asked = AskedSubKeyList(count, entrySize, caller);
     if (caller == Caller::Exported)
-        return static_cast<std::int32_t>(capacity) >= static_cast<std::int32_t>(asked + 8);
-    return capacity >= NeedFor(asked);
+        return static_cast<std::int32_t>(capacity) >= static_cast<std::int32_t>(AskedSubKeyList(count, entrySize, caller) + 8);
+    return capacity >= NeedFor(ListField::Entries + (count + 1) * entrySize);
 }
 
-std::uint32_t AskedValueList(std::uint32_t count) { return count * 4 + 4; }
+std::uint32_t AskedValueList(std::uint32_t count, Caller caller) {
+    if (caller == Caller::Exported) return count * 4 + 4;
+    return ListRoom(count + 1, kMaxValueEntries) * 4;
+}
 
-// Unlike a subkey list, a value list stays only in a cell larger than it needs.
-bool ValueListStays(std::uint32_t capacity, std::uint32_t count) {
-    return static_cast<std::int32_t>(capacity) > static_cast<std::int32_t>(count * 4 + 8);
+bool ValueListStays(std::uint32_t capacity, std::uint32_t count, Caller caller) {
+    // The exported functions keep a value list only in a cell larger than it needs.
+    if (caller == Caller::Exported) return static_cast<std::int32_t>(capacity) > static_cast<std::int32_t>(count * 4 + 8);
+    return capacity >= NeedFor((count + 1) * 4);
 }
 
 void DropEntry(RecordRef& record, std::uint32_t at, std::uint32_t count, std::uint32_t index, std::uint32_t entrySize) {

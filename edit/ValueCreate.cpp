@@ -46,18 +46,31 @@ std::uint32_t WriteOutOfLine(Hive* hive, const std::uint8_t* data, std::uint32_t
     return NeedsBigData(hive, length) ? WriteBigData(hive, data, length) : WriteDataCell(hive, data, length);
 }
 
-std::uint32_t AppendValueEntry(Key* owner, Hive* hive, std::uint32_t valueCell) {
+std::uint32_t AppendValueEntry(Key* owner, Hive* hive, std::uint32_t valueCell, Caller caller) {
     const std::uint32_t count = owner->ValueCount();
     if (count >= kMaxValueEntries) return 0;
-    const std::uint32_t asked = AskedValueList(count);
+    const std::uint32_t asked = AskedValueList(count, caller);
     if (count == 0) {
         return CreateCell(hive, asked, [&](std::uint8_t* record, std::uint32_t) { StoreU32(record, valueCell); });
+    }
+    if (caller == Caller::Internal) {
+        // A cell with room for the entry takes just those four bytes, where
+        // the exported functions write the whole list again.
+        const std::uint32_t listCell = owner->Field(NkField::ValueListCell);
+        std::uint32_t size = 0;
+        if (hive->UsableCellBytes(listCell, &size) != nullptr && ValueListStays(size, count, caller)) {
+            std::uint8_t entry[4];
+            StoreU32(entry, valueCell);
+            owner->ListChanged(Key::ListChange::ValueAppending);
+            hive->WriteCell(listCell + kCellSizeField + count * 4, entry, sizeof entry);
+            return listCell;
+        }
     }
     std::unique_ptr<SubValList> list = owner->GetValueList(hive);
     if (list == nullptr || list->EntriesHeld() < count) return 0;
     CellPlan plan;
     const std::uint32_t capacity = list->GetBufferSize();
-    if (!PlanListRewrite(hive, list->GetOffset(), capacity, ValueListStays(capacity, count), asked, plan)) return 0;
+    if (!PlanListRewrite(hive, list->GetOffset(), capacity, ValueListStays(capacity, count, caller), asked, plan)) return 0;
     std::vector<std::uint8_t> image(plan.imageLength);
     std::memcpy(image.data() + 4, list->record.Data(), static_cast<std::size_t>(count) * 4);
     StoreU32(image.data() + 4 + count * 4, valueCell);
@@ -118,26 +131,49 @@ Status AddValueCells(Key* owner, Hive* hive, const NewName& name, std::uint32_t 
         return Status::Of(StatusCode::Damaged, "the key's cell holds no nk record", where);
     const std::uint32_t count = owner->ValueCount();
     const std::uint32_t oldList = owner->Field(NkField::ValueListCell);
+    // The internal API writes data that fits one cell first, so that the vk
+    // names that cell as it is written, with no second write of the vk.
+    const bool dataFirst = caller == Caller::Internal && length > 4 && !NeedsBigData(hive, length);
+    std::uint32_t dataCell = 0;
+    if (dataFirst) {
+        try {
+            dataCell = WriteDataCell(hive, data, length);
+        } catch (...) {
+            return Status::Of(StatusCode::NoMemory, "no memory for the value's data");  // nothing was written
+        }
+        if (dataCell == 0) return Status::Of(StatusCode::NoRoom, "no room for the value's data");
+    }
+    const auto dropData = [&] {
+        if (dataFirst) FreeCellAt(hive, dataCell);
+    };
     std::uint32_t valueCell = 0;
     try {
         valueCell = CreateCell(hive, VkField::Name + static_cast<std::uint32_t>(name.bytes.size()) + RecordSlack(caller),
-                               [&](std::uint8_t* record, std::uint32_t) { InitValueRecord(record, name, data, type, length); });
+                               [&](std::uint8_t* record, std::uint32_t) {
+                                   InitValueRecord(record, name, data, type, length);
+                                   if (dataFirst) StoreU32(record + VkField::DataCell, dataCell);
+                               });
     } catch (...) {
-        return Status::Of(StatusCode::NoMemory, "no memory for the value's cell");  // nothing was written
+        dropData();
+        return Status::Of(StatusCode::NoMemory, "no memory for the value's cell");
     }
-    if (valueCell == 0) return Status::Of(StatusCode::NoRoom, "no room for the value's cell");
+    if (valueCell == 0) {
+        dropData();
+        return Status::Of(StatusCode::NoRoom, "no room for the value's cell");
+    }
     std::uint32_t listCell = 0;
     try {
-        listCell = AppendValueEntry(owner, hive, valueCell);
+        listCell = AppendValueEntry(owner, hive, valueCell, caller);
     } catch (...) {
         listCell = 0;
     }
     if (listCell == 0) {
         FreeCellAt(hive, valueCell);
+        dropData();
         return Status::Of(StatusCode::Damaged, "the value list can't take the new value", where);
     }
-    if (length > 4) {
-        const std::uint32_t dataCell = WriteOutOfLine(hive, data, length);
+    if (length > 4 && !dataFirst) {
+        dataCell = WriteOutOfLine(hive, data, length);
         if (dataCell == 0) {
             FreeCellAt(hive, valueCell);
             if (count == 0) FreeCellAt(hive, listCell);

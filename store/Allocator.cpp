@@ -106,22 +106,35 @@ std::uint32_t FindFreeCell(Hive* hive, std::uint32_t& size, std::uint32_t& found
     return 0;
 }
 
+namespace {
+// The size of the bin AppendBin makes for need at the end of the bins; 0 when
+// the hive can't grow by it.
+std::uint32_t GrowthFor(Hive* hive, std::uint32_t need) {
+    const std::uint64_t binSize = std::max<std::uint64_t>(BinSizeFor(need), hive->NewBinFloor());
+    if (binSize > 0x7FFFF000u || hive->BinsSize() + binSize > 0xFFFFFFFFull - kBaseBlockSize) return 0;
+    return static_cast<std::uint32_t>(binSize);
+}
+
+// That bin's image: its header and one free cell.
+void NewBinImage(std::uint32_t binOffset, std::uint32_t binSize, std::uint8_t* image) {
+    std::memset(image, 0, binSize);
+    StoreU32(image + BinField::Signature, kHbinSignature);
+    StoreU32(image + BinField::BinOffset, binOffset);
+    StoreU32(image + BinField::BinSize, binSize);
+    StoreU64(image + BinField::Timestamp, static_cast<std::uint64_t>(Time64()));
+    StoreI32(image + kBinHeaderSize, static_cast<std::int32_t>(binSize - kBinHeaderSize));
+}
+}  // namespace
+
 std::uint32_t AppendBin(Hive* hive, std::uint32_t need, std::uint32_t& found) {
-    const std::int64_t now = Time64();
-    const std::uint64_t binSize = BinSizeFor(need);
-    const std::uint32_t binsSize = hive->BinsSize();
-    if (binSize > 0x7FFFF000u || binsSize + binSize > 0xFFFFFFFFull - kBaseBlockSize) return 0;
+    const std::uint32_t binsSize = hive->BinsSize(), binSize = GrowthFor(hive, need);
+    if (binSize == 0) return 0;
     Scratch<kInlineCell> image(binSize);
     if (image.get() == nullptr) return 0;
-    std::memset(image.get(), 0, binSize);
-    StoreU32(image.get() + BinField::Signature, kHbinSignature);
-    StoreU32(image.get() + BinField::BinOffset, binsSize);
-    StoreU32(image.get() + BinField::BinSize, static_cast<std::uint32_t>(binSize));
-    StoreU64(image.get() + BinField::Timestamp, static_cast<std::uint64_t>(now));
-    StoreI32(image.get() + kBinHeaderSize, static_cast<std::int32_t>(binSize - kBinHeaderSize));
-    if (!hive->WriteNewBin(binsSize, image.get(), static_cast<std::uint32_t>(binSize))) return 0;
-    found = static_cast<std::uint32_t>(binSize - kBinHeaderSize);
-    hive->SetBinsSize(static_cast<std::uint32_t>(binsSize + binSize));
+    NewBinImage(binsSize, binSize, image.get());
+    if (!hive->WriteNewBin(binsSize, image.get(), binSize)) return 0;
+    found = binSize - kBinHeaderSize;
+    hive->SetBinsSize(binsSize + binSize);
     hive->WriteBaseBlock();
     return binsSize + kBinHeaderSize;
 }
@@ -228,16 +241,11 @@ void FreeCellAt(Hive* hive, std::uint32_t cellOffset) {
     if (cell.IsUsable()) FreeCell(cell, hive);
 }
 
-bool PlanCell(Hive* hive, std::uint32_t askedSize, CellPlan& plan) {
-    // Cells made here carry no back link, so a hive of the second layout can't take them.
-    if (HasCellBackLinks(hive->MinorVersion())) return false;
-    std::uint32_t need = askedSize;
-    std::uint32_t found = 0;
-    std::uint32_t offset = FindFreeCell(hive, need, found);
-    if (need == 0) return false;
-    if (offset == 0) offset = AppendBin(hive, need, found);
-    if (offset == 0) return false;
-    std::uint32_t rest = found - need;
+namespace {
+
+// The remainder rule: a cell of need bytes at offset, in a free cell of found bytes.
+void Lay(std::uint32_t offset, std::uint32_t need, std::uint32_t found, CellPlan& plan) {
+    const std::uint32_t rest = found - need;
     plan.offset = offset;
     if (rest == 0) {
         plan.cellSize = need;
@@ -252,36 +260,100 @@ bool PlanCell(Hive* hive, std::uint32_t askedSize, CellPlan& plan) {
         plan.imageLength = need + 4;
         plan.remainder = rest;
     }
+}
+
+void StoreSizeFields(const CellPlan& plan, std::uint8_t* image) {
+    StoreI32(image, -static_cast<std::int32_t>(plan.cellSize));
+    if (plan.remainder != 0) StoreI32(image + plan.cellSize, static_cast<std::int32_t>(plan.remainder));
+}
+
+// A new cell of the asked size, its bytes behind the size field put there by
+// fill(record, capacity) in a zero-filled image: in the first free cell that
+// serves, else in a new bin. In memory the new bin goes to the file with the
+// cell already in it, in one write, where it would otherwise be written
+// empty and the cell copied in after it: the bytes are the same. A record
+// given as direct bytes (all of the record but the zeros behind it) goes to a
+// free cell of a hive in memory straight from the caller's buffer.
+std::uint32_t PlaceCell(Hive* hive, std::uint32_t askedSize, const RecordFiller& fill,
+                        const std::uint8_t* direct = nullptr) {
+    // Cells made here carry no back link, so a hive of the second layout can't take them.
+    if (HasCellBackLinks(hive->MinorVersion())) return 0;
+    std::uint32_t need = askedSize, found = 0;
+    std::uint32_t offset = FindFreeCell(hive, need, found);
+    if (need == 0) return 0;
+    CellPlan plan;
+    if (offset == 0 && hive->Image() != nullptr) {
+        const std::uint32_t binsSize = hive->BinsSize(), binSize = GrowthFor(hive, need);
+        if (binSize == 0) return 0;
+        Scratch<kInlineCell> bin(binSize);
+        if (bin.get() == nullptr) return 0;
+        NewBinImage(binsSize, binSize, bin.get());
+        Lay(binsSize + kBinHeaderSize, need, binSize - kBinHeaderSize, plan);
+        std::uint8_t* image = bin.get() + kBinHeaderSize;
+        if (fill) fill(image + kCellSizeField, plan.cellSize - kCellSizeField);
+        StoreSizeFields(plan, image);
+        if (!hive->WriteNewBin(binsSize, bin.get(), binSize)) return 0;
+        hive->SetBinsSize(binsSize + binSize);
+        hive->WriteBaseBlock();
+        return plan.offset;
+    }
+    if (offset == 0) offset = AppendBin(hive, need, found);
+    if (offset == 0) return 0;
+    Lay(offset, need, found, plan);
+    // Behind a direct record: zeros to the cell's end and the rest's size field, a few bytes.
+    std::uint8_t tail[16] = {};
+    const std::uint32_t tailFrom = kCellSizeField + askedSize;
+    if (direct != nullptr && hive->Image() != nullptr && plan.imageLength - tailFrom <= sizeof tail) {
+        std::uint8_t head[kCellSizeField];
+        StoreI32(head, -static_cast<std::int32_t>(plan.cellSize));
+        if (plan.remainder != 0) StoreI32(tail + (plan.cellSize - tailFrom), static_cast<std::int32_t>(plan.remainder));
+        hive->WriteBaseBlock();
+        hive->WriteArea(offset, head, kCellSizeField);
+        hive->WriteArea(offset + kCellSizeField, direct, askedSize);
+        if (plan.imageLength > tailFrom) hive->WriteArea(offset + tailFrom, tail, plan.imageLength - tailFrom);
+        return offset;
+    }
+    Scratch<kInlineCell> image(plan.imageLength);
+    if (image.get() == nullptr) return 0;
+    std::memset(image.get(), 0, plan.imageLength);
+    if (fill) fill(image.get() + kCellSizeField, plan.cellSize - kCellSizeField);
+    WritePlannedCell(hive, plan, image.get());
+    return plan.offset;
+}
+
+}  // namespace
+
+bool PlanCell(Hive* hive, std::uint32_t askedSize, CellPlan& plan) {
+    // Cells made here carry no back link, so a hive of the second layout can't take them.
+    if (HasCellBackLinks(hive->MinorVersion())) return false;
+    std::uint32_t need = askedSize;
+    std::uint32_t found = 0;
+    std::uint32_t offset = FindFreeCell(hive, need, found);
+    if (need == 0) return false;
+    if (offset == 0) offset = AppendBin(hive, need, found);
+    if (offset == 0) return false;
+    Lay(offset, need, found, plan);
     return true;
 }
 
 void WritePlannedCell(Hive* hive, const CellPlan& plan, std::uint8_t* image) {
-    StoreI32(image, -static_cast<std::int32_t>(plan.cellSize));
-    if (plan.remainder != 0) StoreI32(image + plan.cellSize, static_cast<std::int32_t>(plan.remainder));
+    StoreSizeFields(plan, image);
     hive->WriteCell(plan.offset, image, plan.imageLength);
 }
 
 std::uint32_t CreateCell(Hive* hive, std::uint32_t askedSize, const RecordFiller& fill) {
-    CellPlan plan;
-    if (!PlanCell(hive, askedSize, plan)) return 0;
-    Scratch<kInlineCell> image(plan.imageLength);
-    if (image.get() == nullptr) return 0;
-    std::memset(image.get(), 0, plan.imageLength);
-    if (fill) fill(image.get() + 4, plan.cellSize - 4);
-    WritePlannedCell(hive, plan, image.get());
-    return plan.offset;
+    return PlaceCell(hive, askedSize, fill);
 }
 
 std::uint32_t WriteDataCell(Hive* hive, const std::uint8_t* data, std::uint32_t length) {
-    CellPlan plan;
-    if (!PlanCell(hive, length, plan)) return 0;
-    // Only the bytes behind the data are cleared: the data covers the rest.
-    Scratch<kInlineCell> image(plan.imageLength);
-    if (image.get() == nullptr) return 0;
-    if (length != 0) std::memcpy(image.get() + kCellSizeField, data, length);
-    std::memset(image.get() + kCellSizeField + length, 0, plan.imageLength - kCellSizeField - length);
-    WritePlannedCell(hive, plan, image.get());
-    return plan.offset;
+    // Long data is written from where it lies rather than copied into an image first.
+    constexpr std::uint32_t kDirectFrom = 256;
+    return PlaceCell(
+        hive, length,
+        [&](std::uint8_t* record, std::uint32_t) {
+            if (length != 0) std::memcpy(record, data, length);
+        },
+        length >= kDirectFrom ? data : nullptr);
 }
 
 bool PlanListRewrite(Hive* hive, std::uint32_t listCell, std::uint32_t capacity, bool stays, std::uint32_t askedSize,

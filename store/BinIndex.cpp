@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "store/BinWalk.h"
+#include "store/ByteOrder.h"
 #include "store/FileImage.h"
 #include "store/Format.h"
 
@@ -25,11 +26,15 @@ void BinIndex::Extend(std::uint32_t binsSize) {
         searchable_ = placed_ = 0;
         stale_.clear();
         allocatedRun_.clear();
+        runMapped_.clear();
+        std::fill(runCells_.begin(), runCells_.end(), 0);
         built_ = true;
     }
     imageSize_ = image_.Size();
     binsSize_ = binsSize;
     binWalk_.ExtendTo(binsSize);
+    // A bit for every 8 bytes the file holds: a searchable bin lies inside it.
+    runCells_.resize(imageSize_ / kCellAlignment / 64 + 1, 0);
     while (binWalk_.More()) {
         const std::uint32_t at = binWalk_.At();
         // A header the file doesn't hold ends the walks here; a longer file starts them again.
@@ -48,6 +53,7 @@ void BinIndex::Extend(std::uint32_t binsSize) {
                 ++searchable_;
                 stale_.push_back(true);
                 allocatedRun_.push_back(kBinHeaderSize);
+                runMapped_.push_back(at % kCellAlignment == 0);
             } else {
                 searchStopped_ = true;
                 endedAtFileEnd_ = endedAtFileEnd_ || takes;
@@ -82,6 +88,7 @@ std::uint32_t BinIndex::Scan(std::size_t bin, std::uint32_t need, std::uint32_t&
             run = false;
             allocatedRun_[bin] = static_cast<std::uint32_t>(cells.At());
         }
+        if (run) MarkRunCell(bin, b.at + cells.At());
         if (size > 0 && cells.Fits(size)) {
             if (magnitude >= need && RestIsUsable(magnitude - need)) {
                 found = magnitude;
@@ -95,6 +102,62 @@ std::uint32_t BinIndex::Scan(std::size_t bin, std::uint32_t need, std::uint32_t&
         if (run) allocatedRun_[bin] = static_cast<std::uint32_t>(std::min<std::uint64_t>(cells.At(), b.binSize));
     }
     return 0;
+}
+
+void BinIndex::ForgetRun(std::size_t bin) {
+    allocatedRun_[bin] = kBinHeaderSize;
+    const Bin& b = walk_[bin];
+    runMapped_[bin] = b.at % kCellAlignment == 0;
+    // The bin's own bits only: a neighbour's run keeps its cells.
+    const std::uint64_t last = std::min<std::uint64_t>((std::uint64_t{b.at} + b.binSize) / kCellAlignment, runCells_.size() * 64);
+    for (std::uint64_t unit = b.at / kCellAlignment; unit < last;) {
+        if (unit % 64 == 0 && unit + 64 <= last) {
+            runCells_[unit / 64] = 0;
+            unit += 64;
+        } else {
+            runCells_[unit / 64] &= ~(std::uint64_t{1} << (unit % 64));
+            ++unit;
+        }
+    }
+}
+
+void BinIndex::MarkRunCell(std::size_t bin, std::uint64_t areaOffset) {
+    const std::uint64_t unit = areaOffset / kCellAlignment;
+    if (areaOffset % kCellAlignment != 0 || unit / 64 >= runCells_.size()) {
+        runMapped_[bin] = false;
+        return;
+    }
+    runCells_[unit / 64] |= std::uint64_t{1} << (unit % 64);
+}
+
+std::uint64_t BinIndex::NextRunCell(std::uint64_t unit, std::uint64_t limit) const {
+    while (unit < limit) {
+        const std::uint64_t bits = runCells_[unit / 64] >> (unit % 64);
+        if (bits != 0) return std::min(limit, unit + static_cast<std::uint64_t>(__builtin_ctzll(bits)));
+        unit = (unit / 64 + 1) * 64;
+    }
+    return limit;
+}
+
+bool BinIndex::InsideRun(std::size_t bin, std::uint64_t areaOffset, std::uint64_t end) const {
+    if (bin >= searchable_ || !runMapped_[bin]) return false;
+    const std::uint64_t runEnd = std::uint64_t{walk_[bin].at} + allocatedRun_[bin];
+    if (areaOffset < std::uint64_t{walk_[bin].at} + kBinHeaderSize || end > runEnd || end <= areaOffset ||
+        runEnd / kCellAlignment / 64 >= runCells_.size())
+        return false;
+    // Each cell of the run whose size field the write reached must still
+    // reach just to the next cell of the run (a record rewritten whole, with
+    // its size field as it was); the walk is then the same.
+    const std::uint64_t lastUnit = runEnd / kCellAlignment;
+    const std::uint64_t to = (end + kCellAlignment - 1) / kCellAlignment;  // cells up to end - 1
+    // Cells from areaOffset - 3 on.
+    for (std::uint64_t unit = NextRunCell((areaOffset + kCellAlignment - kCellSizeField) / kCellAlignment, to); unit < to;) {
+        const std::uint64_t next = NextRunCell(unit + 1, lastUnit);
+        const std::uint8_t* field = image_.At(kBaseBlockSize + unit * kCellAlignment, kCellSizeField);
+        if (field == nullptr || LoadI32(field) != -static_cast<std::int64_t>((next - unit) * kCellAlignment)) return false;
+        unit = next < to ? next : to;
+    }
+    return true;
 }
 
 void BinIndex::Set(std::size_t bin, std::uint32_t value) {
@@ -168,11 +231,12 @@ void BinIndex::Touched(std::uint64_t areaOffset, std::uint64_t length) {
     if (!built_) return;
     const std::uint64_t end = areaOffset + length;
     auto mark = [&](std::size_t i) {
+        // Inside a cell of the run and clear of its size fields: no walk changes.
+        if (InsideRun(i, areaOffset, end)) return;
         const Bin& bin = walk_[i];
         if (areaOffset < static_cast<std::uint64_t>(bin.at) + kBinHeaderSize && end > bin.at) built_ = false;
         // Bytes changed inside the run: the walks start at the first cell again.
-        if (i < searchable_ && areaOffset < static_cast<std::uint64_t>(bin.at) + allocatedRun_[i])
-            allocatedRun_[i] = kBinHeaderSize;
+        if (i < searchable_ && areaOffset < static_cast<std::uint64_t>(bin.at) + allocatedRun_[i]) ForgetRun(i);
         // A stale bin's leaf is kVisit already: the tree needs no walk up again.
         if (i < searchable_ && !stale_[i]) {
             stale_[i] = true;

@@ -56,6 +56,17 @@ private:
     // Per searchable bin: where the run of allocated cells its walk starts with
     // ends (an offset in the bin), kept until a write lands in front of it.
     std::vector<std::uint32_t> allocatedRun_;
+    // The cells of those runs: a bit per 8 bytes of the bins area set where
+    // a walk met one, so that a write inside a cell of a run, clear of every
+    // size field, is known to change no walk. A bin whose run has a cell at
+    // another place than a multiple of 8 keeps no bits (runMapped_ false).
+    std::vector<std::uint64_t> runCells_;
+    std::vector<bool> runMapped_;
+    void ForgetRun(std::size_t bin);
+    void MarkRunCell(std::size_t bin, std::uint64_t areaOffset);
+    bool InsideRun(std::size_t bin, std::uint64_t areaOffset, std::uint64_t end) const;
+    // The first unit from unit on, below limit, where a run has a cell; limit when none.
+    std::uint64_t NextRunCell(std::uint64_t unit, std::uint64_t limit) const;
     std::vector<std::uint32_t> tree_;  // max of the summaries, leaf i at tree_[leaves_ + i]
     std::size_t leaves_ = 0;
     std::size_t placed_ = 0;           // searchable bins with a leaf in the tree

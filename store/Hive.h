@@ -84,6 +84,11 @@ public:
     std::uint32_t RootCell() const { return header_.rootCell; }
     std::uint32_t BinsSize() const { return header_.binsSize; }
     void SetBinsSize(std::uint32_t size);
+    // The least size of a bin the allocator adds: 0 for the size the cell
+    // needs, as the exported functions grow a hive; more for a caller that
+    // adds many cells, so that the file grows in fewer, larger steps.
+    std::uint32_t NewBinFloor() const { return newBinFloor_; }
+    void SetNewBinFloor(std::uint32_t bytes) { newBinFloor_ = bytes; }
 
     // Transfers at an offset of the bins area, all or nothing; positions that
     // would pass 32 bits fail.
@@ -165,6 +170,7 @@ private:
     std::unique_ptr<FileImage> image_;
     std::unique_ptr<BinIndex> bins_;
     std::uint64_t generation_ = 0;
+    std::uint32_t newBinFloor_ = 0;
     std::unordered_map<std::uint64_t, NameIndex> parked_;
     std::uint64_t parkedGeneration_ = 0;
     bool closing_ = false;

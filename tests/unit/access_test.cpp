@@ -4,7 +4,9 @@
 // and hives opened through a volume device or inspected despite damage.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <numeric>
+#include <random>
 
 #include "api/HiveAccess.h"
 #include "store/Format.h"
@@ -139,6 +141,44 @@ TEST(Access, StoresWhatTheExportedFunctionsRefuseAndThePeersAgree) {
     EXPECT_EQ(Capture(std::string(TAMVIK_TOOL) + " check -q " + Quoted(file.Path())).first, 0);
     if (!PeersMissing().empty()) GTEST_SKIP() << PeersMissing();
     EXPECT_EQ(CompareListings(ListFile(file.Path()).lines, RunPeer("hivex", file.Path()).lines, "hivex"), "");
+}
+
+// Runs of creations under a few parents, one with a list out of Windows'
+// order, mixed with deletions and names that differ only in case, against a
+// model: each name goes before the first it sorts before, and a name is
+// refused exactly when the list holds it in any case.
+TEST(Access, CreationsUnderOneParentAfterAnotherFollowTheModel) {
+    TempFile file(Tree().Build());
+    std::unique_ptr<HiveAccess> hive = Opened(file);
+    const CellOffset parents[] = {hive->Root(), Key(*hive, u"Li"), Key(*hive, u"Lf")};
+    CellOffset made = 0;
+    ASSERT_TRUE(hive->CreateSubKey(parents[2], u"_", ListOrder::Library, &made));  // "_ a b"
+    std::vector<std::u16string> model[] = {{u"Lf", u"Li", u"Ri"}, {u"a", u"c"}, {u"_", u"a", u"b"}};
+    const auto upper = [](std::u16string name) {
+        for (char16_t& c : name) c = c >= u'a' && c <= u'z' ? static_cast<char16_t>(c - 32) : c;
+        return name;
+    };
+    std::mt19937 draw(7);
+    for (int step = 0; step < 400; ++step) {
+        const std::size_t p = draw() % 3;
+        std::vector<std::u16string>& names = model[p];
+        std::u16string name;
+        for (std::size_t n = 2 + draw() % 2; n > 0; --n) name += u"aBz_["[draw() % 5];  // never a name the tree has
+        const auto same = std::find_if(names.begin(), names.end(), [&](const auto& e) { return upper(e) == upper(name); });
+        if (draw() % 4 == 0 && same != names.end()) {
+            CellOffset cell = 0;
+            ASSERT_TRUE(hive->FindSubKey(parents[p], name, &cell) && hive->DeleteSubKey(parents[p], cell));
+            names.erase(same);
+        } else {
+            EXPECT_EQ(hive->CreateSubKey(parents[p], name, ListOrder::Windows, &made).code,
+                      same == names.end() ? StatusCode::Ok : StatusCode::Exists) << step;
+            if (same == names.end())
+                names.insert(std::find_if(names.begin(), names.end(), [&](const auto& e) { return upper(name) < upper(e); }), name);
+        }
+        std::string expected;
+        for (const auto& e : names) expected += Utf8(e) + " ";
+        ASSERT_EQ(Names(*hive, parents[p]), expected) << step;
+    }
 }
 
 TEST(Access, ThroughADeviceAndDespiteABadChecksum) {
