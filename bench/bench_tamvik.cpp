@@ -49,12 +49,13 @@ private:
     HKEY handle_ = nullptr;
 };
 
-HKEY Open(HKEY from, const std::u16string& path) {
+HKEY Open(HKEY from, const char16_t* path) {
     HKEY key = nullptr;
-    if (LONG result = RegOpenKeyExW(from, path.c_str(), 0, 0, &key); result != Result::Ok)
+    if (LONG result = RegOpenKeyExW(from, path, 0, 0, &key); result != Result::Ok)
         Fail("tamvik: can't open %s (result %d)", Narrow(path).c_str(), result);
     return key;
 }
+HKEY Open(HKEY from, const std::u16string& path) { return Open(from, path.c_str()); }
 
 // A caller's buffer, as a C caller's array would be: written before it is
 // read, so it isn't cleared first, and growing forgets what it held.
@@ -127,9 +128,9 @@ public:
             DWORD length = static_cast<DWORD>(name_.size());
             if (RegEnumKeyExW(key, i, name_.data(), &length, nullptr, nullptr, nullptr, nullptr) != Result::Ok)
                 Fail("tamvik: subkey %u of %s unreadable", i, name.c_str());
-            const std::u16string child(name_.data(), length);
-            HKEY sub = Open(key, child);
-            path_.push_back(totals_.hashing || candidates_ ? Narrow(child) : std::string());
+            // Opened by the name as enumerated, from the same buffer, as a C caller would.
+            path_.push_back(totals_.hashing || candidates_ ? Narrow(std::u16string(name_.data(), length)) : std::string());
+            HKEY sub = Open(key, name_.data());
             Walk(sub, path_.back());
             path_.pop_back();
         }
