@@ -11,7 +11,7 @@ namespace Tamvik {
 
 MidData::MidData(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_,
                  std::uint32_t bufferSize_, std::uint32_t payloadOffset)
-    : Data(offset_, parent_, buffer_, bufferSize_),
+    : Data(NodeClass::PlainData, offset_, parent_, buffer_, bufferSize_),
       record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 WString MidData::GetName() const { return u"MidData"; }
@@ -35,7 +35,7 @@ void MidData::Free(Hive* hive) { FreeCellAt(hive, offset); }
 
 BigData::BigData(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_,
                  std::uint32_t bufferSize_, std::uint32_t payloadOffset)
-    : Data(offset_, parent_, buffer_, bufferSize_),
+    : Data(NodeClass::BigData, offset_, parent_, buffer_, bufferSize_),
       record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 WString BigData::GetName() const { return u"BigData"; }
@@ -106,7 +106,7 @@ void BigData::Free(Hive* hive) {
 
 SubDatList::SubDatList(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_,
                        std::uint32_t bufferSize_, std::uint32_t payloadOffset)
-    : Node(offset_, parent_, buffer_, bufferSize_),
+    : Node(NodeClass::SegmentList, offset_, parent_, buffer_, bufferSize_),
       record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 WString SubDatList::GetName() const { return u"SubDatList"; }

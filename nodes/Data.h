@@ -28,7 +28,6 @@ public:
 
 class MidData : public Data {
 public:
-    NodeClass Class() const override { return NodeClass::PlainData; }
     static bool Holds(NodeClass c) { return c == NodeClass::PlainData; }
     MidData(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize,
             std::uint32_t payloadOffset);
@@ -45,7 +44,6 @@ public:
 
 class BigData : public Data {
 public:
-    NodeClass Class() const override { return NodeClass::BigData; }
     static bool Holds(NodeClass c) { return c == NodeClass::BigData; }
     BigData(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize,
             std::uint32_t payloadOffset);
@@ -65,7 +63,6 @@ public:
 
 class SubDatList : public Node {
 public:
-    NodeClass Class() const override { return NodeClass::SegmentList; }
     static bool Holds(NodeClass c) { return c == NodeClass::SegmentList; }
     SubDatList(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize,
                std::uint32_t payloadOffset);

@@ -13,7 +13,7 @@ namespace Tamvik {
 
 Key::Key(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_, std::uint32_t bufferSize_,
          std::uint32_t payloadOffset)
-    : Node(offset_, parent_, buffer_, bufferSize_),
+    : Node(NodeClass::Key, offset_, parent_, buffer_, bufferSize_),
       record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 Key::~Key() {

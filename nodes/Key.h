@@ -20,7 +20,6 @@ class Val;
 
 class Key : public Node {
 public:
-    NodeClass Class() const override { return NodeClass::Key; }
     static bool Holds(NodeClass c) { return c == NodeClass::Key; }
     Key(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize,
         std::uint32_t payloadOffset);

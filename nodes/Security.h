@@ -12,11 +12,10 @@ namespace Tamvik {
 
 class Security : public Node {
 public:
-    NodeClass Class() const override { return NodeClass::Security; }
     static bool Holds(NodeClass c) { return c == NodeClass::Security; }
     Security(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_, std::uint32_t bufferSize_,
              std::uint32_t payloadOffset)
-        : Node(offset_, parent_, buffer_, bufferSize_),
+        : Node(NodeClass::Security, offset_, parent_, buffer_, bufferSize_),
           record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
     RecordRef record;

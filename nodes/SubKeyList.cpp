@@ -8,9 +8,9 @@
 
 namespace Tamvik {
 
-SubKeyList::SubKeyList(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_,
+SubKeyList::SubKeyList(NodeClass cls, std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_,
                        std::uint32_t bufferSize_, std::uint32_t payloadOffset)
-    : Node(offset_, parent_, buffer_, bufferSize_),
+    : Node(cls, offset_, parent_, buffer_, bufferSize_),
       record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 SubKeyList::~SubKeyList() {

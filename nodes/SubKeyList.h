@@ -24,7 +24,7 @@ public:
         return c == NodeClass::Indirect || c == NodeClass::IndexLeaf || c == NodeClass::FastLeaf ||
                c == NodeClass::HashLeaf;
     }
-    SubKeyList(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize,
+    SubKeyList(NodeClass cls, std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize,
                std::uint32_t payloadOffset);
     ~SubKeyList() override;
 
@@ -109,9 +109,9 @@ struct LeafEntry {
 // An ri: a list of leaves. Positions run over the keys of all leaves in order.
 class Indirect : public SubKeyList {
 public:
-    NodeClass Class() const override { return NodeClass::Indirect; }
     static bool Holds(NodeClass c) { return c == NodeClass::Indirect; }
-    using SubKeyList::SubKeyList;
+    Indirect(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize, std::uint32_t payloadOffset)
+        : SubKeyList(NodeClass::Indirect, offset, parent, buffer, bufferSize, payloadOffset) {}
     std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
     std::optional<std::uint32_t> KeyCellAt(Hive* hive, std::uint32_t index) override;
     std::optional<std::size_t> NameInto(Hive* hive, std::uint32_t index, NameTarget target) override;
@@ -149,9 +149,9 @@ private:
 // An li: key offsets only.
 class IndxLeaf : public SubKeyList {
 public:
-    NodeClass Class() const override { return NodeClass::IndexLeaf; }
     static bool Holds(NodeClass c) { return c == NodeClass::IndexLeaf; }
-    using SubKeyList::SubKeyList;
+    IndxLeaf(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize, std::uint32_t payloadOffset)
+        : SubKeyList(NodeClass::IndexLeaf, offset, parent, buffer, bufferSize, payloadOffset) {}
     std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
     std::optional<std::size_t> NameInto(Hive* hive, std::uint32_t index, NameTarget target) override;
     std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index) override;
@@ -161,9 +161,13 @@ public:
 // An lf: key offsets with the first four name bytes beside each.
 class FastLeaf : public SubKeyList {
 public:
-    NodeClass Class() const override { return NodeClass::FastLeaf; }
     static bool Holds(NodeClass c) { return c == NodeClass::FastLeaf || c == NodeClass::HashLeaf; }
-    using SubKeyList::SubKeyList;
+    FastLeaf(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize, std::uint32_t payloadOffset)
+        : FastLeaf(NodeClass::FastLeaf, offset, parent, buffer, bufferSize, payloadOffset) {}
+    // For the lh, an lf with hashes.
+    FastLeaf(NodeClass cls, std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize,
+             std::uint32_t payloadOffset)
+        : SubKeyList(cls, offset, parent, buffer, bufferSize, payloadOffset) {}
     std::unique_ptr<Key> GetAt(Hive* hive, std::uint32_t index) override;
     std::optional<std::size_t> NameInto(Hive* hive, std::uint32_t index, NameTarget target) override;
     std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index) override;
@@ -173,9 +177,9 @@ public:
 // An lh: as an lf, with a name hash beside each key.
 class HashLeaf : public FastLeaf {
 public:
-    NodeClass Class() const override { return NodeClass::HashLeaf; }
     static bool Holds(NodeClass c) { return c == NodeClass::HashLeaf; }
-    using FastLeaf::FastLeaf;
+    HashLeaf(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize, std::uint32_t payloadOffset)
+        : FastLeaf(NodeClass::HashLeaf, offset, parent, buffer, bufferSize, payloadOffset) {}
 };
 
 // A subkey list standing over a cell's bytes, as ImageView stands for one

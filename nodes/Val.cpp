@@ -13,7 +13,7 @@ namespace Tamvik {
 
 Val::Val(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_, std::uint32_t bufferSize_,
          std::uint32_t payloadOffset)
-    : Node(offset_, parent_, buffer_, bufferSize_),
+    : Node(NodeClass::Value, offset_, parent_, buffer_, bufferSize_),
       record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 bool Val::NarrowName() const { return (record.U16(VkField::Flags) & VkField::NarrowNameFlag) != 0; }
@@ -73,7 +73,7 @@ bool Val::ReadData(Hive* hive, std::uint8_t* target, std::uint32_t capacity) {
 
 SubValList::SubValList(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_,
                        std::uint32_t bufferSize_, std::uint32_t payloadOffset)
-    : Node(offset_, parent_, buffer_, bufferSize_),
+    : Node(NodeClass::ValueList, offset_, parent_, buffer_, bufferSize_),
       record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
 SubValList::~SubValList() {

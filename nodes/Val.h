@@ -15,7 +15,6 @@ namespace Tamvik {
 
 class Val : public Node {
 public:
-    NodeClass Class() const override { return NodeClass::Value; }
     static bool Holds(NodeClass c) { return c == NodeClass::Value; }
     Val(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize,
         std::uint32_t payloadOffset);
@@ -48,7 +47,6 @@ private:
 
 class SubValList : public Node {
 public:
-    NodeClass Class() const override { return NodeClass::ValueList; }
     static bool Holds(NodeClass c) { return c == NodeClass::ValueList; }
     SubValList(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize,
                std::uint32_t payloadOffset);

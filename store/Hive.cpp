@@ -20,7 +20,7 @@ std::uint32_t BinRef::BinOffset() const { return LoadU32(header + BinField::BinO
 std::uint32_t BinRef::BinSize() const { return LoadU32(header + BinField::BinSize); }
 
 Hive::Hive(const WString& fileName_, std::unique_ptr<FileImage> image)
-    : Node(kNoCell, nullptr, nullptr, 0), closeHandle(nullptr), fileName(fileName_), image_(std::move(image)),
+    : Node(NodeClass::Hive, kNoCell, nullptr, nullptr, 0), closeHandle(nullptr), fileName(fileName_), image_(std::move(image)),
       bins_(std::make_unique<BinIndex>(*image_)) {
     storage.context = image_.get();
     // Whatever of the base block the file holds stands in the image; VerifyBaseBlock judges it.
@@ -31,7 +31,7 @@ Hive::Hive(const WString& fileName_, std::unique_ptr<FileImage> image)
 }
 
 Hive::Hive(const WString& fileName_, void* context, SeekOp seek, ReadOp read, WriteOp write)
-    : Node(kNoCell, nullptr, nullptr, 0), closeHandle(context), fileName(fileName_) {
+    : Node(NodeClass::Hive, kNoCell, nullptr, nullptr, 0), closeHandle(context), fileName(fileName_) {
     storage.context = context;
     storage.seek = seek;
     storage.read = read;

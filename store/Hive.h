@@ -57,7 +57,6 @@ struct BinRef {
 
 class Hive : public Node {
 public:
-    NodeClass Class() const override { return NodeClass::Hive; }
     static bool Holds(NodeClass c) { return c == NodeClass::Hive; }
     // A hive in a file, read into memory.
     Hive(const WString& fileName, std::unique_ptr<FileImage> image);

@@ -10,9 +10,9 @@
 
 namespace Tamvik {
 
-Node::Node(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_, std::uint32_t bufferSize_)
+Node::Node(NodeClass cls, std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_, std::uint32_t bufferSize_)
     : offset(offset_), parent(parent_), root(parent_ != nullptr ? parent_->root : this), buffer(buffer_),
-      bufferSize(bufferSize_) {}
+      bufferSize(bufferSize_), class_(cls) {}
 
 Node::~Node() = default;
 

@@ -33,8 +33,9 @@ enum class NodeClass : std::uint8_t {
 
 class Node {
 public:
+    // cls: the class of the node being built, which Class gives.
     // buffer: the cell's image, bufferSize bytes, which must outlive the node.
-    Node(std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize);
+    Node(NodeClass cls, std::uint32_t offset, Node* parent, std::uint8_t* buffer, std::uint32_t bufferSize);
     Node(const Node&) = delete;
     Node& operator=(const Node&) = delete;
     // A node and its image are one block of memory (see MakeNode), released
@@ -43,7 +44,8 @@ public:
     // a caller may still hold.
     static void operator delete(Node* node, std::destroying_delete_t);
 
-    virtual NodeClass Class() const = 0;
+    // Not virtual: the entry points and lists narrow nodes at every step.
+    NodeClass Class() const { return class_; }
 
     virtual Node* GetParent() const;
     virtual std::uint8_t* GetBuffer() const;
@@ -81,6 +83,7 @@ protected:
 
 private:
     bool published = false;
+    NodeClass class_;
 };
 
 // The node as a T when its class is T or derives from it, else null.
