@@ -35,14 +35,18 @@ Child* ScanLiterally(std::unique_ptr<Child>& child, std::uint64_t count, std::u1
 // in order, as child, when its name is wanted, which FollowsOrdered; else
 // null, and the scan by name answers. limit, matchesAt and getAt are as for
 // ScanByName.
+// Once a walk is under way the name there is almost always the one asked
+// for: the node is built first and its name compared, which reads the cell
+// once; the first position is tested before a node is built, since a lookup
+// of another kind starts there too.
 template <class Child, class MatchesAt, class GetAt>
 Child* NextInOrder(std::unique_ptr<Child>& child, NameIndex& index, std::uint64_t limit, std::u16string_view wanted,
                    MatchesAt matchesAt, GetAt getAt) {
     const std::uint32_t next = index.ordered;
-    if (next >= limit || !matchesAt(next)) return nullptr;
+    if (next >= limit || (next == 0 && !matchesAt(next))) return nullptr;
     child.reset();
     child = getAt(next);
-    if (child == nullptr) return nullptr;
+    if (child == nullptr || (next != 0 && !child->NameMatches(wanted))) return nullptr;
     index.AddOrdered(wanted);
     return child.get();
 }
