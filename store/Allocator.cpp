@@ -115,9 +115,11 @@ std::uint32_t GrowthFor(Hive* hive, std::uint32_t need) {
     return static_cast<std::uint32_t>(binSize);
 }
 
-// That bin's image: its header and one free cell.
-void NewBinImage(std::uint32_t binOffset, std::uint32_t binSize, std::uint8_t* image) {
-    std::memset(image, 0, binSize);
+// The first length bytes of that bin (at least its header and the size field
+// of its one free cell); the rest of it is zeros.
+constexpr std::uint32_t kNewBinHead = kBinHeaderSize + kCellSizeField;
+void NewBinImage(std::uint32_t binOffset, std::uint32_t binSize, std::uint8_t* image, std::uint32_t length) {
+    std::memset(image, 0, length);
     StoreU32(image + BinField::Signature, kHbinSignature);
     StoreU32(image + BinField::BinOffset, binOffset);
     StoreU32(image + BinField::BinSize, binSize);
@@ -129,10 +131,9 @@ void NewBinImage(std::uint32_t binOffset, std::uint32_t binSize, std::uint8_t* i
 std::uint32_t AppendBin(Hive* hive, std::uint32_t need, std::uint32_t& found) {
     const std::uint32_t binsSize = hive->BinsSize(), binSize = GrowthFor(hive, need);
     if (binSize == 0) return 0;
-    Scratch<kInlineCell> image(binSize);
-    if (image.get() == nullptr) return 0;
-    NewBinImage(binsSize, binSize, image.get());
-    if (!hive->WriteNewBin(binsSize, image.get(), binSize)) return 0;
+    std::uint8_t head[kNewBinHead];
+    NewBinImage(binsSize, binSize, head, sizeof head);
+    if (!hive->WriteNewBin(binsSize, head, sizeof head, binSize)) return 0;
     found = binSize - kBinHeaderSize;
     hive->SetBinsSize(binsSize + binSize);
     hive->WriteBaseBlock();
@@ -285,14 +286,16 @@ std::uint32_t PlaceCell(Hive* hive, std::uint32_t askedSize, const RecordFiller&
     if (offset == 0 && hive->Image() != nullptr) {
         const std::uint32_t binsSize = hive->BinsSize(), binSize = GrowthFor(hive, need);
         if (binSize == 0) return 0;
-        Scratch<kInlineCell> bin(binSize);
-        if (bin.get() == nullptr) return 0;
-        NewBinImage(binsSize, binSize, bin.get());
         Lay(binsSize + kBinHeaderSize, need, binSize - kBinHeaderSize, plan);
+        // The bin's header and the new cell (with the rest's size field): the zeros behind are the file's already.
+        const std::uint32_t headLength = kBinHeaderSize + plan.imageLength;
+        Scratch<kInlineCell> bin(headLength);
+        if (bin.get() == nullptr) return 0;
+        NewBinImage(binsSize, binSize, bin.get(), headLength);
         std::uint8_t* image = bin.get() + kBinHeaderSize;
         if (fill) fill(image + kCellSizeField, plan.cellSize - kCellSizeField);
         StoreSizeFields(plan, image);
-        if (!hive->WriteNewBin(binsSize, bin.get(), binSize)) return 0;
+        if (!hive->WriteNewBin(binsSize, bin.get(), headLength, binSize)) return 0;
         hive->SetBinsSize(binsSize + binSize);
         hive->WriteBaseBlock();
         return plan.offset;

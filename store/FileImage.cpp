@@ -130,19 +130,24 @@ bool FileImage::ReadIn(std::uint64_t length) {
 FileImage::~FileImage() { Flush(); }
 
 // The file's pages take the bytes as they are: growth is the only step that can be refused.
-bool FileImage::WriteMapped(std::uint64_t position, const void* source, std::uint64_t length) {
+bool FileImage::WriteMapped(std::uint64_t position, const void* source, std::uint64_t length, std::uint64_t zeros) {
     const auto* bytes = static_cast<const std::uint8_t*>(source);
-    const std::uint64_t end = position + length;
-    if (end <= size_) {
+    const std::uint64_t end = position + length, zerosEnd = end + zeros;
+    if (zerosEnd <= size_) {
         // Unchanged bytes leave their page clean: nothing to write back.
         if (std::memcmp(data_ + position, bytes, length) != 0) std::memcpy(data_ + position, bytes, length);
+        if (zeros != 0) std::memset(data_ + end, 0, zeros);
         return true;
     }
+    // Of what lies behind the hive's bytes, the source's part is copied; the zeros are there already.
     const std::uint64_t from = std::max(position, size_);
-    const bool grown = mapping_->Append(from, bytes + (from - position), end - from);
+    const std::uint64_t copied = end > from ? end - from : 0;
+    const bool grown = mapping_->Append(from, copied != 0 ? bytes + (from - position) : bytes, copied, zerosEnd - from - copied);
     Track();  // the mapping may have moved, even when the file refused
     if (!grown) return false;
-    if (position < from) std::memcpy(data_ + position, bytes, from - position);
+    // The file's own bytes up to where it ended are overwritten.
+    if (position < from) std::memcpy(data_ + position, bytes, std::min(end, from) - position);
+    if (end < from) std::memset(data_ + end, 0, from - end);
     return true;
 }
 
@@ -165,10 +170,12 @@ bool FileImage::Write(std::uint64_t position, const void* source, std::uint64_t 
     return true;
 }
 
-bool FileImage::WriteThrough(std::uint64_t position, const void* source, std::uint64_t length) {
-    if (readOnly_ || position > kMaxPosition || length > kMaxPosition - position) return false;
-    if (mapping_ != nullptr) return length == 0 || WriteMapped(position, source, length);
-    const std::uint64_t oldSize = size_, end = position + length;
+bool FileImage::WriteThrough(std::uint64_t position, const void* source, std::uint64_t length, std::uint64_t zeros) {
+    if (readOnly_ || position > kMaxPosition || length > kMaxPosition - position ||
+        zeros > kMaxPosition - position - length)
+        return false;
+    if (mapping_ != nullptr) return length + zeros == 0 || WriteMapped(position, source, length, zeros);
+    const std::uint64_t oldSize = size_, end = position + length + zeros;
     std::vector<std::uint8_t> old;
     try {
         if (position < oldSize) old.assign(data_ + position, data_ + std::min(end, oldSize));
@@ -177,7 +184,8 @@ bool FileImage::WriteThrough(std::uint64_t position, const void* source, std::ui
     }
     if (end > oldSize && !Resize(end)) return false;
     std::memcpy(data_ + position, source, length);
-    if (WriteOut(position, length)) return true;
+    std::memset(data_ + position + length, 0, zeros);
+    if (WriteOut(position, length + zeros)) return true;
     // The file took none or part of it: it gets back what it held, and the
     // image then holds whatever the file does, should that fail too.
     std::copy(old.begin(), old.end(), data_ + position);

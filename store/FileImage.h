@@ -59,9 +59,9 @@ public:
     // lies behind the end, and marks them for Flush. Bytes that already hold
     // what is written aren't marked. False on a read-only hive.
     bool Write(std::uint64_t position, const void* source, std::uint64_t length);
-    // The same, written to the file at once; when the file refuses, nothing
-    // has changed and the result is false.
-    bool WriteThrough(std::uint64_t position, const void* source, std::uint64_t length);
+    // The same, written to the file at once, and zeros more zero bytes behind
+    // them; when the file refuses, nothing has changed and the result is false.
+    bool WriteThrough(std::uint64_t position, const void* source, std::uint64_t length, std::uint64_t zeros = 0);
     // Hands the marked ranges to the file. A range the file refuses is read
     // back from it, so that the bytes stay what the file holds; false then.
     bool Flush();
@@ -75,7 +75,7 @@ private:
         kicked_ = size_;
     }
     bool Resize(std::uint64_t size);
-    bool WriteMapped(std::uint64_t position, const void* source, std::uint64_t length);
+    bool WriteMapped(std::uint64_t position, const void* source, std::uint64_t length, std::uint64_t zeros = 0);
     // Takes the bytes' place and length after they changed.
     void Track() {
         data_ = mapping_ != nullptr ? mapping_->Data() : bytes_.Data();

@@ -102,8 +102,9 @@ bool FileMapping::Reserve(std::uint64_t from, std::uint64_t end) {
     return false;
 }
 
-bool FileMapping::Append(std::uint64_t at, const std::uint8_t* source, std::uint64_t length) {
-    const std::uint64_t end = at + length;
+bool FileMapping::Append(std::uint64_t at, const std::uint8_t* source, std::uint64_t length, std::uint64_t zeros) {
+    // Past size_ the file holds zeros (the reserve's, or a hole's): the zeros asked for are there.
+    const std::uint64_t end = at + length + zeros;
     if (end > fileSize_ && !Reserve(at, end)) {
         MarkInBounds(data_, size_, capacity_);
         return false;

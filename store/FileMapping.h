@@ -23,10 +23,10 @@ public:
 
     std::uint8_t* Data() const { return data_; }
     std::uint64_t Size() const { return size_; }
-    // Lengthens the file with length bytes at position at, at or past its end
-    // (bytes between read as zeros). False, with the file as it was, when the
-    // disk or a limit refuses.
-    bool Append(std::uint64_t at, const std::uint8_t* source, std::uint64_t length);
+    // Lengthens the file with length bytes at position at, at or past its end,
+    // and zeros zero bytes behind them (bytes between read as zeros too).
+    // False, with the file as it was, when the disk or a limit refuses.
+    bool Append(std::uint64_t at, const std::uint8_t* source, std::uint64_t length, std::uint64_t zeros = 0);
     // Starts writing the changed pages from position from on to the disk, without waiting.
     void StartWriteback(std::uint64_t from);
     // Cuts the reserve off and makes the file's changed pages durable.
@@ -44,7 +44,7 @@ private:
     int fd_;
     std::uint8_t* data_;
     std::uint64_t size_;      // bytes the hive holds
-    std::uint64_t fileSize_;  // the file's length: size_ and the reserve behind it
+    std::uint64_t fileSize_;  // the file's length: size_ and the reserve behind it, all zeros, zeros until appended to
     std::uint64_t capacity_;  // bytes mapped at data_
     bool readOnly_;
 };

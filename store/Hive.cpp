@@ -126,9 +126,17 @@ bool Hive::WriteArea(std::uint32_t areaOffset, const void* source, std::uint32_t
     return true;
 }
 
-bool Hive::WriteNewBin(std::uint32_t areaOffset, const std::uint8_t* image, std::uint32_t size) {
-    if (image_ == nullptr) return WriteArea(areaOffset, image, size);
-    if (areaOffset > kMaxAreaOffset || !image_->WriteThrough(areaOffset + std::uint64_t{kBaseBlockSize}, image, size))
+bool Hive::WriteNewBin(std::uint32_t areaOffset, const std::uint8_t* head, std::uint32_t headLength,
+                       std::uint32_t size) {
+    if (image_ == nullptr) {
+        // A volume takes the bin in one write, as its device would see it.
+        std::unique_ptr<std::uint8_t[]> bin(new (std::nothrow) std::uint8_t[size]());
+        if (bin == nullptr) return false;
+        std::memcpy(bin.get(), head, headLength);
+        return WriteArea(areaOffset, bin.get(), size);
+    }
+    if (areaOffset > kMaxAreaOffset ||
+        !image_->WriteThrough(areaOffset + std::uint64_t{kBaseBlockSize}, head, headLength, size - headLength))
         return false;
     Touched(areaOffset, size);
     return true;

@@ -100,8 +100,9 @@ public:
     bool Supplies(std::uint32_t areaOffset, std::uint32_t size);
     // Reads size bytes into a new array, after Supplies.
     std::unique_ptr<std::uint8_t[]> ReadAreaBlock(std::uint32_t areaOffset, std::uint32_t size);
-    // A new bin behind the last, in the file at once: false when the storage refuses it.
-    bool WriteNewBin(std::uint32_t areaOffset, const std::uint8_t* image, std::uint32_t size);
+    // A new bin behind the last, in the file at once: false when the storage
+    // refuses it. head holds its first headLength bytes; the rest are zeros.
+    bool WriteNewBin(std::uint32_t areaOffset, const std::uint8_t* head, std::uint32_t headLength, std::uint32_t size);
 
     // The file's bytes in memory, or null for a hive on a volume. Only then
     // may caches and indexes answer in place of reads: a volume gets every

@@ -756,6 +756,9 @@ PyObject* KeyAt(KeyObject* from, PyObject* path, bool create) {
         cell = next;
     }
     if (stored.empty()) return Py_NewRef(reinterpret_cast<PyObject*>(from));
+    // A path of one name as the hive stores it (a key just made, mostly) is the key's name as given.
+    if (last == units && PyUnicode_CheckExact(path))
+        return NewKey(from->hive, from->state, cell, Py_NewRef(path), JoinPath(from->path, path));
     PyObject* below = TextOf(stored);
     PyObject* full = below == nullptr ? nullptr : JoinPath(from->path, below);
     Py_XDECREF(below);

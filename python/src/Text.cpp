@@ -59,6 +59,17 @@ bool UnitsOf(PyObject* text, Tamvik::WString* units) {
     const Py_ssize_t length = PyUnicode_GET_LENGTH(text);
     const int kind = PyUnicode_KIND(text);
     const void* data = PyUnicode_DATA(text);
+    // Narrow kinds widen unit for unit: names are mostly these.
+    if (kind == PyUnicode_1BYTE_KIND) {
+        const Py_UCS1* narrow = PyUnicode_1BYTE_DATA(text);
+        units->assign(narrow, narrow + length);
+        return true;
+    }
+    if (kind == PyUnicode_2BYTE_KIND) {
+        const Py_UCS2* wide = PyUnicode_2BYTE_DATA(text);
+        units->assign(wide, wide + length);
+        return true;
+    }
     units->clear();
     units->reserve(static_cast<std::size_t>(length));
     for (Py_ssize_t i = 0; i < length; ++i) {

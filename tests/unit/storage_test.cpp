@@ -147,6 +147,32 @@ TEST(Storage, AFileThatCantGrowLosesNothing) {
         }
 }
 
+// A new bin that lands on bytes behind the bins holds zeros where it has no
+// cells, as one written past the file's end does: a mapped file's growth
+// copies only the cells and leaves the zeros to the reserve.
+TEST(Storage, ANewBinOverBytesBehindTheBinsHoldsZeros) {
+    std::vector<Bytes> bins;
+    for (const std::size_t behind : {0, 6144, 65536}) {  // none, shorter than the new bin, longer
+        Bytes before = SmallHive();
+        const std::size_t binsEnd = before.size();
+        for (std::size_t i = 0; i < behind; ++i) before.push_back(static_cast<std::uint8_t>(i * 7 + 1));
+        TempFile file(before);
+        HKEY hive = nullptr, key = nullptr;
+        ASSERT_EQ(OpenHiveA(file.Path().c_str(), &hive, false), Result::Ok);
+        ASSERT_EQ(RegOpenKeyExW(hive, u"R\\Data", 0, 0, &key), Result::Ok);
+        const Bytes data(5000, 7);  // more than the first bin holds: a bin of two pages, mostly free
+        ASSERT_EQ(RegSetValueNewW(key, u"Big", 0, 3, data.data(), static_cast<DWORD>(data.size())), Result::Ok);
+        ASSERT_EQ(CloseHive(&hive), Result::Ok);
+        const Bytes after = file.Read();
+        ASSERT_GE(after.size(), binsEnd + 8192);
+        bins.emplace_back(after.begin() + static_cast<std::ptrdiff_t>(binsEnd + 32),  // past the new bin's header
+                          after.begin() + static_cast<std::ptrdiff_t>(binsEnd + 8192));
+    }
+    EXPECT_EQ(bins[1], bins[0]);
+    EXPECT_EQ(bins[2], bins[0]);
+    EXPECT_EQ(bins[0].back(), 0);
+}
+
 // A hive opened read-only is never written: whatever its edits answer, after
 // the close the file has its bytes and its time as before. Its keys still
 // take the edits in memory.
