@@ -34,11 +34,10 @@ Child* ScanLiterally(std::unique_ptr<Child>& child, std::uint64_t count, std::u1
 // The walk's lookup (see NameIndex::ordered): the node at the next position
 // in order, as child, when its name is wanted, which FollowsOrdered; else
 // null, and the scan by name answers. limit, matchesAt and getAt are as for
-// ScanByName.
-// Once a walk is under way the name there is almost always the one asked
-// for: the node is built first and its name compared, which reads the cell
-// once; the first position is tested before a node is built, since a lookup
-// of another kind starts there too.
+// ScanByName. Once a walk is under way the name there is almost always the
+// one asked for, so the node is built first and its name compared, reading
+// the cell once; the first position is tested before a node is built, since
+// a lookup of another kind starts there too.
 template <class Child, class MatchesAt, class GetAt>
 Child* NextInOrder(std::unique_ptr<Child>& child, NameIndex& index, std::uint64_t limit, std::u16string_view wanted,
                    MatchesAt matchesAt, GetAt getAt) {
