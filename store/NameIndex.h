@@ -111,7 +111,7 @@ private:
 
     // The last name opened in order; longer names end the ordered run.
     static constexpr std::size_t kOrderedUnits = 48;
-    std::array<char16_t, kOrderedUnits> lastOrdered_;
+    std::array<char16_t, kOrderedUnits> lastOrdered_{};
     std::uint8_t lastOrderedUnits_ = 0;
 
     std::uint64_t rules_ = 0;
