@@ -7,6 +7,7 @@
 #include "store/Allocator.h"
 #include "store/ByteOrder.h"
 #include "store/CodePage.h"
+#include "store/NameIndex.h"
 
 namespace Tamvik {
 
@@ -45,14 +46,18 @@ struct Placement {
     bool sameAsLast = false;  // the library's order finds it equal to the last name
     std::vector<std::pair<std::uint64_t, std::uint64_t>> cells;  // start and end of each cell read
 
-    // Adds the cell at offset; false when its size field isn't in memory to be read.
-    bool Read(Hive* hive, std::uint32_t offset) {
+    // Adds the cell at offset, its size to *size when asked; false when its
+    // size field isn't in memory to be read.
+    bool Read(Hive* hive, std::uint32_t offset, std::uint32_t* size = nullptr) {
         const std::uint8_t* field = hive->AreaBytes(offset, kCellSizeField);
         if (field == nullptr) return false;
-        // A cell's header is read whole, even when the cell is shorter.
-        const std::uint32_t length = std::max(CellMagnitude(LoadI32(field)), kCellHeaderRead);
-        cells.emplace_back(offset, offset + std::uint64_t{length});
+        if (size != nullptr) *size = CellMagnitude(LoadI32(field));
+        Add(offset, CellMagnitude(LoadI32(field)));
         return true;
+    }
+    void Add(std::uint32_t offset, std::uint32_t size) {
+        // A cell's header is read whole, even when the cell is shorter.
+        cells.emplace_back(offset, offset + std::uint64_t{std::max(size, kCellHeaderRead)});
     }
     bool ClearOf(std::uint64_t from, std::uint64_t to) const {
         return std::none_of(cells.begin(), cells.end(), [&](const auto& c) { return c.first < to && c.second > from; });
@@ -81,26 +86,60 @@ const std::uint8_t* LeafRecord(Hive* hive, std::uint32_t leafCell, std::uint32_t
     return cell == nullptr ? nullptr : cell + kCellSizeField;
 }
 
-// Whether the memo holds owner's leaf as the file holds it now.
+// Whether the memo holds owner's leaf as the file holds it now: the same
+// record, and each entry's key reading back as the name kept.
 bool Recalls(const LeafMemo& memo, Hive* hive, std::uint32_t owner, const SubKeyList& leaf, std::uint32_t count) {
     if (memo.owner != owner || memo.leaf != leaf.GetOffset() || memo.names.size() != count) return false;
     const std::uint8_t* record = LeafRecord(hive, memo.leaf, count, leaf.EntrySize());
-    return record != nullptr && memo.bytes.size() == ListField::Entries + std::size_t{count} * leaf.EntrySize() &&
-           std::memcmp(record, memo.bytes.data(), memo.bytes.size()) == 0;
+    if (record == nullptr || memo.bytes.size() != ListField::Entries + std::size_t{count} * leaf.EntrySize() ||
+        std::memcmp(record, memo.bytes.data(), memo.bytes.size()) != 0)
+        return false;
+    for (std::uint32_t i = 0; i < count; ++i)
+        if (!KeyStillReadsAs(hive, memo.cells[i], memo.sizes[i], memo.names[i])) return false;
+    return true;
+}
+
+std::uint64_t UpperHash(std::u16string_view name, const CaseMap& map) {
+    LookupHash hash;
+    for (char16_t unit : name) hash.Add(map.Upper(unit));
+    return hash.Value();
+}
+
+bool LibraryOrdered(const std::string& a, const std::string& b) { return CompareNoCase(a.c_str(), b.c_str()) <= 0; }
+
+// What the memo knows that depends on the case rules, made for the rules in force.
+void Refresh(LeafMemo& memo, const CaseMap& map) {
+    const std::uint64_t rules = CaseRules();
+    if (memo.rules == rules && memo.upperHashes.size() == memo.names.size()) return;
+    memo.upperHashes.clear();
+    for (const WString& name : memo.names) memo.upperHashes.push_back(UpperHash(name, map));
+    memo.libraryOrdered = true;
+    for (std::size_t i = 1; i < memo.orderKeys.size() && memo.libraryOrdered; ++i)
+        memo.libraryOrdered = LibraryOrdered(memo.orderKeys[i - 1], memo.orderKeys[i]);
+    memo.rules = rules;
 }
 
 // Where the new name goes among the remembered ones: before the first it goes
-// before. In a list in Windows' order and that order, that is the first
+// before. Among names standing in the order asked for, that is the first
 // name greater than it, found by halving.
-std::uint32_t PositionAmong(const std::vector<WString>& names, bool windowsOrdered, const NewName& name,
-                            const std::string& narrow, ListOrder order) {
-    if (windowsOrdered && order == ListOrder::Windows) {
-        const auto at = std::upper_bound(names.begin(), names.end(), name.wide,
-                                         [](const WString& a, const WString& b) { return CompareWindowsOrder(a, b) < 0; });
-        return static_cast<std::uint32_t>(at - names.begin());
+std::uint32_t PositionAmong(const LeafMemo& memo, const NewName& name, const std::string& narrow, ListOrder order) {
+    const std::vector<WString>& names = memo.names;
+    if (order == ListOrder::Windows) {
+        if (memo.windowsOrdered) {
+            const auto at = std::upper_bound(names.begin(), names.end(), name.wide, [](const WString& a, const WString& b) {
+                return CompareWindowsOrder(a, b) < 0;
+            });
+            return static_cast<std::uint32_t>(at - names.begin());
+        }
+        std::uint32_t i = 0;
+        while (i < names.size() && !GoesBefore(name, narrow, names[i], order)) ++i;
+        return i;
     }
+    const std::vector<std::string>& keys = memo.orderKeys;
+    auto before = [](const std::string& a, const std::string& b) { return CompareNoCase(a.c_str(), b.c_str()) < 0; };
+    if (memo.libraryOrdered) return static_cast<std::uint32_t>(std::upper_bound(keys.begin(), keys.end(), narrow, before) - keys.begin());
     std::uint32_t i = 0;
-    while (i < names.size() && !GoesBefore(name, narrow, names[i], order)) ++i;
+    while (i < keys.size() && !before(narrow, keys[i])) ++i;
     return i;
 }
 
@@ -124,22 +163,26 @@ Status RefuseSameName(Key* owner, Hive* hive, const NewName& name, EditRules rul
                    learnt.Read(hive, list->GetOffset());
     const std::string narrow = learnt.known ? NarrowForOrder(name, rules.order) : std::string();
     if (memo != nullptr && learnt.known && Recalls(*memo, hive, owner->GetOffset(), *list, count)) {
-        for (const WString& existing : memo->names)
-            if (SameName(existing, upper, map)) return Status::Of(StatusCode::Exists, "a subkey of that name exists");
+        Refresh(*memo, map);
+        // Names of another upper-case hash can't be the same name.
+        const std::uint64_t hash = LookupHash::Of(upper.data(), upper.size());
+        for (std::uint32_t i = 0; i < count; ++i)
+            if (memo->upperHashes[i] == hash && SameName(memo->names[i], upper, map))
+                return Status::Of(StatusCode::Exists, "a subkey of that name exists");
+        for (std::uint32_t i = 0; i < count; ++i) learnt.Add(memo->cells[i], memo->sizes[i]);
         learnt.leafCell = list->GetOffset();
         learnt.count = count;
-        learnt.position = PositionAmong(memo->names, memo->windowsOrdered, name, narrow, rules.order);
+        learnt.position = PositionAmong(*memo, name, narrow, rules.order);
         learnt.placed = learnt.position < count;
         learnt.sameAsLast = !learnt.placed && rules.caller == Caller::Exported &&
-                            CompareLibraryOrder(narrow, memo->names.back()) == 0;
+                            CompareNoCase(narrow.c_str(), memo->orderKeys.back().c_str()) == 0;
         return Status::Success();
     }
     // Filled while it can serve: a leaf in memory, read whole.
-    std::vector<WString>* names = nullptr;
+    const bool filling = memo != nullptr && learnt.known;
     if (memo != nullptr) {
         memo->Forget();
         memo->windowsOrdered = true;
-        if (learnt.known) names = &memo->names;
     }
     // One buffer for every name read: each is compared where it lies, unit by unit.
     WString existing;
@@ -152,14 +195,15 @@ Status RefuseSameName(Key* owner, Hive* hive, const NewName& name, EditRules rul
             return Status::Of(StatusCode::Damaged, "subkey #" + std::to_string(i) + " can't be read");
         if (SameName(existing, upper, map)) return Status::Of(StatusCode::Exists, "a subkey of that name exists");
         if (!learnt.known) continue;
-        learnt.known = learnt.Read(hive, entry);
+        std::uint32_t size = 0;
+        learnt.known = learnt.Read(hive, entry, &size);
         if (!learnt.placed && GoesBefore(name, narrow, existing, rules.order)) {
             learnt.placed = true;
             learnt.position = i;
         }
-        if (names == nullptr) continue;
-        if (!names->empty() && CompareWindowsOrder(names->back(), existing) > 0) memo->windowsOrdered = false;
-        names->push_back(existing);
+        if (!filling || !learnt.known) continue;
+        if (!memo->names.empty() && CompareWindowsOrder(memo->names.back(), existing) > 0) memo->windowsOrdered = false;
+        memo->Add(existing, LibraryOrderKey(existing), entry, size);
     }
     if (learnt.known) {
         learnt.leafCell = list->GetOffset();
@@ -181,6 +225,8 @@ void Remember(LeafMemo* memo, Hive* hive, std::uint32_t owner, std::uint32_t lea
     std::vector<WString>& names = memo->names;
     const std::uint32_t count = placement.count + 1;
     if (names.size() != placement.count || placement.position > names.size()) return memo->Forget();
+    const std::uint8_t* keyField = hive->AreaBytes(keyCell, kCellSizeField);
+    if (keyField == nullptr) return memo->Forget();
     const std::uint8_t* record = hive->AreaBytes(leafCell, kCellSizeField + ListField::Entries);
     const std::uint16_t signature = record == nullptr ? 0 : LoadU16(record + kCellSizeField + ListField::Signature);
     if (signature != kLfSignature && signature != kLhSignature && signature != kLiSignature) return memo->Forget();
@@ -192,7 +238,20 @@ void Remember(LeafMemo* memo, Hive* hive, std::uint32_t owner, std::uint32_t lea
     const auto at = names.begin() + placement.position;
     if (at != names.begin() && CompareWindowsOrder(*(at - 1), name.units) > 0) memo->windowsOrdered = false;
     if (at != names.end() && CompareWindowsOrder(name.units, *at) > 0) memo->windowsOrdered = false;
+    const std::size_t position = placement.position;
     names.insert(at, name.units);
+    memo->orderKeys.insert(memo->orderKeys.begin() + position, LibraryOrderKey(name.units));
+    memo->cells.insert(memo->cells.begin() + position, keyCell);
+    memo->sizes.insert(memo->sizes.begin() + position, CellMagnitude(LoadI32(keyField)));
+    // What holds under the rules in force is kept up to date while they stay.
+    if (memo->upperHashes.size() == placement.count && memo->rules == CaseRules()) {
+        memo->upperHashes.insert(memo->upperHashes.begin() + position, UpperHash(name.units, CurrentCaseMap()));
+        const std::vector<std::string>& keys = memo->orderKeys;
+        if (position > 0 && !LibraryOrdered(keys[position - 1], keys[position])) memo->libraryOrdered = false;
+        if (position + 1 < keys.size() && !LibraryOrdered(keys[position], keys[position + 1])) memo->libraryOrdered = false;
+    } else {
+        memo->upperHashes.clear();
+    }
     memo->bytes.assign(record, record + ListField::Entries + std::size_t{count} * size);
     memo->owner = owner;
     memo->leaf = leafCell;
@@ -292,6 +351,11 @@ std::uint32_t InsertEntry(Key* owner, Hive* hive, const NewName& name, std::uint
 
 std::uint32_t InsertSubKeyEntry(Key* owner, Hive* hive, const NewName& name, std::uint32_t keyCell, EditRules rules) {
     return InsertEntry(owner, hive, name, keyCell, rules, nullptr);
+}
+
+LeafMemo& ExportedLeafMemo(Hive* hive) {
+    if (hive->editMemo == nullptr) hive->editMemo = std::make_shared<LeafMemo>();
+    return *static_cast<LeafMemo*>(hive->editMemo.get());
 }
 
 Status CreateSubKey(Key* owner, Hive* hive, const NewName& name, EditRules rules, std::uint32_t* keyCell, LeafMemo* memo) {

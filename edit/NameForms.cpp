@@ -3,6 +3,7 @@
 #include <locale.h>
 
 #include <cctype>
+#include <cstring>
 #include <cwctype>
 #include <numeric>
 #include <vector>
@@ -141,6 +142,20 @@ int CompareLibraryOrder(const std::string& nameNarrow, std::u16string_view exist
         return CompareNoCase(nameNarrow.c_str(), narrow);
     }
     return CompareNoCase(nameNarrow.c_str(), NarrowLossy(existing.data(), existing.size()).c_str());
+}
+
+std::string LibraryOrderKey(std::u16string_view existing) {
+    std::size_t n = 0;
+    while (n < existing.size() && existing[n] != 0 && existing[n] < 0x80) ++n;
+    std::string key;
+    if (n == existing.size() || existing[n] == 0) {
+        key.resize(n);
+        for (std::size_t i = 0; i < n; ++i) key[i] = static_cast<char>(existing[i]);
+        return key;
+    }
+    key = NarrowLossy(existing.data(), existing.size());
+    key.resize(std::strlen(key.c_str()));  // the comparison stops at the first NUL
+    return key;
 }
 
 bool GoesBefore(const NewName& name, const std::string& nameNarrow, std::u16string_view existing, ListOrder order) {

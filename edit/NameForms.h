@@ -51,6 +51,9 @@ enum class ListOrder : std::uint8_t { Library, Windows };
 bool GoesBefore(const NewName& name, const std::string& nameNarrow, std::u16string_view existing, ListOrder order);
 // <0, 0 or >0 as the library's order places two names.
 int CompareLibraryOrder(const std::string& nameNarrow, std::u16string_view existing);
+// What that order compares of an existing name, made once for many
+// comparisons: CompareNoCase(nameNarrow, key) orders as CompareLibraryOrder.
+std::string LibraryOrderKey(std::u16string_view existing);
 
 // One UTF-16 unit upper-cased as Windows does it, whatever the locale; and a
 // whole name so.

@@ -325,6 +325,21 @@ std::optional<bool> KeyNameMatchesAt(Hive* hive, std::uint32_t cellOffset, std::
     });
 }
 
+bool KeyStillReadsAs(Hive* hive, std::uint32_t cellOffset, std::uint32_t cellSize, std::u16string_view name) {
+    const std::optional<ImageCell> cell = ClassifyInImage(hive, cellOffset, CellKind::BySignature);
+    if (!cell || cell->cls != NodeClass::Key || cell->size != cellSize) return false;
+    // Read only: the record is never written.
+    const RecordRef record = PayloadOf(const_cast<std::uint8_t*>(cell->bytes), cell->size, cell->payload);
+    const bool narrow = NarrowKeyName(record);
+    if (NameUnits(record, NkField::NameLength, NkField::Name, narrow) != name.size()) return false;
+    const std::uint8_t* bytes = record.Data() + NkField::Name;
+    for (std::size_t i = 0; i < name.size(); ++i) {
+        const char16_t unit = narrow ? bytes[i] : static_cast<char16_t>(LoadU16(bytes + 2 * i));
+        if (unit != name[i]) return false;
+    }
+    return true;
+}
+
 bool KeyStandsAt(Hive* hive, std::uint32_t cellOffset) {
     return WithKeyRecord(hive, cellOffset, [](const RecordRef&) { return true; }).has_value();
 }

@@ -114,6 +114,10 @@ std::optional<std::uint64_t> KeyNameHashAt(Hive* hive, std::uint32_t cellOffset)
 // Whether that name, upper-cased, is upper; and whether a Key can be built there at all.
 std::optional<bool> KeyNameMatchesAt(Hive* hive, std::uint32_t cellOffset, std::u16string_view upper);
 bool KeyStandsAt(Hive* hive, std::uint32_t cellOffset);
+// Whether a Key can be built from the cell at cellOffset of a hive in memory,
+// the cell is cellSize bytes long, and the key's name reads back as name, unit
+// for unit: then KeyNameInto gives name, as it did when those were read.
+bool KeyStillReadsAs(Hive* hive, std::uint32_t cellOffset, std::uint32_t cellSize, std::u16string_view name);
 // Whether an nk record stores its name compressed, a byte a character.
 bool NarrowKeyName(const RecordRef& record);
 

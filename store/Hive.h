@@ -154,6 +154,8 @@ public:
     // Keys made by the create functions: handed to callers, owned here, and
     // released with the hive so that a caller's handle stays good until the close.
     std::vector<std::unique_ptr<Node>> createdKeys;
+    // What the edits keep between calls on this hive; only they know its type.
+    std::shared_ptr<void> editMemo;
 
 private:
     bool SeekArea(std::uint32_t areaOffset);

@@ -303,6 +303,29 @@ TEST(Contract, LongListsKeepTheirLearntNamesUntilAnEdit) {
     EXPECT_FALSE(hive.TakeNames(list, false));
 }
 
+// A run of creations under one parent compares the siblings' names it read
+// before; a name changed in the file since, with the list unchanged, is seen.
+// In a list out of order a new name still goes before the first it sorts before.
+TEST(Contract, RunsOfCreatesUnderOneParent) {
+    HiveBuilder builder;
+    builder.AddTree(TreeKey{"ROOT", {}, {TreeKey{"P", {}, {TreeKey{"A"}, TreeKey{"C"}}},
+                                         TreeKey{"Q", {}, {TreeKey{"C"}, TreeKey{"A"}}}}});
+    TestHive test(builder);
+    const auto subkeys = [&](const std::u16string& path) {
+        std::string names;
+        for (const std::string& line : ListKey(test.hive, path).lines)
+            if (line.size() > 3 && line[0] == 'K') names += line.substr(3);
+        return names;
+    };
+    for (const char* name : {"D", "E"}) ASSERT_EQ(Create(test.Key(u"P"), name), Result::Ok);
+    ASSERT_TRUE(test.Internal()->WriteArea(builder.KeyOffset("P\\A") + 4 + Tamvik::NkField::Name, "B", 1));
+    EXPECT_EQ(Create(test.Key(u"P"), "b"), Result::AlreadyExists);
+    ASSERT_EQ(Create(test.Key(u"P"), "A"), Result::Ok);
+    EXPECT_EQ(subkeys(u"P"), "ABCDE");
+    for (const char* name : {"D", "B"}) ASSERT_EQ(Create(test.Key(u"Q"), name), Result::Ok);
+    EXPECT_EQ(subkeys(u"Q"), "BCAD");
+}
+
 // A handle whose node has died, or that never was one, is refused by every
 // entry point that takes a handle, before anything follows it.
 TEST(Contract, EndedHandlesGive87) {
