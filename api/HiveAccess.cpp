@@ -410,7 +410,8 @@ Status HiveAccess::CreateSubKey(CellOffset parent, const WString& name, ListOrde
     if (!stored) return Status::Of(StatusCode::Invalid, "the name is longer than a record holds");
     std::unique_ptr<Key> owner = BuildNodeAt<Key>(hive_.get(), parent, hive_.get(), CellKind::BySignature);
     if (owner == nullptr) return NoKeyAt(parent);
-    const Status made = Tamvik::CreateSubKey(owner.get(), hive_.get(), *stored, {Caller::Internal, order}, created, &lastParent_);
+    const Status made = Tamvik::CreateSubKey(owner.get(), hive_.get(), *stored, {Caller::Internal, order}, created,
+                                             &HiveLeafMemo(hive_.get()));
     hive_->Flush();
     return made;
 }
@@ -460,7 +461,7 @@ Status HiveAccess::DeleteSubKey(CellOffset parent, CellOffset cell) {
     });
     if (!position)
         return walked ? Status::Of(StatusCode::NotFound, "no such subkey", FileOffsetOf(cell)) : walked;
-    lastParent_.Forget();
+    HiveLeafMemo(hive_.get()).Forget();
     const Status deleted = DeleteSubKeyAt(owner.get(), hive_.get(), *position);
     hive_->Flush();
     return deleted;
@@ -471,7 +472,7 @@ Status HiveAccess::SortSubKeys(CellOffset cell, bool* changed) {
     if (Status can = Writable(); !can) return can;
     std::unique_ptr<Key> key = BuildNodeAt<Key>(hive_.get(), cell, hive_.get(), CellKind::BySignature);
     if (key == nullptr) return NoKeyAt(cell);
-    lastParent_.Forget();
+    HiveLeafMemo(hive_.get()).Forget();
     const Status sorted = Tamvik::SortSubKeys(key.get(), hive_.get(), changed);
     hive_->Flush();
     return sorted;

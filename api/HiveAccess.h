@@ -13,7 +13,6 @@
 #include <string>
 #include <vector>
 
-#include "edit/LeafMemo.h"
 #include "edit/NameForms.h"
 #include "edit/NewHive.h"
 #include "store/Platform.h"
@@ -129,7 +128,6 @@ private:
 
     std::unique_ptr<Hive> hive_;
     bool writable_;
-    LeafMemo lastParent_;  // what CreateSubKey keeps of the parent it last gave a key
 };
 
 }  // namespace Tamvik

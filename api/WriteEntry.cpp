@@ -76,7 +76,7 @@ LONG RegCreateKeyExA(HKEY key, const char* name, HKEY* result) {
     if (hive == nullptr) return Result::Invalid;
     std::uint32_t cell = 0;
     const Status made = CreateSubKey(owner, hive, CodePageName(narrow, *wide), {Caller::Exported, ListOrder::Library}, &cell,
-                                   &ExportedLeafMemo(hive));
+                                   &HiveLeafMemo(hive));
     if (made.code == StatusCode::Exists) return Result::AlreadyExists;
     if (!made) return Result::CannotCreate;
     const CellRef ref = hive->GetCell(cell);

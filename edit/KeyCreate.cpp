@@ -88,14 +88,27 @@ const std::uint8_t* LeafRecord(Hive* hive, std::uint32_t leafCell, std::uint32_t
 
 // Whether the memo holds owner's leaf as the file holds it now: the same
 // record, and each entry's key reading back as the name kept.
-bool Recalls(const LeafMemo& memo, Hive* hive, std::uint32_t owner, const SubKeyList& leaf, std::uint32_t count) {
+bool Recalls(LeafMemo& memo, Hive* hive, std::uint32_t owner, const SubKeyList& leaf, std::uint32_t count) {
     if (memo.owner != owner || memo.leaf != leaf.GetOffset() || memo.names.size() != count) return false;
     const std::uint8_t* record = LeafRecord(hive, memo.leaf, count, leaf.EntrySize());
     if (record == nullptr || memo.bytes.size() != ListField::Entries + std::size_t{count} * leaf.EntrySize() ||
         std::memcmp(record, memo.bytes.data(), memo.bytes.size()) != 0)
         return false;
-    for (std::uint32_t i = 0; i < count; ++i)
-        if (!KeyStillReadsAs(hive, memo.cells[i], memo.sizes[i], memo.names[i])) return false;
+    auto reads = [&](std::size_t i) { return KeyStillReadsAs(hive, memo.cells[i], memo.sizes[i], memo.names[i]); };
+    // Without a watch, or when it lost count, every sibling; else those written over since.
+    const bool all = memo.watch == nullptr || memo.watch->TakeMarks(memo.marks);
+    if (all) {
+        for (std::uint32_t i = 0; i < count; ++i)
+            if (!reads(i)) return false;
+        return true;
+    }
+    std::sort(memo.marks.begin(), memo.marks.end());
+    memo.marks.erase(std::unique(memo.marks.begin(), memo.marks.end()), memo.marks.end());
+    for (std::uint32_t mark : memo.marks) {
+        // Siblings may share a cell in a damaged list.
+        for (auto it = memo.cells.begin(); (it = std::find(it, memo.cells.end(), mark)) != memo.cells.end(); ++it)
+            if (!reads(static_cast<std::size_t>(it - memo.cells.begin()))) return false;
+    }
     return true;
 }
 
@@ -239,10 +252,10 @@ void Remember(LeafMemo* memo, Hive* hive, std::uint32_t owner, std::uint32_t lea
     if (at != names.begin() && CompareWindowsOrder(*(at - 1), name.units) > 0) memo->windowsOrdered = false;
     if (at != names.end() && CompareWindowsOrder(name.units, *at) > 0) memo->windowsOrdered = false;
     const std::size_t position = placement.position;
-    names.insert(at, name.units);
-    memo->orderKeys.insert(memo->orderKeys.begin() + position, LibraryOrderKey(name.units));
-    memo->cells.insert(memo->cells.begin() + position, keyCell);
-    memo->sizes.insert(memo->sizes.begin() + position, CellMagnitude(LoadI32(keyField)));
+    // The new key as the writes since left it.
+    const std::uint32_t keySize = CellMagnitude(LoadI32(keyField));
+    if (!KeyStillReadsAs(hive, keyCell, keySize, name.units)) return memo->Forget();
+    memo->Insert(position, name.units, LibraryOrderKey(name.units), keyCell, keySize);
     // What holds under the rules in force is kept up to date while they stay.
     if (memo->upperHashes.size() == placement.count && memo->rules == CaseRules()) {
         memo->upperHashes.insert(memo->upperHashes.begin() + position, UpperHash(name.units, CurrentCaseMap()));
@@ -353,8 +366,12 @@ std::uint32_t InsertSubKeyEntry(Key* owner, Hive* hive, const NewName& name, std
     return InsertEntry(owner, hive, name, keyCell, rules, nullptr);
 }
 
-LeafMemo& ExportedLeafMemo(Hive* hive) {
-    if (hive->editMemo == nullptr) hive->editMemo = std::make_shared<LeafMemo>();
+LeafMemo& HiveLeafMemo(Hive* hive) {
+    if (hive->editMemo == nullptr) {
+        auto memo = std::make_shared<LeafMemo>();
+        memo->watch = &hive->cellWatch;
+        hive->editMemo = std::move(memo);
+    }
     return *static_cast<LeafMemo*>(hive->editMemo.get());
 }
 

@@ -3,19 +3,22 @@
 // was read, not read again: the parent's single leaf as it was last written,
 // and the name each of its entries leads to. It serves a creation only while
 // the leaf in the file holds exactly those bytes and each sibling's cell still
-// reads back as the name and the size kept; anything else is read anew.
+// reads back as the name and the size kept; anything else is read anew. The
+// hive's write watch tells which siblings a write may have changed: only
+// those are read again.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "store/Hive.h"
 #include "store/Platform.h"
 
 namespace Tamvik {
 
-class Hive;
 
 struct LeafMemo {
     std::uint32_t owner = 0;          // the parent's nk cell; 0 when nothing is kept
@@ -32,6 +35,8 @@ struct LeafMemo {
     std::uint64_t rules = 0;
     std::vector<std::uint64_t> upperHashes;
     bool libraryOrdered = false;
+    WriteWatch* watch = nullptr;  // the hive's, watching each sibling's cell
+    std::vector<std::uint32_t> marks;  // the cells it marked, taken at each creation
 
     void Forget() {
         owner = leaf = 0;
@@ -42,17 +47,23 @@ struct LeafMemo {
         sizes.clear();
         upperHashes.clear();
         rules = 0;
+        if (watch != nullptr) watch->Clear();
     }
     // A sibling read at position names.size().
     void Add(WString name, std::string orderKey, std::uint32_t cell, std::uint32_t size) {
-        names.push_back(std::move(name));
-        orderKeys.push_back(std::move(orderKey));
-        cells.push_back(cell);
-        sizes.push_back(size);
+        Insert(names.size(), std::move(name), std::move(orderKey), cell, size);
+    }
+    void Insert(std::size_t at, WString name, std::string orderKey, std::uint32_t cell, std::uint32_t size) {
+        names.insert(names.begin() + at, std::move(name));
+        orderKeys.insert(orderKeys.begin() + at, std::move(orderKey));
+        cells.insert(cells.begin() + at, cell);
+        sizes.insert(sizes.begin() + at, size);
+        // A cell's header is read whole, even when the cell is shorter.
+        if (watch != nullptr) watch->Add(cell, std::max(size, kCellHeaderRead));
     }
 };
 
-// The memo the exported creations keep for a hive, made at first use; it goes with the hive.
-LeafMemo& ExportedLeafMemo(Hive* hive);
+// The memo the creations keep for a hive, made at first use; it goes with the hive.
+LeafMemo& HiveLeafMemo(Hive* hive);
 
 }  // namespace Tamvik

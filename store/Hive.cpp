@@ -115,6 +115,7 @@ bool Hive::ReadArea(std::uint32_t areaOffset, void* target, std::uint32_t size) 
 
 void Hive::Touched(std::uint32_t areaOffset, std::uint64_t size) {
     bins_->Touched(areaOffset, size);
+    cellWatch.Written(areaOffset, size);
     ++generation_;
 }
 

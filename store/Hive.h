@@ -18,6 +18,7 @@
 #include "store/NameIndex.h"
 #include "store/Node.h"
 #include "store/StorageOps.h"
+#include "store/WriteWatch.h"
 
 namespace Tamvik {
 
@@ -156,6 +157,8 @@ public:
     std::vector<std::unique_ptr<Node>> createdKeys;
     // What the edits keep between calls on this hive; only they know its type.
     std::shared_ptr<void> editMemo;
+    // The cells that memo holds a reading of, marked by the writes over them.
+    WriteWatch cellWatch;
 
 private:
     bool SeekArea(std::uint32_t areaOffset);

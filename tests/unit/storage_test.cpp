@@ -356,3 +356,29 @@ TEST(Storage, TheFreeSpaceIndexFindsTheFirstFit) {
 }
 
 }  // namespace
+
+// Which watched cells a write marks: those it overlaps, overlapping cells
+// included, none it only touches; more marks than cells stand for all.
+TEST(Storage, AWriteWatchMarksTheCellsAWriteReaches) {
+    Tamvik::WriteWatch watch;
+    for (auto [cell, length] : {std::pair{100u, 20u}, {200u, 8u}, {96u, 40u}, {8192u, 12u}}) watch.Add(cell, length);
+    const struct {
+        std::uint64_t offset, length;
+        std::vector<std::uint32_t> marked;
+    } writes[] = {{120, 80, {96}}, {199, 1, {}}, {207, 10, {200}}, {0, 97, {96}},   {130, 100, {96, 200}},
+                  {8190, 2, {}},   {8203, 1, {8192}}, {4096, 4096, {}}, {8, 0, {}}, {0, 1u << 20, {96, 100, 200, 8192}}};
+    for (const auto& w : writes) {
+        watch.Written(w.offset, w.length);
+        std::vector<std::uint32_t> marked;
+        EXPECT_FALSE(watch.TakeMarks(marked)) << w.offset;
+        std::sort(marked.begin(), marked.end());
+        EXPECT_EQ(marked, w.marked) << w.offset << "+" << w.length;
+    }
+    for (int i = 0; i < 5; ++i) watch.Written(100, 1);
+    std::vector<std::uint32_t> marked;
+    EXPECT_TRUE(watch.TakeMarks(marked));
+    watch.Clear();
+    watch.Written(100, 1);
+    EXPECT_FALSE(watch.TakeMarks(marked));
+    EXPECT_TRUE(marked.empty());
+}
