@@ -12,26 +12,35 @@ namespace Tamvik {
 class WriteWatch {
 public:
     void Clear() {
+        for (const Cell& cell : cells_) ForEachUnit(cell.start, cell.end, [&](std::uint64_t word, std::uint64_t bits) {
+            if (word < units_.size()) units_[word] &= ~bits;
+            return false;
+        });
         cells_.clear();
         marked_.clear();
         all_ = false;
         longest_ = 0;
-        std::fill(pages_.begin(), pages_.end(), 0);
     }
     // Watched from now on, unmarked: length bytes of the bins area from cell.
     void Add(std::uint32_t cell, std::uint32_t length) {
         const Cell added{cell, std::uint64_t{cell} + length};
         cells_.insert(std::upper_bound(cells_.begin(), cells_.end(), added, Before), added);
         longest_ = std::max(longest_, length);
-        for (std::uint64_t page = cell / kPage; page <= (added.end - 1) / kPage && length != 0; ++page) {
-            if (page / 64 >= pages_.size()) pages_.resize(page / 64 + 1, 0);
-            pages_[page / 64] |= std::uint64_t{1} << (page % 64);
-        }
+        ForEachUnit(added.start, added.end, [&](std::uint64_t word, std::uint64_t bits) {
+            if (word >= units_.size()) units_.resize(word + 1, 0);
+            units_[word] |= bits;
+            return false;
+        });
     }
     // After length bytes of the bins area from offset were written.
     void Written(std::uint64_t offset, std::uint64_t length) {
         const std::uint64_t end = offset + length;
-        if (all_ || length == 0 || !OnWatchedPage(offset, end)) return;
+        if (all_ || length == 0) return;
+        // Most writes land on no unit a watched cell reaches into: they miss every cell.
+        if (!ForEachUnit(offset, std::min(end, units_.size() * 64 * kUnit), [&](std::uint64_t word, std::uint64_t bits) {
+                return word < units_.size() && (units_[word] & bits) != 0;
+            }))
+            return;
         // A cell that starts further in front than the longest one is long ends before offset.
         const Cell from{static_cast<std::uint32_t>(offset > longest_ ? std::min<std::uint64_t>(offset - longest_, 0xFFFFFFFF) : 0), 0};
         for (auto it = std::lower_bound(cells_.begin(), cells_.end(), from, Before); it != cells_.end() && it->start < end; ++it) {
@@ -65,13 +74,20 @@ private:
     std::vector<std::uint32_t> marked_;
     bool all_ = false;
     std::uint32_t longest_ = 0;
-    // A bit per page of the bins area that a cell watched reaches into: most
-    // writes land on none, and are known to miss every cell without a search.
-    static constexpr std::uint64_t kPage = 4096;
-    std::vector<std::uint64_t> pages_;
-    bool OnWatchedPage(std::uint64_t offset, std::uint64_t end) const {
-        for (std::uint64_t page = offset / kPage; page <= (end - 1) / kPage && page / 64 < pages_.size(); ++page)
-            if ((pages_[page / 64] >> (page % 64) & 1) != 0) return true;
+    // A bit per 128 bytes of the bins area, set where a watched cell reaches.
+    static constexpr std::uint64_t kUnit = 128;
+    std::vector<std::uint64_t> units_;
+    // Calls visit(word, bits) for the bits of the units from offset to end,
+    // a word at a time, until it answers true; whether one did.
+    template <class Visit>
+    static bool ForEachUnit(std::uint64_t offset, std::uint64_t end, Visit visit) {
+        if (end <= offset) return false;
+        const std::uint64_t first = offset / kUnit, last = (end - 1) / kUnit;
+        for (std::uint64_t word = first / 64; word <= last / 64; ++word) {
+            const std::uint64_t from = word == first / 64 ? first % 64 : 0, to = word == last / 64 ? last % 64 : 63;
+            const std::uint64_t bits = (to == 63 ? ~std::uint64_t{0} : (std::uint64_t{1} << (to + 1)) - 1) & ~((std::uint64_t{1} << from) - 1);
+            if (visit(word, bits)) return true;
+        }
         return false;
     }
 };
