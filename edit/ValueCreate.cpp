@@ -38,6 +38,24 @@ void InitValueRecord(std::uint8_t* record, const NewName& name, const std::uint8
     std::memcpy(record + VkField::Name, name.bytes.data(), name.bytes.size());
 }
 
+// Writes the new vk's data cell field, when its cell still holds a vk.
+bool PointValueAtData(Hive* hive, Key* owner, std::uint32_t valueCell, std::uint32_t dataCell) {
+    if (hive->Image() != nullptr) {
+        // In memory the field alone is written: the rest of the record is as it was just made.
+        const std::optional<ImageCell> cell = ClassifyInImage(hive, valueCell, CellKind::BySignature);
+        if (!cell || cell->cls != NodeClass::Value) return false;
+        std::uint8_t field[4];
+        StoreU32(field, dataCell);
+        hive->WriteArea(valueCell + cell->payload + VkField::DataCell, field, sizeof field);
+        return true;
+    }
+    std::unique_ptr<Val> value = BuildNodeAt<Val>(hive, valueCell, owner, CellKind::BySignature);
+    if (value == nullptr) return false;
+    value->record.SetU32(VkField::DataCell, dataCell);
+    value->Save(hive);
+    return true;
+}
+
 }  // namespace
 
 bool NeedsBigData(Hive* hive, std::uint32_t length) { return IsBigDataLength(hive->MinorVersion(), length); }
@@ -180,13 +198,10 @@ Status AddValueCells(Key* owner, Hive* hive, const NewName& name, std::uint32_t 
             else KeepValueList(owner, hive, oldList, listCell);
             return Status::Of(StatusCode::NoRoom, "no room for the value's data");
         }
-        std::unique_ptr<Val> value = BuildNodeAt<Val>(hive, valueCell, owner, CellKind::BySignature);
-        if (value == nullptr) {
+        if (!PointValueAtData(hive, owner, valueCell, dataCell)) {
             if (count != 0) KeepValueList(owner, hive, oldList, listCell);
             return Status::Of(StatusCode::Damaged, "the new value's cell can't be read back");
         }
-        value->record.SetU32(VkField::DataCell, dataCell);
-        value->Save(hive);
     }
     owner->SetField(NkField::ValueCount, count + 1);
     owner->SetField(NkField::ValueListCell, listCell);
