@@ -106,7 +106,10 @@ std::uint32_t BinIndex::Scan(std::size_t bin, std::uint32_t need, std::uint32_t&
             if (summary != kVisit) summary = std::max(summary, magnitude);
         }
         cells.Next(size);
-        if (run) allocatedRun_[bin] = static_cast<std::uint32_t>(std::min<std::uint64_t>(cells.At(), b.binSize));
+        if (run)
+            allocatedRun_[bin] = static_cast<std::uint32_t>(std::min<std::uint64_t>(cells.At(), b.binSize));
+        else
+            cells.SkipAllocated(bytes);  // past the run only free cells are judged
     }
     return 0;
 }
