@@ -15,6 +15,8 @@ bool BinIndex::Readable(std::uint64_t areaOffset, std::uint64_t length) const {
 }
 
 void BinIndex::Extend(std::uint32_t binsSize) {
+    // Nothing that ended a walk changed: the walks stand where they stood.
+    if (built_ && binsSize == binsSize_ && image_.Size() == imageSize_) return;
     // A file that grew can make readable what ended a walk; a BinsSize that
     // fell would end it earlier. Either way the walks start again.
     if (built_ && (binsSize < binsSize_ || (image_.Size() != imageSize_ && endedAtFileEnd_))) built_ = false;
