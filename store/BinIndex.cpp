@@ -213,18 +213,24 @@ void BinIndex::Set(std::size_t bin, std::uint32_t value) {
 }
 
 std::size_t BinIndex::FirstAtLeast(std::size_t from, std::uint32_t need) const {
-    // Up from the leaf until a right-hand subtree holds one, then down to its first.
-    std::size_t node = leaves_ + from;
     if (from >= searchable_) return searchable_;
+    std::size_t node = leaves_ + from;
     if (tree_[node] >= need) return from;
-    while (node > 1) {
-        if (node % 2 == 0 && tree_[node + 1] >= need) {
-            node += 1;
-            break;
+    if (from == 0) {
+        // From the first leaf the search goes straight down from the root.
+        if (tree_[1] < need) return searchable_;
+        node = 1;
+    } else {
+        // Up from the leaf until a right-hand subtree holds one, then down to its first.
+        while (node > 1) {
+            if (node % 2 == 0 && tree_[node + 1] >= need) {
+                node += 1;
+                break;
+            }
+            node /= 2;
         }
-        node /= 2;
+        if (node == 1) return searchable_;
     }
-    if (node == 1) return searchable_;
     while (node < leaves_) node = tree_[2 * node] >= need ? 2 * node : 2 * node + 1;
     return std::min(node - leaves_, searchable_);
 }
