@@ -115,11 +115,11 @@ std::uint32_t GrowthFor(Hive* hive, std::uint32_t need) {
     return static_cast<std::uint32_t>(binSize);
 }
 
-// The first length bytes of that bin (at least its header and the size field
-// of its one free cell); the rest of it is zeros.
+// The header of that bin and the size field of its one free cell, in the
+// first kNewBinHead bytes of image; what lies behind is the caller's.
 constexpr std::uint32_t kNewBinHead = kBinHeaderSize + kCellSizeField;
-void NewBinImage(std::uint32_t binOffset, std::uint32_t binSize, std::uint8_t* image, std::uint32_t length) {
-    std::memset(image, 0, length);
+void NewBinImage(std::uint32_t binOffset, std::uint32_t binSize, std::uint8_t* image) {
+    std::memset(image, 0, kNewBinHead);
     StoreU32(image + BinField::Signature, kHbinSignature);
     StoreU32(image + BinField::BinOffset, binOffset);
     StoreU32(image + BinField::BinSize, binSize);
@@ -132,7 +132,7 @@ std::uint32_t AppendBin(Hive* hive, std::uint32_t need, std::uint32_t& found) {
     const std::uint32_t binsSize = hive->BinsSize(), binSize = GrowthFor(hive, need);
     if (binSize == 0) return 0;
     std::uint8_t head[kNewBinHead];
-    NewBinImage(binsSize, binSize, head, sizeof head);
+    NewBinImage(binsSize, binSize, head);
     if (!hive->WriteNewBin(binsSize, head, sizeof head, binSize)) return 0;
     found = binSize - kBinHeaderSize;
     hive->SetBinsSize(binsSize + binSize);
@@ -170,7 +170,10 @@ CellRef PrevCell(const BinRef& bin, Hive* hive, const CellRef& cell) {
         // Every cell the walk stands on lies before this one: when this one is
         // in range, they all are, and only their alignment is left to check.
         const bool inRange = cell.offset <= binsSize && cell.offset <= kMaxAreaOffset;
-        for (CellWalk cells(0, cell.offset - binOffset); cells.More();) {
+        // The index knows cells of the walk (aligned, in range): it may start at the last one in front.
+        const std::uint32_t known = inRange && hive->Bins() != nullptr ? hive->Bins()->RunCellBefore(binsSize, binOffset, cell.offset) : 0;
+        const std::uint32_t from = known > binOffset && known < cell.offset ? known - binOffset - kBinHeaderSize : 0;
+        for (CellWalk cells(from, cell.offset - binOffset); cells.More();) {
             const std::uint64_t at = binOffset + cells.At();
             if ((!inRange && (at >= binsSize || at > kMaxAreaOffset)) || at % kCellAlignment != 0) return CellRef();
             const std::int32_t size = cells.SizeIn(bytes);
@@ -291,9 +294,18 @@ std::uint32_t PlaceCell(Hive* hive, std::uint32_t askedSize, const RecordFiller&
         const std::uint32_t headLength = kBinHeaderSize + plan.imageLength;
         Scratch<kInlineCell> bin(headLength);
         if (bin.get() == nullptr) return 0;
-        NewBinImage(binsSize, binSize, bin.get(), headLength);
+        NewBinImage(binsSize, binSize, bin.get());
         std::uint8_t* image = bin.get() + kBinHeaderSize;
-        if (fill) fill(image + kCellSizeField, plan.cellSize - kCellSizeField);
+        std::uint8_t* record = image + kCellSizeField;
+        const std::uint32_t capacity = plan.cellSize - kCellSizeField;
+        if (direct != nullptr) {
+            // The record's bytes, then zeros: nothing is cleared that is copied over.
+            std::memcpy(record, direct, askedSize);
+            std::memset(record + askedSize, 0, plan.imageLength - kCellSizeField - askedSize);
+        } else {
+            std::memset(record, 0, plan.imageLength - kCellSizeField);
+            if (fill) fill(record, capacity);
+        }
         StoreSizeFields(plan, image);
         if (!hive->WriteNewBin(binsSize, bin.get(), headLength, binSize)) return 0;
         hive->SetBinsSize(binsSize + binSize);

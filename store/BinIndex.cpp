@@ -15,6 +15,8 @@ bool BinIndex::Readable(std::uint64_t areaOffset, std::uint64_t length) const {
 }
 
 void BinIndex::Extend(std::uint32_t binsSize) {
+    // Nothing that ended a walk changed: the walks stand where they stood.
+    if (built_ && binsSize == binsSize_ && image_.Size() == imageSize_) return;
     // A file that grew can make readable what ended a walk; a BinsSize that
     // fell would end it earlier. Either way the walks start again.
     if (built_ && (binsSize < binsSize_ || (image_.Size() != imageSize_ && endedAtFileEnd_))) built_ = false;
@@ -27,6 +29,8 @@ void BinIndex::Extend(std::uint32_t binsSize) {
         stale_.clear();
         allocatedRun_.clear();
         runMapped_.clear();
+        pageBin_.clear();
+        pageCursor_ = 0;
         std::fill(runCells_.begin(), runCells_.end(), 0);
         built_ = true;
     }
@@ -60,6 +64,11 @@ void BinIndex::Extend(std::uint32_t binsSize) {
             }
         }
         binWalk_.Next(bin.binSize);
+    }
+    const std::uint64_t pages = std::min(binWalk_.Reached(), imageSize_ + kPage) / kPage;
+    for (std::uint64_t page = pageBin_.size(); page < pages && !walk_.empty(); ++page) {
+        while (pageCursor_ + 1 < walk_.size() && walk_[pageCursor_ + 1].at <= page * kPage) ++pageCursor_;
+        pageBin_.push_back(static_cast<std::uint32_t>(pageCursor_));
     }
     if (placed_ == searchable_) return;
     if (leaves_ < searchable_) {
@@ -99,7 +108,10 @@ std::uint32_t BinIndex::Scan(std::size_t bin, std::uint32_t need, std::uint32_t&
             if (summary != kVisit) summary = std::max(summary, magnitude);
         }
         cells.Next(size);
-        if (run) allocatedRun_[bin] = static_cast<std::uint32_t>(std::min<std::uint64_t>(cells.At(), b.binSize));
+        if (run)
+            allocatedRun_[bin] = static_cast<std::uint32_t>(std::min<std::uint64_t>(cells.At(), b.binSize));
+        else
+            cells.SkipAllocated(bytes);  // past the run only free cells are judged
     }
     return 0;
 }
@@ -108,17 +120,34 @@ void BinIndex::ForgetRun(std::size_t bin) {
     allocatedRun_[bin] = kBinHeaderSize;
     const Bin& b = walk_[bin];
     runMapped_[bin] = b.at % kCellAlignment == 0;
+    ClearRunBits(bin, b.at / kCellAlignment);
+}
+
+void BinIndex::ClearRunBits(std::size_t bin, std::uint64_t fromUnit) {
     // The bin's own bits only: a neighbour's run keeps its cells.
+    const Bin& b = walk_[bin];
     const std::uint64_t last = std::min<std::uint64_t>((std::uint64_t{b.at} + b.binSize) / kCellAlignment, runCells_.size() * 64);
-    for (std::uint64_t unit = b.at / kCellAlignment; unit < last;) {
-        if (unit % 64 == 0 && unit + 64 <= last) {
-            runCells_[unit / 64] = 0;
-            unit += 64;
-        } else {
-            runCells_[unit / 64] &= ~(std::uint64_t{1} << (unit % 64));
-            ++unit;
-        }
+    for (std::uint64_t unit = fromUnit; unit < last;) {
+        // The units [unit, to) of one word.
+        const std::uint64_t to = std::min(last, (unit / 64 + 1) * 64);
+        const std::uint64_t width = to - unit;
+        const std::uint64_t bits = width == 64 ? ~std::uint64_t{0} : ((std::uint64_t{1} << width) - 1) << (unit % 64);
+        runCells_[unit / 64] &= ~bits;
+        unit = to;
     }
+}
+
+void BinIndex::CutRun(std::size_t bin, std::uint64_t areaOffset) {
+    const Bin& b = walk_[bin];
+    if (!runMapped_[bin] || areaOffset < std::uint64_t{b.at} + kBinHeaderSize) return ForgetRun(bin);
+    // The walk is the same up to the first cell of the run whose size field
+    // the write may have reached (one from areaOffset - 3 on): the run ends there.
+    const std::uint64_t runEnd = std::uint64_t{b.at} + allocatedRun_[bin];
+    const std::uint64_t limit = std::min<std::uint64_t>((runEnd + kCellAlignment - 1) / kCellAlignment, runCells_.size() * 64);
+    const std::uint64_t cut = NextRunCell((areaOffset + kCellAlignment - kCellSizeField) / kCellAlignment, limit);
+    if (cut == limit) return;
+    allocatedRun_[bin] = static_cast<std::uint32_t>(cut * kCellAlignment - b.at);
+    ClearRunBits(bin, cut);
 }
 
 void BinIndex::MarkRunCell(std::size_t bin, std::uint64_t areaOffset) {
@@ -135,6 +164,18 @@ std::uint64_t BinIndex::NextRunCell(std::uint64_t unit, std::uint64_t limit) con
         const std::uint64_t bits = runCells_[unit / 64] >> (unit % 64);
         if (bits != 0) return std::min(limit, unit + static_cast<std::uint64_t>(__builtin_ctzll(bits)));
         unit = (unit / 64 + 1) * 64;
+    }
+    return limit;
+}
+
+std::uint64_t BinIndex::LastRunCell(std::uint64_t first, std::uint64_t limit) const {
+    for (std::uint64_t unit = limit; unit > first;) {
+        // The bits of the word below unit, from first on.
+        const std::uint64_t word = (unit - 1) / 64, low = std::max(first, word * 64);
+        std::uint64_t bits = runCells_[word] & (~std::uint64_t{0} >> (63 - (unit - 1) % 64));
+        bits &= ~std::uint64_t{0} << (low % 64);
+        if (bits != 0) return word * 64 + 63 - static_cast<std::uint64_t>(__builtin_clzll(bits));
+        unit = low;
     }
     return limit;
 }
@@ -172,18 +213,24 @@ void BinIndex::Set(std::size_t bin, std::uint32_t value) {
 }
 
 std::size_t BinIndex::FirstAtLeast(std::size_t from, std::uint32_t need) const {
-    // Up from the leaf until a right-hand subtree holds one, then down to its first.
-    std::size_t node = leaves_ + from;
     if (from >= searchable_) return searchable_;
+    std::size_t node = leaves_ + from;
     if (tree_[node] >= need) return from;
-    while (node > 1) {
-        if (node % 2 == 0 && tree_[node + 1] >= need) {
-            node += 1;
-            break;
+    if (from == 0) {
+        // From the first leaf the search goes straight down from the root.
+        if (tree_[1] < need) return searchable_;
+        node = 1;
+    } else {
+        // Up from the leaf until a right-hand subtree holds one, then down to its first.
+        while (node > 1) {
+            if (node % 2 == 0 && tree_[node + 1] >= need) {
+                node += 1;
+                break;
+            }
+            node /= 2;
         }
-        node /= 2;
+        if (node == 1) return searchable_;
     }
-    if (node == 1) return searchable_;
     while (node < leaves_) node = tree_[2 * node] >= need ? 2 * node : 2 * node + 1;
     return std::min(node - leaves_, searchable_);
 }
@@ -212,10 +259,10 @@ bool BinIndex::Locate(std::uint32_t binsSize, std::uint32_t cellOffset, std::uin
     };
     if (inOrder_) {
         // The bins tile the walk in order: the last one starting at or before the cell.
-        auto it = std::upper_bound(walk_.begin(), walk_.end(), cellOffset,
-                                   [](std::uint32_t offset, const Bin& bin) { return offset < bin.at; });
-        if (it == walk_.begin() || !holds(*(it - 1))) return false;
-        *walkOffset = (it - 1)->at;
+        if (walk_.empty()) return false;
+        const Bin& bin = walk_[BinAt(cellOffset)];
+        if (bin.at > cellOffset || !holds(bin)) return false;
+        *walkOffset = bin.at;
         return true;
     }
     for (const Bin& bin : walk_) {
@@ -235,8 +282,8 @@ void BinIndex::Touched(std::uint64_t areaOffset, std::uint64_t length) {
         if (InsideRun(i, areaOffset, end)) return;
         const Bin& bin = walk_[i];
         if (areaOffset < static_cast<std::uint64_t>(bin.at) + kBinHeaderSize && end > bin.at) built_ = false;
-        // Bytes changed inside the run: the walks start at the first cell again.
-        if (i < searchable_ && areaOffset < static_cast<std::uint64_t>(bin.at) + allocatedRun_[i]) ForgetRun(i);
+        // Bytes changed inside the run: the walks start again in front of them.
+        if (i < searchable_ && areaOffset < static_cast<std::uint64_t>(bin.at) + allocatedRun_[i]) CutRun(i, areaOffset);
         // A stale bin's leaf is kVisit already: the tree needs no walk up again.
         if (i < searchable_ && !stale_[i]) {
             stale_[i] = true;
@@ -248,18 +295,42 @@ void BinIndex::Touched(std::uint64_t areaOffset, std::uint64_t length) {
             if (areaOffset < static_cast<std::uint64_t>(walk_[i].at) + walk_[i].binSize && end > walk_[i].at) mark(i);
         return;
     }
-    // Writes come in runs to one bin: the bin of the last write is tried before a search.
-    auto holds = [&](std::size_t i) {
-        return i < walk_.size() && walk_[i].at <= areaOffset && areaOffset < std::uint64_t{walk_[i].at} + walk_[i].binSize;
-    };
-    if (!holds(lastTouched_)) {
-        auto it = std::upper_bound(walk_.begin(), walk_.end(), areaOffset,
-                                   [](std::uint64_t offset, const Bin& bin) { return offset < bin.at; });
-        lastTouched_ = it == walk_.begin() ? 0 : static_cast<std::size_t>(it - walk_.begin()) - 1;
-    }
-    for (std::size_t i = lastTouched_; i < walk_.size() && walk_[i].at < end && built_; ++i) {
+    for (std::size_t i = BinAt(areaOffset); i < walk_.size() && walk_[i].at < end && built_; ++i) {
         if (areaOffset < static_cast<std::uint64_t>(walk_[i].at) + walk_[i].binSize) mark(i);
     }
+}
+
+std::size_t BinIndex::BinAt(std::uint64_t areaOffset) {
+    auto first = walk_.begin(), last = walk_.end();
+    if (const std::uint64_t page = areaOffset / kPage; page < pageBin_.size()) {
+        // The answer lies from the bin of this page's start to that of the
+        // next one's; mostly it is the first, the only one starting in front.
+        const std::size_t bin = pageBin_[page];
+        if (bin + 1 == walk_.size() || walk_[bin + 1].at > areaOffset) return bin;
+        first += bin;
+        if (page + 1 < pageBin_.size()) last = walk_.begin() + pageBin_[page + 1] + 1;
+    }
+    auto it = std::upper_bound(first, last, areaOffset, [](std::uint64_t offset, const Bin& bin) { return offset < bin.at; });
+    return it == walk_.begin() ? 0 : static_cast<std::size_t>(it - walk_.begin()) - 1;
+}
+
+std::uint32_t BinIndex::RunCellBefore(std::uint32_t binsSize, std::uint32_t binOffset, std::uint32_t cellOffset) {
+    if (binsSize == 0) return 0;
+    Extend(binsSize);
+    if (!inOrder_ || walk_.empty()) return 0;
+    const std::size_t bin = BinAt(cellOffset);
+    if (bin >= searchable_ || !runMapped_[bin]) return 0;
+    const Bin& b = walk_[bin];
+    if (b.at != binOffset || cellOffset < std::uint64_t{b.at} + kBinHeaderSize ||
+        cellOffset >= std::uint64_t{b.at} + b.binSize)
+        return 0;
+    // The run's cells are the bin's bits: the last one in front of the cell.
+    const std::uint64_t first = (std::uint64_t{b.at} + kBinHeaderSize) / kCellAlignment;
+    const std::uint64_t limit = std::min<std::uint64_t>((std::uint64_t{cellOffset} + kCellAlignment - 1) / kCellAlignment,
+                                                        runCells_.size() * 64);
+    if (limit <= first) return 0;
+    const std::uint64_t unit = LastRunCell(first, limit);
+    return unit == limit ? 0 : static_cast<std::uint32_t>(unit * kCellAlignment);
 }
 
 }  // namespace Tamvik

@@ -26,6 +26,11 @@ public:
     bool Locate(std::uint32_t binsSize, std::uint32_t cellOffset, std::uint32_t* walkOffset);
     // After bytes of the bins area changed, or the file grew.
     void Touched(std::uint64_t areaOffset, std::uint64_t length);
+    // Where the walk over the cells of the bin at binOffset that holds
+    // cellOffset, from the bin's first cell, is known to stand last before
+    // cellOffset: a cell of the bin's allocated run, which a walk may start
+    // from and meet the same cells. 0 when nothing is known.
+    std::uint32_t RunCellBefore(std::uint32_t binsSize, std::uint32_t binOffset, std::uint32_t cellOffset);
 
 private:
     struct Bin {
@@ -63,14 +68,27 @@ private:
     std::vector<std::uint64_t> runCells_;
     std::vector<bool> runMapped_;
     void ForgetRun(std::size_t bin);
+    void ClearRunBits(std::size_t bin, std::uint64_t fromUnit);
+    // Bytes from areaOffset on changed inside the run: it keeps the cells
+    // whose size fields lie in front of them.
+    void CutRun(std::size_t bin, std::uint64_t areaOffset);
+    // The bin in order whose bytes hold areaOffset, or the last one starting in front of it.
+    std::size_t BinAt(std::uint64_t areaOffset);
     void MarkRunCell(std::size_t bin, std::uint64_t areaOffset);
     bool InsideRun(std::size_t bin, std::uint64_t areaOffset, std::uint64_t end) const;
     // The first unit from unit on, below limit, where a run has a cell; limit when none.
     std::uint64_t NextRunCell(std::uint64_t unit, std::uint64_t limit) const;
+    // The last unit below limit, from first on, where a run has a cell; limit when none.
+    std::uint64_t LastRunCell(std::uint64_t first, std::uint64_t limit) const;
     std::vector<std::uint32_t> tree_;  // max of the summaries, leaf i at tree_[leaves_ + i]
     std::size_t leaves_ = 0;
     std::size_t placed_ = 0;           // searchable bins with a leaf in the tree
-    std::size_t lastTouched_ = 0;      // the bin the last write started in, when the bins are in order
+    // Per 4 KiB of the bins area the walk passed (and the file holds): the
+    // last bin starting at or in front of the page's start, so that BinAt
+    // searches only the bins that start inside one page.
+    static constexpr std::uint64_t kPage = 4096;
+    std::vector<std::uint32_t> pageBin_;
+    std::size_t pageCursor_ = 0;  // the bin the last page filled in was given
 };
 
 }  // namespace Tamvik

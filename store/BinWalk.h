@@ -66,6 +66,15 @@ public:
     }
     // The walk met a CellSize of 0.
     bool EndedAtZero() const { return stopped_; }
+    // Steps over the allocated cells (negative CellSizes) from the walk's
+    // position on, as Next would one by one: for walks that judge only free cells.
+    void SkipAllocated(const std::uint8_t* frame) {
+        while (More()) {
+            const std::int32_t size = SizeIn(frame);
+            if (size >= 0) return;
+            at_ += CellMagnitude(size);
+        }
+    }
 
 private:
     std::uint64_t at_, end_;
