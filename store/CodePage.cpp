@@ -199,6 +199,10 @@ long WideToNarrow(char* dst, const char16_t* src, std::size_t limit) {
 
 std::optional<WString> WidenArgument(const char* text) {
     if (text == nullptr) return std::nullopt;
+    // Most names are ASCII, which stands for itself: no conversion to count first.
+    std::size_t ascii = 0;
+    while (text[ascii] != 0 && static_cast<std::uint8_t>(text[ascii]) < kAsciiEnd) ++ascii;
+    if (text[ascii] == 0) return WString(text, text + ascii);
     long n = NarrowToWide(nullptr, text, 0);
     if (n < 0) return std::nullopt;
     WString wide(static_cast<std::size_t>(n), u'\0');
@@ -208,6 +212,9 @@ std::optional<WString> WidenArgument(const char* text) {
 
 std::optional<std::string> NarrowArgument(const char16_t* text) {
     if (text == nullptr) return std::nullopt;
+    std::size_t ascii = 0;
+    while (text[ascii] != 0 && text[ascii] < kAsciiEnd) ++ascii;
+    if (text[ascii] == 0) return std::string(text, text + ascii);
     long n = WideToNarrow(nullptr, text, 0);
     if (n < 0) return std::nullopt;
     std::string narrow(static_cast<std::size_t>(n), '\0');
