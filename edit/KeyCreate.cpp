@@ -45,6 +45,9 @@ struct Placement {
     bool placed = false;      // before the entry at position, else behind the last
     bool sameAsLast = false;  // the library's order finds it equal to the last name
     std::vector<std::pair<std::uint64_t, std::uint64_t>> cells;  // start and end of each cell read
+    // Where the siblings' cells are watched instead of listed: a write over one marks it.
+    const WriteWatch* siblings = nullptr;
+    const CaseMap* map = nullptr;  // the case rules the names were compared under
 
     // Adds the cell at offset, its size to *size when asked; false when its
     // size field isn't in memory to be read.
@@ -60,7 +63,8 @@ struct Placement {
         cells.emplace_back(offset, offset + std::uint64_t{std::max(size, kCellHeaderRead)});
     }
     bool ClearOf(std::uint64_t from, std::uint64_t to) const {
-        return std::none_of(cells.begin(), cells.end(), [&](const auto& c) { return c.first < to && c.second > from; });
+        return std::none_of(cells.begin(), cells.end(), [&](const auto& c) { return c.first < to && c.second > from; }) &&
+               (siblings == nullptr || !siblings->Marked());
     }
 };
 
@@ -122,7 +126,7 @@ bool LibraryOrdered(const std::string& a, const std::string& b) { return Compare
 
 // What the memo knows that depends on the case rules, made for the rules in force.
 void Refresh(LeafMemo& memo, const CaseMap& map) {
-    const std::uint64_t rules = CaseRules();
+    const std::uint64_t rules = map.Rules();
     if (memo.rules == rules && memo.upperHashes.size() == memo.names.size()) return;
     memo.upperHashes.clear();
     for (const WString& name : memo.names) memo.upperHashes.push_back(UpperHash(name, map));
@@ -168,9 +172,11 @@ Status RefuseSameName(Key* owner, Hive* hive, const NewName& name, EditRules rul
     if (count == 0) return Status::Success();
     std::unique_ptr<SubKeyList> list = owner->GetSubKeyList(hive);
     if (list == nullptr) return Status::Of(StatusCode::Damaged, "the subkey list can't be read");
-    const WString upper = UpperCaseName(name.wide);
     const CaseMap& map = CurrentCaseMap();
+    WString upper = name.wide;
+    for (char16_t& unit : upper) unit = map.Upper(unit);
     Placement& learnt = *placement;
+    learnt.map = &map;
     const bool leaf = list->IsLeaf();
     learnt.known = hive->Image() != nullptr && leaf && learnt.Read(hive, owner->GetOffset()) &&
                    learnt.Read(hive, list->GetOffset());
@@ -182,7 +188,10 @@ Status RefuseSameName(Key* owner, Hive* hive, const NewName& name, EditRules rul
         for (std::uint32_t i = 0; i < count; ++i)
             if (memo->upperHashes[i] == hash && SameName(memo->names[i], upper, map))
                 return Status::Of(StatusCode::Exists, "a subkey of that name exists");
-        for (std::uint32_t i = 0; i < count; ++i) learnt.Add(memo->cells[i], memo->sizes[i]);
+        // The marks were taken just now: any the new key's cell leaves are its own.
+        if (memo->watch != nullptr) learnt.siblings = memo->watch;
+        else
+            for (std::uint32_t i = 0; i < count; ++i) learnt.Add(memo->cells[i], memo->sizes[i]);
         learnt.leafCell = list->GetOffset();
         learnt.count = count;
         learnt.position = PositionAmong(*memo, name, narrow, rules.order);
@@ -257,8 +266,8 @@ void Remember(LeafMemo* memo, Hive* hive, std::uint32_t owner, std::uint32_t lea
     if (!KeyStillReadsAs(hive, keyCell, keySize, name.units)) return memo->Forget();
     memo->Insert(position, name.units, LibraryOrderKey(name.units), keyCell, keySize);
     // What holds under the rules in force is kept up to date while they stay.
-    if (memo->upperHashes.size() == placement.count && memo->rules == CaseRules()) {
-        memo->upperHashes.insert(memo->upperHashes.begin() + position, UpperHash(name.units, CurrentCaseMap()));
+    if (placement.map != nullptr && memo->upperHashes.size() == placement.count && memo->rules == placement.map->Rules()) {
+        memo->upperHashes.insert(memo->upperHashes.begin() + position, UpperHash(name.units, *placement.map));
         const std::vector<std::string>& keys = memo->orderKeys;
         if (position > 0 && !LibraryOrdered(keys[position - 1], keys[position])) memo->libraryOrdered = false;
         if (position + 1 < keys.size() && !LibraryOrdered(keys[position], keys[position + 1])) memo->libraryOrdered = false;

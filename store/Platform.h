@@ -37,6 +37,8 @@ public:
 class CaseMap {
 public:
     char16_t Upper(char16_t unit) const { return unit < kAscii ? ascii_[unit] : UpperUnit(unit); }
+    // The number CaseRules gave the rules it holds.
+    std::uint64_t Rules() const { return rules_; }
 
 private:
     friend const CaseMap& CurrentCaseMap();

@@ -54,6 +54,8 @@ public:
             marked_.push_back(it->start);
         }
     }
+    // Whether a write has met a cell since the marks were last taken.
+    bool Marked() const { return all_ || !marked_.empty(); }
     // Whether every cell is to be read again; else the cells marked, once
     // each or more. Either way the marks are handed over and cleared.
     bool TakeMarks(std::vector<std::uint32_t>& marked) {
@@ -74,8 +76,9 @@ private:
     std::vector<std::uint32_t> marked_;
     bool all_ = false;
     std::uint32_t longest_ = 0;
-    // A bit per 128 bytes of the bins area, set where a watched cell reaches.
-    static constexpr std::uint64_t kUnit = 128;
+    // A bit per 8 bytes of the bins area (cells start on 8), set where a
+    // watched cell reaches: a write that finds a bit set has met a cell.
+    static constexpr std::uint64_t kUnit = 8;
     std::vector<std::uint64_t> units_;
     // Calls visit(word, bits) for the bits of the units from offset to end,
     // a word at a time, until it answers true; whether one did.

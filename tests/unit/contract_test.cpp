@@ -326,6 +326,25 @@ TEST(Contract, RunsOfCreatesUnderOneParent) {
     EXPECT_EQ(subkeys(u"Q"), "BCAD");
 }
 
+// A new key's cell that a damaged bin lays over a sibling already read sends
+// the insert back to the names as they read now, as a first creation would.
+TEST(Contract, ANewKeyLaidOverASiblingIsCaught) {
+    HiveBuilder b;
+    b.AddFree(40);  // where the moving lists go
+    const std::uint32_t over = b.AddFree(8);
+    const std::uint32_t a = b.AddNk({"A"});
+    const std::uint32_t p = b.AddNk({"P", 0x20, 1, b.AddList("lf", {a}, {"A"})});
+    b.SetRoot(b.AddNk({"ROOT", 0x2C, 1, b.AddList("lf", {p}, {"P"})}));
+    b.CloseBin();
+    b.PatchArea(over, {0x60, 0, 0, 0});  // the free cell in front reaches over A
+    for (bool reopened : {false, true}) {
+        TestHive test(b);
+        ASSERT_EQ(Create(test.Key(u"P"), "LongLongLongName1"), Result::Ok);
+        if (reopened) ASSERT_EQ(test.Reopen(), Result::Ok);
+        EXPECT_EQ(Create(test.Key(u"P"), "B"), Result::CannotCreate) << reopened;
+    }
+}
+
 // A handle whose node has died, or that never was one, is refused by every
 // entry point that takes a handle, before anything follows it.
 TEST(Contract, EndedHandlesGive87) {
