@@ -210,6 +210,9 @@ TEST(Access, ThroughADeviceAndDespiteABadChecksum) {
     ASSERT_TRUE(HiveAccess::Open(fresh, OpenMode::ReadOnly, &hive) && hive->MinorVersion() == 3);
     EXPECT_TRUE(hive->Info(hive->Root(), &root) && root.name == u"Start");
     EXPECT_EQ(Names(*hive, hive->Root()) + Values(*hive, hive->Root()), "");
+    // Its keys' descriptor lets Everyone (S-1-1-0) read, as the system's own hives do.
+    const Bytes made = ReadFileBytes(fresh), everyone = {1, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0};
+    EXPECT_NE(std::search(made.begin(), made.end(), everyone.begin(), everyone.end()), made.end());
     std::remove(fresh.c_str());
     b.SetChecksumValid(false);
     TempFile damaged(b.Build());
