@@ -8,21 +8,27 @@
 namespace Tamvik {
 
 Node* WalkPath(Node* start, Hive* hive, const char16_t* path) {
-    // The working copy, upper case. Most paths fit on the stack; a longer one takes the heap.
-    const std::size_t length = WideLength(path);
+    // The working copy, upper case. Most paths fit on the stack, and are
+    // measured while they are copied; a longer one takes the heap.
+    const CaseRulesHold rules;
+    const CaseMap& map = CurrentCaseMap();
     char16_t onStack[256];
     std::vector<char16_t> onHeap;
     char16_t* copy = onStack;
-    if (length > std::size(onStack)) {
+    bool separated = false;  // most paths name one key: they need no search for separators
+    std::size_t length = 0;
+    for (; length < std::size(onStack) && path[length] != 0; ++length) {
+        copy[length] = map.Upper(path[length]);
+        separated |= copy[length] == u'\\';
+    }
+    if (length == std::size(onStack) && path[length] != 0) {
+        length = WideLength(path);
         onHeap.resize(length);
         copy = onHeap.data();
-    }
-    const CaseRulesHold rules;
-    const CaseMap& map = CurrentCaseMap();
-    bool separated = false;  // most paths name one key: they need no search for separators
-    for (std::size_t i = 0; i < length; ++i) {
-        copy[i] = map.Upper(path[i]);
-        separated |= copy[i] == u'\\';
+        for (std::size_t i = 0; i < length; ++i) {
+            copy[i] = map.Upper(path[i]);
+            separated |= copy[i] == u'\\';
+        }
     }
     const std::u16string_view upper(copy, length);
     if (!separated) return start->FindChild(hive, upper);
