@@ -267,6 +267,27 @@ SubValList* Key::EnumValueList(Hive* hive) {
     });
 }
 
+std::optional<std::uint32_t> Key::EnumValueCell(Hive* hive, std::uint32_t position) {
+    if (hive->Image() == nullptr) {
+        const SubValList* list = EnumValueList(hive);
+        if (list == nullptr) return std::nullopt;
+        return list->EntryAt(position);
+    }
+    const std::uint32_t cell = Field(NkField::ValueListCell);
+    ImageSnapshot& kept = enumValueImage_;
+    if (!kept.held || kept.generation != hive->Generation() || kept.cell != cell) {
+        // The cell a value list node would stand over (see EnumValueList).
+        const std::optional<ImageCell> image = ClassifyInImage(hive, cell, CellKind::ValueList);
+        kept.held = image.has_value();
+        if (!kept.held) return std::nullopt;
+        // Read only: the record is never written.
+        kept.record = PayloadOf(const_cast<std::uint8_t*>(image->bytes), image->size, image->payload);
+        kept.generation = hive->Generation();
+        kept.cell = cell;
+    }
+    return SubValList::EntryOf(kept.record, position);
+}
+
 Key* Key::FindSubKey(Hive* hive, std::u16string_view name) {
     if (SubKeyCount() == 0) return nullptr;
     if (subKeyList == nullptr) {

@@ -42,6 +42,11 @@ public:
     // the key's list field stays, since a list built anew would be the same.
     SubKeyList* EnumSubKeyList(Hive* hive);
     SubValList* EnumValueList(Hive* hive);
+    // The vk offset at a position of the list EnumValueList gives, or nothing
+    // when no list can be built there or it holds no such entry. In a hive in
+    // memory the list's cell is read in place, kept as EnumValueList keeps
+    // its list, and no list node is built.
+    std::optional<std::uint32_t> EnumValueCell(Hive* hive, std::uint32_t position);
     // Lookups by upper-case name through the cached lists; the result stays owned by the list.
     Key* FindSubKey(Hive* hive, std::u16string_view name);
     Val* FindValue(Hive* hive, std::u16string_view name);
@@ -102,6 +107,15 @@ private:
     List* Current(Snapshot<List>& snapshot, Hive* hive, std::uint32_t cell, Build build);
     Snapshot<SubKeyList> enumSubKeys_;
     Snapshot<SubValList> enumValues_;
+    // EnumValueCell's list in a hive in memory: its record in the image, while
+    // the hive's Generation and the key's list field stay.
+    struct ImageSnapshot {
+        RecordRef record;
+        std::uint64_t generation = 0;
+        std::uint32_t cell = kNoCell;
+        bool held = false;
+    };
+    ImageSnapshot enumValueImage_;
     bool sharesImage_ = false;
     std::unique_ptr<std::uint8_t[]> ownImage_;  // the copy OwnImage made
 };
