@@ -4,10 +4,7 @@
 #include <cstring>
 #include <new>
 
-#ifdef __SSE2__
-#include <emmintrin.h>
-#endif
-
+#include "nodes/CaseRun.h"
 #include "nodes/MakeNode.h"
 #include "nodes/SubKeyList.h"
 #include "nodes/Val.h"
@@ -67,34 +64,6 @@ std::uint32_t ForEachNameUnit(const RecordRef& record, std::uint32_t lengthField
 }  // namespace
 
 namespace {
-// out[i] = bytes[i] for i < count. Most names are narrow, and every
-// enumeration copies one: eight units a step where the machine has SSE2.
-void WidenBytes(const std::uint8_t* bytes, std::size_t count, char16_t* out) {
-#ifdef __SSE2__
-    const __m128i zero = _mm_setzero_si128();
-    const auto widenEight = [&](std::size_t at) {
-        const __m128i eight = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(bytes + at));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + at), _mm_unpacklo_epi8(eight, zero));
-    };
-    if (count >= 8) {
-        for (std::size_t i = 0; i + 8 <= count; i += 8) widenEight(i);
-        widenEight(count - 8);  // the last units, some written twice
-        return;
-    }
-    if (count >= 4) {
-        const auto widenFour = [&](std::size_t at) {
-            std::int32_t four;
-            std::memcpy(&four, bytes + at, sizeof four);
-            _mm_storel_epi64(reinterpret_cast<__m128i*>(out + at), _mm_unpacklo_epi8(_mm_cvtsi32_si128(four), zero));
-        };
-        widenFour(0);
-        widenFour(count - 4);
-        return;
-    }
-#endif
-    for (std::size_t i = 0; i < count; ++i) out[i] = static_cast<char16_t>(bytes[i]);
-}
-
 std::size_t NameUnits(const RecordRef& record, std::uint32_t lengthField, std::uint32_t nameField, bool narrow) {
     const std::uint32_t bytes = NameBytes(record, lengthField, nameField);
     return narrow ? bytes : bytes / 2;
@@ -121,7 +90,7 @@ std::size_t RecordNameInto(const RecordRef& record, std::uint32_t lengthField, s
     // enumeration copies a name.
     const std::uint8_t* bytes = record.Data() + nameField;
     if (narrow) {
-        WidenBytes(bytes, units, out);
+        WidenRun(bytes, units, out);
     } else {
         for (std::size_t i = 0; i < units; ++i) out[i] = static_cast<char16_t>(LoadU16(bytes + 2 * i));
     }
@@ -144,11 +113,7 @@ bool RecordNameMatches(const RecordRef& record, std::uint32_t lengthField, std::
     const CaseMap& map = CurrentCaseMap();
     const std::uint8_t* bytes = record.Data() + nameField;
     const std::size_t units = upper.size();
-    if (narrow) {
-        for (std::size_t i = 0; i < units; ++i)
-            if (map.Upper(static_cast<char16_t>(bytes[i])) != upper[i]) return false;
-        return true;
-    }
+    if (narrow) return NarrowRunMatches(map, bytes, units, upper.data());
     for (std::size_t i = 0; i < units; ++i)
         if (map.Upper(static_cast<char16_t>(LoadU16(bytes + 2 * i))) != upper[i]) return false;
     return true;
