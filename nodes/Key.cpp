@@ -232,25 +232,50 @@ SubValList* Key::EnumValueList(Hive* hive) {
     });
 }
 
+inline bool Key::Refresh(ImageSnapshot& kept, Hive* hive, std::uint32_t cell, CellKind kind) {
+    return (kept.held && kept.generation == hive->Generation() && kept.cell == cell) || Reclassify(kept, hive, cell, kind);
+}
+
+bool Key::Reclassify(ImageSnapshot& kept, Hive* hive, std::uint32_t cell, CellKind kind) {
+    // The cell a list node over the image would stand over (see EnumValueList).
+    const std::optional<ImageCell> image = ClassifyInImage(hive, cell, kind);
+    kept.held = image.has_value();
+    if (!kept.held) return false;
+    // Read only: the record is never written.
+    kept.record = PayloadOf(const_cast<std::uint8_t*>(image->bytes), image->size, image->payload);
+    kept.cls = image->cls;
+    kept.generation = hive->Generation();
+    kept.cell = cell;
+    return true;
+}
+
 std::optional<std::uint32_t> Key::EnumValueCell(Hive* hive, std::uint32_t position) {
     if (hive->Image() == nullptr) {
         const SubValList* list = EnumValueList(hive);
         if (list == nullptr) return std::nullopt;
         return list->EntryAt(position);
     }
-    const std::uint32_t cell = Field(NkField::ValueListCell);
-    ImageSnapshot& kept = enumValueImage_;
-    if (!kept.held || kept.generation != hive->Generation() || kept.cell != cell) {
-        // The cell a value list node would stand over (see EnumValueList).
-        const std::optional<ImageCell> image = ClassifyInImage(hive, cell, CellKind::ValueList);
-        kept.held = image.has_value();
-        if (!kept.held) return std::nullopt;
-        // Read only: the record is never written.
-        kept.record = PayloadOf(const_cast<std::uint8_t*>(image->bytes), image->size, image->payload);
-        kept.generation = hive->Generation();
-        kept.cell = cell;
+    if (!Refresh(enumValueImage_, hive, Field(NkField::ValueListCell), CellKind::ValueList)) return std::nullopt;
+    return SubValList::EntryOf(enumValueImage_.record, position);
+}
+
+std::optional<std::size_t> Key::EnumSubKeyNameInto(Hive* hive, std::uint32_t position, NameTarget target) {
+    if (hive->Image() != nullptr) {
+        const ImageSnapshot& kept = enumSubKeyImage_;
+        if (!Refresh(enumSubKeyImage_, hive, Field(NkField::SubKeyListCell), CellKind::BySignature) ||
+            !SubKeyList::Holds(kept.cls))
+            return std::nullopt;
+        // An ri's positions run over its leaves: its node, with the leaves it keeps, answers.
+        if (kept.cls != NodeClass::Indirect) {
+            const std::uint32_t entrySize = ListEntrySize(kept.record.U16(ListField::Signature));
+            const std::optional<std::uint32_t> cell = SubKeyList::LeafKeyCell(kept.record, entrySize, position);
+            if (!cell) return std::nullopt;
+            return KeyNameInto(hive, *cell, target);
+        }
     }
-    return SubValList::EntryOf(kept.record, position);
+    SubKeyList* list = EnumSubKeyList(hive);
+    if (list == nullptr) return std::nullopt;
+    return list->NameInto(hive, position, target);
 }
 
 Key* Key::FindSubKey(Hive* hive, std::u16string_view name) {
