@@ -29,7 +29,7 @@ struct LastLiveHandle {
     const void* handle = nullptr;
     std::uint64_t sequence = 0;
 };
-extern thread_local LastLiveHandle lastLiveHandle __attribute__((tls_model("initial-exec")));
+extern constinit thread_local LastLiveHandle lastLiveHandle __attribute__((tls_model("initial-exec")));
 // The sequence number of the handle set; only the set changes it.
 extern std::atomic<std::uint64_t> liveHandleSequence;
 
