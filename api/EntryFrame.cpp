@@ -2,14 +2,17 @@
 
 #include <algorithm>
 #include <iterator>
+#include <string>
 #include <string_view>
 #include <vector>
+
+#include "nodes/CaseRun.h"
 
 namespace Tamvik {
 
 Node* WalkPath(Node* start, Hive* hive, const char16_t* path) {
     // The working copy, upper case. Most paths fit on the stack; a longer one takes the heap.
-    const std::size_t length = WideLength(path);
+    const std::size_t length = std::char_traits<char16_t>::length(path);
     char16_t onStack[256];
     std::vector<char16_t> onHeap;
     char16_t* copy = onStack;
@@ -18,12 +21,8 @@ Node* WalkPath(Node* start, Hive* hive, const char16_t* path) {
         copy = onHeap.data();
     }
     const CaseRulesHold rules;
-    const CaseMap& map = CurrentCaseMap();
-    bool separated = false;  // most paths name one key: they need no search for separators
-    for (std::size_t i = 0; i < length; ++i) {
-        copy[i] = map.Upper(path[i]);
-        separated |= copy[i] == u'\\';
-    }
+    // Most paths name one key: they need no search for separators.
+    const bool separated = UpperRun(CurrentCaseMap(), path, length, copy, u'\\');
     const std::u16string_view upper(copy, length);
     if (!separated) return start->FindChild(hive, upper);
     // Only a backslash at the very start is skipped.

@@ -19,9 +19,7 @@ LONG EnumKeyName(Key* key, DWORD index, DWORD* nameLength, NameTarget name) {
     if (key->SubKeyCount() == 0 || index >= key->SubKeyCount()) return Result::Invalid;
     Hive* hive = HiveAbove(key);
     if (hive == nullptr) return Result::Invalid;
-    SubKeyList* list = key->EnumSubKeyList(hive);
-    if (list == nullptr) return Result::Corrupt;
-    const std::optional<std::size_t> length = list->NameInto(hive, index, name);
+    const std::optional<std::size_t> length = key->EnumSubKeyNameInto(hive, index, name);
     if (!length) return Result::Corrupt;
     if (*nameLength < *length + 1) return Result::Invalid;
     *nameLength = static_cast<DWORD>(*length);

@@ -21,11 +21,9 @@ RegAPI::LONG WithValueAt(Key* key, RegAPI::DWORD index, Use use) {
     if (key->ValueCount() == 0 || index >= key->ValueCount()) return Result::Invalid;
     Hive* hive = HiveAbove(key);
     if (hive == nullptr) return Result::Invalid;
-    SubValList* list = key->EnumValueList(hive);
-    if (list == nullptr) return Result::Corrupt;
-    const std::optional<std::uint32_t> cell = list->EntryAt(index);
+    const std::optional<std::uint32_t> cell = key->EnumValueCell(hive, index);
     if (!cell) return Result::Corrupt;
-    const Transient<Val> value(hive, *cell, list, CellKind::BySignature);
+    const Transient<Val> value(hive, *cell, key, CellKind::BySignature);
     if (!value) return Result::Corrupt;
     return use(value.get(), hive);
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "nodes/CaseRun.h"
 #include "nodes/MakeNode.h"
 #include "nodes/SubKeyList.h"
 #include "nodes/Val.h"
@@ -86,10 +87,10 @@ std::size_t RecordNameInto(const RecordRef& record, std::uint32_t lengthField, s
         return units;
     }
     // Plain loops rather than a unit at a time through ForEachNameUnit: every
-    // enumeration copies a name, and these the compiler can widen in bulk.
+    // enumeration copies a name.
     const std::uint8_t* bytes = record.Data() + nameField;
     if (narrow) {
-        for (std::size_t i = 0; i < units; ++i) out[i] = static_cast<char16_t>(bytes[i]);
+        WidenRun(bytes, units, out);
     } else {
         for (std::size_t i = 0; i < units; ++i) out[i] = static_cast<char16_t>(LoadU16(bytes + 2 * i));
     }
@@ -112,11 +113,7 @@ bool RecordNameMatches(const RecordRef& record, std::uint32_t lengthField, std::
     const CaseMap& map = CurrentCaseMap();
     const std::uint8_t* bytes = record.Data() + nameField;
     const std::size_t units = upper.size();
-    if (narrow) {
-        for (std::size_t i = 0; i < units; ++i)
-            if (map.Upper(static_cast<char16_t>(bytes[i])) != upper[i]) return false;
-        return true;
-    }
+    if (narrow) return NarrowRunMatches(map, bytes, units, upper.data());
     for (std::size_t i = 0; i < units; ++i)
         if (map.Upper(static_cast<char16_t>(LoadU16(bytes + 2 * i))) != upper[i]) return false;
     return true;
@@ -233,6 +230,52 @@ SubValList* Key::EnumValueList(Hive* hive) {
         if (hive->Image() == nullptr) return GetValueList(hive);
         return NarrowNode<SubValList>(MakeNodeOverImage(hive, cell, this, CellKind::ValueList));
     });
+}
+
+inline bool Key::Refresh(ImageSnapshot& kept, Hive* hive, std::uint32_t cell, CellKind kind) {
+    return (kept.held && kept.generation == hive->Generation() && kept.cell == cell) || Reclassify(kept, hive, cell, kind);
+}
+
+bool Key::Reclassify(ImageSnapshot& kept, Hive* hive, std::uint32_t cell, CellKind kind) {
+    // The cell a list node over the image would stand over (see EnumValueList).
+    const std::optional<ImageCell> image = ClassifyInImage(hive, cell, kind);
+    kept.held = image.has_value();
+    if (!kept.held) return false;
+    // Read only: the record is never written.
+    kept.record = PayloadOf(const_cast<std::uint8_t*>(image->bytes), image->size, image->payload);
+    kept.cls = image->cls;
+    kept.generation = hive->Generation();
+    kept.cell = cell;
+    return true;
+}
+
+std::optional<std::uint32_t> Key::EnumValueCell(Hive* hive, std::uint32_t position) {
+    if (hive->Image() == nullptr) {
+        const SubValList* list = EnumValueList(hive);
+        if (list == nullptr) return std::nullopt;
+        return list->EntryAt(position);
+    }
+    if (!Refresh(enumValueImage_, hive, Field(NkField::ValueListCell), CellKind::ValueList)) return std::nullopt;
+    return SubValList::EntryOf(enumValueImage_.record, position);
+}
+
+std::optional<std::size_t> Key::EnumSubKeyNameInto(Hive* hive, std::uint32_t position, NameTarget target) {
+    if (hive->Image() != nullptr) {
+        const ImageSnapshot& kept = enumSubKeyImage_;
+        if (!Refresh(enumSubKeyImage_, hive, Field(NkField::SubKeyListCell), CellKind::BySignature) ||
+            !SubKeyList::Holds(kept.cls))
+            return std::nullopt;
+        // An ri's positions run over its leaves: its node, with the leaves it keeps, answers.
+        if (kept.cls != NodeClass::Indirect) {
+            const std::uint32_t entrySize = ListEntrySize(kept.record.U16(ListField::Signature));
+            const std::optional<std::uint32_t> cell = SubKeyList::LeafKeyCell(kept.record, entrySize, position);
+            if (!cell) return std::nullopt;
+            return KeyNameInto(hive, *cell, target);
+        }
+    }
+    SubKeyList* list = EnumSubKeyList(hive);
+    if (list == nullptr) return std::nullopt;
+    return list->NameInto(hive, position, target);
 }
 
 Key* Key::FindSubKey(Hive* hive, std::u16string_view name) {

@@ -16,6 +16,7 @@ namespace Tamvik {
 
 class SubKeyList;
 class SubValList;
+enum class CellKind : std::uint32_t;
 class Val;
 
 class Key : public Node {
@@ -42,6 +43,16 @@ public:
     // the key's list field stays, since a list built anew would be the same.
     SubKeyList* EnumSubKeyList(Hive* hive);
     SubValList* EnumValueList(Hive* hive);
+    // The name of the subkey at a position of the list EnumSubKeyList gives,
+    // as its NameInto writes it; nothing when no list can be built or it
+    // gives none. In a hive in memory a leaf list's cell is read in place, kept
+    // as EnumSubKeyList keeps its list, and no list node is built.
+    std::optional<std::size_t> EnumSubKeyNameInto(Hive* hive, std::uint32_t position, NameTarget target);
+    // The vk offset at a position of the list EnumValueList gives, or nothing
+    // when no list can be built there or it holds no such entry. In a hive in
+    // memory the list's cell is read in place, kept as EnumValueList keeps
+    // its list, and no list node is built.
+    std::optional<std::uint32_t> EnumValueCell(Hive* hive, std::uint32_t position);
     // Lookups by upper-case name through the cached lists; the result stays owned by the list.
     Key* FindSubKey(Hive* hive, std::u16string_view name);
     Val* FindValue(Hive* hive, std::u16string_view name);
@@ -102,6 +113,21 @@ private:
     List* Current(Snapshot<List>& snapshot, Hive* hive, std::uint32_t cell, Build build);
     Snapshot<SubKeyList> enumSubKeys_;
     Snapshot<SubValList> enumValues_;
+    // EnumValueCell's list in a hive in memory: its record in the image, while
+    // the hive's Generation and the key's list field stay.
+    struct ImageSnapshot {
+        RecordRef record;
+        std::uint64_t generation = 0;
+        std::uint32_t cell = kNoCell;
+        NodeClass cls = NodeClass::Hive;  // of the node the cell would give
+        bool held = false;
+    };
+    // Brings a snapshot to the cell at cell, classified as kind; false when no node of kind stands there.
+    static bool Refresh(ImageSnapshot& kept, Hive* hive, std::uint32_t cell, CellKind kind);
+    static bool Reclassify(ImageSnapshot& kept, Hive* hive, std::uint32_t cell, CellKind kind);
+    ImageSnapshot enumValueImage_;
+    // The same for EnumSubKeyNameInto's list.
+    ImageSnapshot enumSubKeyImage_;
     bool sharesImage_ = false;
     std::unique_ptr<std::uint8_t[]> ownImage_;  // the copy OwnImage made
 };

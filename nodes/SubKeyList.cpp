@@ -108,25 +108,28 @@ std::optional<bool> SubKeyList::NameMatchesAt(Hive* hive, std::uint32_t index, s
 
 std::optional<bool> SubKeyList::LeafNameMatchesAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize,
                                                   std::u16string_view upper) {
-    if (index >= GetCount() || index >= EntriesHeld(entrySize)) return std::nullopt;
-    return KeyNameMatchesAt(hive, record.U32(ListField::Entries + index * entrySize), upper);
+    const std::optional<std::uint32_t> cell = LeafKeyCell(record, entrySize, index);
+    if (!cell) return std::nullopt;
+    return KeyNameMatchesAt(hive, *cell, upper);
 }
 
 std::optional<std::uint64_t> SubKeyList::LeafNameHashAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize) {
-    if (index >= GetCount() || index >= EntriesHeld(entrySize)) return std::nullopt;
-    return KeyNameHashAt(hive, record.U32(ListField::Entries + index * entrySize));
+    const std::optional<std::uint32_t> cell = LeafKeyCell(record, entrySize, index);
+    if (!cell) return std::nullopt;
+    return KeyNameHashAt(hive, *cell);
 }
 
 std::optional<std::size_t> SubKeyList::LeafNameInto(Hive* hive, std::uint32_t index, std::uint32_t entrySize,
                                                     NameTarget target) {
-    if (index >= GetCount() || index >= EntriesHeld(entrySize)) return std::nullopt;
-    return KeyNameInto(hive, record.U32(ListField::Entries + index * entrySize), target);
+    const std::optional<std::uint32_t> cell = LeafKeyCell(record, entrySize, index);
+    if (!cell) return std::nullopt;
+    return KeyNameInto(hive, *cell, target);
 }
 
 std::unique_ptr<Key> SubKeyList::LeafGetAt(Hive* hive, std::uint32_t index, std::uint32_t entrySize) {
-    if (index >= GetCount() || index >= EntriesHeld(entrySize)) return nullptr;
-    std::uint32_t cell = record.U32(ListField::Entries + index * entrySize);
-    std::unique_ptr<Key> key = BuildNodeAt<Key>(hive, cell, OwnerKey(this), CellKind::BySignature);
+    const std::optional<std::uint32_t> cell = LeafKeyCell(record, entrySize, index);
+    if (!cell) return nullptr;
+    std::unique_ptr<Key> key = BuildNodeAt<Key>(hive, *cell, OwnerKey(this), CellKind::BySignature);
     if (key != nullptr) key->index = index;
     return key;
 }

@@ -58,6 +58,14 @@ public:
     bool HoldsCount() const;
     // An edit changed the list's entries: what scans learnt of them no longer holds.
     virtual void EntriesChanged() { names.Clear(); }
+    // The nk offset at position index of a leaf's record wherever it lies,
+    // entries entrySize bytes: nothing past Count or past the record.
+    static std::optional<std::uint32_t> LeafKeyCell(const RecordRef& leaf, std::uint32_t entrySize,
+                                                    std::uint32_t index) {
+        if (index >= leaf.U16(ListField::Count) || index >= leaf.Available(ListField::Entries) / entrySize)
+            return std::nullopt;
+        return leaf.U32(ListField::Entries + index * entrySize);
+    }
     // Takes over what the scans of an earlier node of this list learnt.
     void AdoptNames(NameIndex&& learnt) { names = std::move(learnt); }
 

@@ -58,14 +58,16 @@ public:
     // A new value at a position, or null; positions past the cell give null.
     std::unique_ptr<Val> GetAt(Hive* hive, std::uint32_t index);
     // The vk offset at a position, or nothing past the cell.
-    std::optional<std::uint32_t> EntryAt(std::uint32_t index) const {
-        if (index >= EntriesHeld()) return std::nullopt;
-        return record.U32(index * 4);
+    std::optional<std::uint32_t> EntryAt(std::uint32_t index) const { return EntryOf(record, index); }
+    // The same of a value list's record wherever it lies.
+    static std::optional<std::uint32_t> EntryOf(const RecordRef& list, std::uint32_t index) {
+        if (index >= list.Size() / kEntry) return std::nullopt;
+        return list.U32(index * kEntry);
     }
     // LookupHash of the upper-case name GetAt's value would have, or nothing when GetAt gives null.
     std::optional<std::uint64_t> NameHashAt(Hive* hive, std::uint32_t index);
     // Entries that the cell can hold.
-    std::uint32_t EntriesHeld() const { return record.Size() / 4; }
+    std::uint32_t EntriesHeld() const { return record.Size() / kEntry; }
 
     // The list's image has changed: names read by earlier scans no longer hold.
     void EntriesChanged() { names.Clear(); }
@@ -77,6 +79,7 @@ public:
     std::unique_ptr<Val> child;
 
 private:
+    static constexpr std::uint32_t kEntry = 4;  // a vk offset
     NameIndex names;
 };
 

@@ -15,6 +15,9 @@
 
 namespace Tamvik {
 
+constinit std::atomic<std::uint64_t> liveHandleSequence{0};
+constinit thread_local LastLiveHandle lastLiveHandle __attribute__((tls_model("initial-exec")));
+
 namespace {
 
 // A set of addresses by open addressing: a walk opens and drops a handle per
@@ -132,7 +135,7 @@ private:
         }
     }
 
-    std::atomic<std::uint64_t> sequence_{0};
+    std::atomic<std::uint64_t>& sequence_ = liveHandleSequence;  // the one set's: see LiveHandles.h
     std::vector<std::unique_ptr<Table>> tables_;  // every table made, each twice the last; the last is in use
     std::atomic<const Table*> current_{nullptr};
     std::size_t used_ = 0, live_ = 0;  // used_: slots not empty, tombstones included
@@ -171,16 +174,8 @@ struct Registry {
 // load time so that no call pays for a guard.
 Registry* const theRegistry = new Registry;
 Registry& TheRegistry() { return *theRegistry; }
-
-// The handle this thread last found live, and the set's sequence number then:
-// a caller asks about the same handle call after call, and while the set
-// hasn't changed the answer stands. initial-exec, as for the case rules.
-struct LastLive {
-    const void* handle = nullptr;
-    std::uint64_t sequence = 0;
-};
-thread_local LastLive lastLive __attribute__((tls_model("initial-exec")));
 }  // namespace
+
 
 void PublishHandle(Node* node) {
     if (node == nullptr || node->Published()) return;
@@ -189,7 +184,7 @@ void PublishHandle(Node* node) {
     registry.live.Insert(node);
     node->MarkPublished();
     // A handle just handed out is the one its caller asks about next.
-    lastLive = LastLive{node, registry.live.Sequence()};
+    lastLiveHandle = LastLiveHandle{node, registry.live.Sequence()};
 }
 
 void ReleaseHandleBlock(void* block, std::size_t steps) {
@@ -207,14 +202,12 @@ void ReleaseHandleBlock(void* block, std::size_t steps) {
         ::operator delete(oldest.block);
 }
 
-bool IsLiveHandle(const void* handle) {
+bool IsLiveHandleAsked(const void* handle) {
     if (handle == nullptr) return false;
     Registry& registry = TheRegistry();
-    LastLive& last = lastLive;
-    if (handle == last.handle && registry.live.Sequence() == last.sequence) return true;
     std::uint64_t seen = 0;
     if (const std::optional<bool> live = registry.live.TryContains(handle, &seen)) {
-        if (*live) last = LastLive{handle, seen};
+        if (*live) lastLiveHandle = LastLiveHandle{handle, seen};
         return *live;
     }
     const std::lock_guard<SpinLock> hold(registry.lock);

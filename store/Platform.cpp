@@ -60,7 +60,12 @@ const CaseMap& CurrentCaseMap() {
     const std::uint64_t rules = CaseRules();
     CaseMap& map = ThisThreadsCase().map;
     if (map.rules_ != rules) {
-        for (char16_t unit = 0; unit < CaseMap::kAscii; ++unit) map.ascii_[unit] = UpperUnit(unit);
+        map.plainAscii_ = true;
+        for (char16_t unit = 0; unit < CaseMap::kAscii; ++unit) {
+            map.ascii_[unit] = UpperUnit(unit);
+            const bool lower = unit >= u'a' && unit <= u'z';
+            map.plainAscii_ &= map.ascii_[unit] == (lower ? unit - u'a' + u'A' : unit);
+        }
         map.rules_ = rules;
     }
     return map;

@@ -39,11 +39,15 @@ public:
     char16_t Upper(char16_t unit) const { return unit < kAscii ? ascii_[unit] : UpperUnit(unit); }
     // The number CaseRules gave the rules it holds.
     std::uint64_t Rules() const { return rules_; }
+    // Whether the ASCII units map as in the C locale: a to z to A to Z, every
+    // other one to itself. Then a run of ASCII units can be mapped in bulk.
+    bool PlainAscii() const { return plainAscii_; }
+    static constexpr char16_t kAscii = 0x80;
 
 private:
     friend const CaseMap& CurrentCaseMap();
-    static constexpr char16_t kAscii = 0x80;
     std::uint64_t rules_ = 0;
+    bool plainAscii_ = false;
     char16_t ascii_[kAscii] = {};
 };
 const CaseMap& CurrentCaseMap();

@@ -125,6 +125,30 @@ TEST(Damage, LiesBuiltByteByByteEnd) {
     EXPECT_NE(key, nullptr);
 }
 
+// A leaf whose cell holds more entries than its Count, under a key that counts
+// them all: the entries past Count name no subkey, by position or by name,
+// in a hive opened for writing and in one opened read-only.
+TEST(Damage, EntriesPastALeafsCountNameNoKey) {
+    for (const char* signature : {"lf", "lh", "li"}) {
+        for (const bool readOnly : {false, true}) {
+            HiveBuilder builder;
+            const std::vector<std::uint32_t> keys = {builder.AddNk({"a"}), builder.AddNk({"b"}), builder.AddNk({"c"})};
+            const std::uint32_t list = builder.AddList(signature, keys, {"a", "b", "c"}, 0, 2);
+            builder.SetRoot(builder.AddNk({"root", 0x20, 3, list}));
+            TestHive test(builder, readOnly);
+            WCHAR name[8];
+            for (DWORD i = 0; i < 3; ++i) {
+                DWORD length = 8;
+                EXPECT_EQ(RegEnumKeyExW(test.Key(), i, name, &length, nullptr, nullptr, nullptr, nullptr),
+                          i < 2 ? Result::Ok : Result::Corrupt) << signature << i;
+            }
+            HKEY found = nullptr;
+            EXPECT_EQ(RegOpenKeyExW(test.Key(), u"b", 0, 0, &found), Result::Ok) << signature;
+            EXPECT_EQ(RegOpenKeyExW(test.Key(), u"c", 0, 0, &found), Result::Invalid) << signature;
+        }
+    }
+}
+
 // A listed key's nk lying inside the free cell the new key's nk then takes:
 // the create must judge the list by what the file holds after that write, not
 // by the names it read before it.

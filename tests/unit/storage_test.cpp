@@ -17,6 +17,7 @@
 #include <optional>
 #include <random>
 
+#include "nodes/CaseRun.h"
 #include "store/Allocator.h"
 #include "store/Hive.h"
 #include "store/NameIndex.h"
@@ -235,6 +236,42 @@ TEST(Storage, LookupsFollowTheLocaleFromCallToCall) {
         HKEY found = nullptr;
         EXPECT_EQ(RegOpenKeyExW(test.Key(), u"\u00C9", 0, 0, &found) == Result::Ok, locale[1] != 0) << locale;
     }
+}
+
+// The bulk name runs give what the case map gives unit by unit, at every
+// length around the eight-unit steps, with units past ASCII anywhere.
+TEST(Storage, NameRunsAgreeWithTheCaseMap) {
+    std::mt19937 random(7);
+    const char16_t pool[] = {u'a', u'z', u'A', u'Q', u'0', u'\\', u'`', u'{', u'@', u'[', 0x7F, 0xE9, 0xFF, 0x130, 0x3B1};
+    for (const char* locale : {"C", "C.utf8"}) {
+        if (std::setlocale(LC_CTYPE, locale) == nullptr) continue;
+        const Tamvik::CaseRulesHold rules;
+        const Tamvik::CaseMap& map = Tamvik::CurrentCaseMap();
+        for (int round = 0; round < 400; ++round) {
+            const std::size_t length = round % 21;
+            const bool narrow = round % 2 == 0;  // bytes only: the pool's first 13
+            std::u16string in(length, 0), upper(length, 0), out(length + 1, u'#');
+            std::vector<std::uint8_t> bytes(length);
+            for (std::size_t i = 0; i < length; ++i) {
+                in[i] = pool[random() % (narrow ? 13 : std::size(pool))];
+                bytes[i] = static_cast<std::uint8_t>(in[i]);
+                upper[i] = map.Upper(in[i]);
+            }
+            const bool slash = upper.find(u'\\') != std::u16string::npos;
+            EXPECT_EQ(Tamvik::UpperRun(map, in.data(), length, out.data(), u'\\'), slash) << locale << round;
+            EXPECT_EQ(out, upper + u'#') << locale << round;
+            if (!narrow) continue;
+            Tamvik::WidenRun(bytes.data(), length, out.data());
+            EXPECT_EQ(out, in + u'#') << round;
+            EXPECT_TRUE(Tamvik::NarrowRunMatches(map, bytes.data(), length, upper.data())) << locale << round;
+            for (std::size_t i = 0; i < length; ++i) {
+                std::u16string other = upper;
+                other[i] = in[i] == upper[i] ? (in[i] == u'a' ? u'B' : u'a') : in[i];
+                EXPECT_FALSE(Tamvik::NarrowRunMatches(map, bytes.data(), length, other.data())) << locale << round << i;
+            }
+        }
+    }
+    std::setlocale(LC_CTYPE, "C");
 }
 
 // A list's learnt names point each hash at the first position that had it,
