@@ -340,7 +340,9 @@ TEST(Contract, ANewKeyLaidOverASiblingIsCaught) {
     for (bool reopened : {false, true}) {
         TestHive test(b);
         ASSERT_EQ(Create(test.Key(u"P"), "LongLongLongName1"), Result::Ok);
-        if (reopened) ASSERT_EQ(test.Reopen(), Result::Ok);
+        if (reopened) {
+            ASSERT_EQ(test.Reopen(), Result::Ok);
+        }
         EXPECT_EQ(Create(test.Key(u"P"), "B"), Result::CannotCreate) << reopened;
     }
 }
