@@ -378,9 +378,14 @@ Status HiveAccess::ValuePosition(CellOffset cell, const WString& name, std::uint
     const Transient<SubValList> list(hive_.get(), key->Field(NkField::ValueListCell), key.get(), CellKind::ValueList);
     const CaseRulesHold rules;
     const WString upper = UpperCaseName(name);
+    auto matches = [&](std::uint32_t entry) {
+        // In memory each vk is read in place; on a volume a node reads it.
+        if (hive_->Image() != nullptr) return ValueNameMatchesAt(hive_.get(), entry, upper).value_or(false);
+        const Transient<Val> value(hive_.get(), entry, list.get(), CellKind::BySignature);
+        return value && value->NameMatches(upper);
+    };
     for (std::uint32_t i = 0; list && i < std::min(count, list->EntriesHeld()); ++i) {
-        const Transient<Val> value(hive_.get(), *list->EntryAt(i), list.get(), CellKind::BySignature);
-        if (value && value->NameMatches(upper)) {
+        if (matches(*list->EntryAt(i))) {
             *position = i;
             return Status::Success();
         }

@@ -16,7 +16,17 @@ Val::Val(std::uint32_t offset_, Node* parent_, std::uint8_t* buffer_, std::uint3
     : Node(NodeClass::Value, offset_, parent_, buffer_, bufferSize_),
       record(PayloadOf(buffer, bufferSize_, payloadOffset)) {}
 
-bool Val::NarrowName() const { return (record.U16(VkField::Flags) & VkField::NarrowNameFlag) != 0; }
+bool NarrowValueName(const RecordRef& record) { return (record.U16(VkField::Flags) & VkField::NarrowNameFlag) != 0; }
+
+bool Val::NarrowName() const { return NarrowValueName(record); }
+
+std::optional<bool> ValueNameMatchesAt(Hive* hive, std::uint32_t cellOffset, std::u16string_view upper) {
+    const std::optional<ImageCell> cell = ClassifyInImage(hive, cellOffset, CellKind::BySignature);
+    if (!cell || cell->cls != NodeClass::Value) return std::nullopt;
+    // Read only: the record is never written.
+    const RecordRef record = PayloadOf(const_cast<std::uint8_t*>(cell->bytes), cell->size, cell->payload);
+    return RecordNameMatches(record, VkField::NameLength, VkField::Name, NarrowValueName(record), upper);
+}
 
 WString Val::GetName() const { return RecordName(record, VkField::NameLength, VkField::Name, NarrowName()); }
 

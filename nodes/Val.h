@@ -83,4 +83,10 @@ private:
     NameIndex names;
 };
 
+// Whether a vk record stores its name compressed, a byte a character.
+bool NarrowValueName(const RecordRef& record);
+// Whether a Val can be built from the cell at cellOffset of a hive in memory,
+// and then whether its name, upper-cased, is upper; read in place, no node built.
+std::optional<bool> ValueNameMatchesAt(Hive* hive, std::uint32_t cellOffset, std::u16string_view upper);
+
 }  // namespace Tamvik
