@@ -48,17 +48,19 @@ const UpperTable& Upper() {
 char16_t WindowsUpper(char16_t unit) { return Upper()(unit); }
 
 int CompareWindowsOrder(std::u16string_view a, std::u16string_view b) {
+    const UpperTable& upper = Upper();
     const std::size_t n = std::min(a.size(), b.size());
     for (std::size_t i = 0; i < n; ++i) {
-        const char16_t x = Upper()(a[i]), y = Upper()(b[i]);
+        const char16_t x = upper(a[i]), y = upper(b[i]);
         if (x != y) return x < y ? -1 : 1;
     }
     return a.size() == b.size() ? 0 : a.size() < b.size() ? -1 : 1;
 }
 
 WString WindowsUpperName(const WString& name) {
+    const UpperTable& table = Upper();
     WString upper(name);
-    for (char16_t& unit : upper) unit = Upper()(unit);
+    for (char16_t& unit : upper) unit = table(unit);
     return upper;
 }
 

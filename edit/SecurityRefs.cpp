@@ -11,7 +11,18 @@ std::unique_ptr<Security> BuildSecurity(Hive* hive, std::uint32_t cellOffset) {
 }  // namespace
 
 void AddSecurityRef(Key* key, Hive* hive) {
-    std::unique_ptr<Security> security = BuildSecurity(hive, key->Field(NkField::SecurityCell));
+    const std::uint32_t cell = key->Field(NkField::SecurityCell);
+    if (hive->Image() != nullptr) {
+        // In memory the count alone is written: the rest of the record stays as it is.
+        const std::optional<ImageCell> sk = ClassifyInImage(hive, cell, CellKind::BySignature);
+        if (!sk || sk->cls != NodeClass::Security) return;
+        const RecordRef record = PayloadOf(const_cast<std::uint8_t*>(sk->bytes), sk->size, sk->payload);
+        std::uint8_t count[4];
+        StoreU32(count, record.U32(SkField::RefCount) + 1);
+        hive->WriteArea(cell + sk->payload + SkField::RefCount, count, sizeof count);
+        return;
+    }
+    std::unique_ptr<Security> security = BuildSecurity(hive, cell);
     if (security == nullptr) return;
     security->record.SetU32(SkField::RefCount, security->record.U32(SkField::RefCount) + 1);
     security->Save(hive);
