@@ -124,22 +124,36 @@ std::uint64_t UpperHash(std::u16string_view name, const CaseMap& map) {
 
 bool LibraryOrdered(const std::string& a, const std::string& b) { return CompareNoCase(a.c_str(), b.c_str()) <= 0; }
 
-// What the memo knows that depends on the case rules, made for the rules in force.
+// The names' upper-case hashes, made for the rules in force.
 void Refresh(LeafMemo& memo, const CaseMap& map) {
-    const std::uint64_t rules = map.Rules();
-    if (memo.rules == rules && memo.upperHashes.size() == memo.names.size()) return;
+    if (memo.rules == map.Rules() && memo.upperHashes.size() == memo.names.size()) return;
     memo.upperHashes.clear();
     for (const WString& name : memo.names) memo.upperHashes.push_back(UpperHash(name, map));
-    memo.libraryOrdered = true;
-    for (std::size_t i = 1; i < memo.orderKeys.size() && memo.libraryOrdered; ++i)
-        memo.libraryOrdered = LibraryOrdered(memo.orderKeys[i - 1], memo.orderKeys[i]);
-    memo.rules = rules;
+    memo.rules = map.Rules();
+}
+
+// The names' forms for the library's order, and whether they stand in it
+// under the rules in force.
+const std::vector<std::string>& OrderKeys(LeafMemo& memo, const CaseMap& map) {
+    if (memo.orderKeys.size() != memo.names.size()) {
+        memo.orderKeys.clear();
+        for (const WString& name : memo.names) memo.orderKeys.push_back(LibraryOrderKey(name));
+        memo.orderRules = 0;
+    }
+    if (memo.orderRules != map.Rules()) {
+        memo.libraryOrdered = true;
+        for (std::size_t i = 1; i < memo.orderKeys.size() && memo.libraryOrdered; ++i)
+            memo.libraryOrdered = LibraryOrdered(memo.orderKeys[i - 1], memo.orderKeys[i]);
+        memo.orderRules = map.Rules();
+    }
+    return memo.orderKeys;
 }
 
 // Where the new name goes among the remembered ones: before the first it goes
 // before. Among names standing in the order asked for, that is the first
 // name greater than it, found by halving.
-std::uint32_t PositionAmong(const LeafMemo& memo, const NewName& name, const std::string& narrow, ListOrder order) {
+std::uint32_t PositionAmong(LeafMemo& memo, const NewName& name, const std::string& narrow, ListOrder order,
+                            const CaseMap& map) {
     const std::vector<WString>& names = memo.names;
     if (order == ListOrder::Windows) {
         if (memo.windowsOrdered) {
@@ -152,9 +166,10 @@ std::uint32_t PositionAmong(const LeafMemo& memo, const NewName& name, const std
         while (i < names.size() && !GoesBefore(name, narrow, names[i], order)) ++i;
         return i;
     }
-    const std::vector<std::string>& keys = memo.orderKeys;
+    const std::vector<std::string>& keys = OrderKeys(memo, map);
     auto before = [](const std::string& a, const std::string& b) { return CompareNoCase(a.c_str(), b.c_str()) < 0; };
-    if (memo.libraryOrdered) return static_cast<std::uint32_t>(std::upper_bound(keys.begin(), keys.end(), narrow, before) - keys.begin());
+    if (memo.libraryOrdered)
+        return static_cast<std::uint32_t>(std::upper_bound(keys.begin(), keys.end(), narrow, before) - keys.begin());
     std::uint32_t i = 0;
     while (i < keys.size() && !before(narrow, keys[i])) ++i;
     return i;
@@ -194,10 +209,10 @@ Status RefuseSameName(Key* owner, Hive* hive, const NewName& name, EditRules rul
             for (std::uint32_t i = 0; i < count; ++i) learnt.Add(memo->cells[i], memo->sizes[i]);
         learnt.leafCell = list->GetOffset();
         learnt.count = count;
-        learnt.position = PositionAmong(*memo, name, narrow, rules.order);
+        learnt.position = PositionAmong(*memo, name, narrow, rules.order, map);
         learnt.placed = learnt.position < count;
         learnt.sameAsLast = !learnt.placed && rules.caller == Caller::Exported &&
-                            CompareNoCase(narrow.c_str(), memo->orderKeys.back().c_str()) == 0;
+                            CompareNoCase(narrow.c_str(), OrderKeys(*memo, map).back().c_str()) == 0;
         return Status::Success();
     }
     // Filled while it can serve: a leaf in memory, read whole.
@@ -225,7 +240,7 @@ Status RefuseSameName(Key* owner, Hive* hive, const NewName& name, EditRules rul
         }
         if (!filling || !learnt.known) continue;
         if (!memo->names.empty() && CompareWindowsOrder(memo->names.back(), existing) > 0) memo->windowsOrdered = false;
-        memo->Add(existing, LibraryOrderKey(existing), entry, size);
+        memo->Add(existing, entry, size);
     }
     if (learnt.known) {
         learnt.leafCell = list->GetOffset();
@@ -264,15 +279,23 @@ void Remember(LeafMemo* memo, Hive* hive, std::uint32_t owner, std::uint32_t lea
     // The new key as the writes since left it.
     const std::uint32_t keySize = CellMagnitude(LoadI32(keyField));
     if (!KeyStillReadsAs(hive, keyCell, keySize, name.units)) return memo->Forget();
-    memo->Insert(position, name.units, LibraryOrderKey(name.units), keyCell, keySize);
-    // What holds under the rules in force is kept up to date while they stay.
-    if (placement.map != nullptr && memo->upperHashes.size() == placement.count && memo->rules == placement.map->Rules()) {
-        memo->upperHashes.insert(memo->upperHashes.begin() + position, UpperHash(name.units, *placement.map));
-        const std::vector<std::string>& keys = memo->orderKeys;
-        if (position > 0 && !LibraryOrdered(keys[position - 1], keys[position])) memo->libraryOrdered = false;
-        if (position + 1 < keys.size() && !LibraryOrdered(keys[position], keys[position + 1])) memo->libraryOrdered = false;
-    } else {
+    memo->Insert(position, name.units, keyCell, keySize);
+    // What holds under the rules in force is kept up to date while they stay;
+    // anything else is made again when next asked for.
+    const CaseMap* map = placement.map;
+    if (map != nullptr && memo->upperHashes.size() == placement.count && memo->rules == map->Rules())
+        memo->upperHashes.insert(memo->upperHashes.begin() + position, UpperHash(name.units, *map));
+    else
         memo->upperHashes.clear();
+    std::vector<std::string>& keys = memo->orderKeys;
+    if (!keys.empty() && keys.size() == placement.count) {
+        keys.insert(keys.begin() + position, LibraryOrderKey(name.units));
+        const bool kept = map != nullptr && memo->orderRules == map->Rules();
+        if (!kept) memo->orderRules = 0;
+        if (kept && position > 0 && !LibraryOrdered(keys[position - 1], keys[position])) memo->libraryOrdered = false;
+        if (kept && position + 1 < keys.size() && !LibraryOrdered(keys[position], keys[position + 1])) memo->libraryOrdered = false;
+    } else {
+        keys.clear();
     }
     memo->bytes.assign(record, record + ListField::Entries + std::size_t{count} * size);
     memo->owner = owner;

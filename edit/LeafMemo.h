@@ -26,15 +26,18 @@ struct LeafMemo {
     std::vector<std::uint8_t> bytes;  // the leaf's record up to its last entry
     // Per entry, in the leaf's order:
     std::vector<WString> names;        // the name, as the record reads back
-    std::vector<std::string> orderKeys;  // the narrow form the library's order compares
-    std::vector<std::uint32_t> cells;    // the entry's cell and that cell's size, as read
+    std::vector<std::uint32_t> cells;  // the entry's cell and that cell's size, as read
     std::vector<std::uint32_t> sizes;
     bool windowsOrdered = false;  // the names stand in Windows' order
-    // Under the case rules numbered rules: each name's upper-case hash, and
-    // whether the order keys stand in the library's order.
+    // Made when the library's order is first asked for (its narrow forms may
+    // need the code page's tables), then kept: the narrow form each name is
+    // compared by, and whether they stand in that order under orderRules.
+    std::vector<std::string> orderKeys;
+    std::uint64_t orderRules = 0;
+    bool libraryOrdered = false;
+    // Each name's upper-case hash under the case rules numbered rules.
     std::uint64_t rules = 0;
     std::vector<std::uint64_t> upperHashes;
-    bool libraryOrdered = false;
     WriteWatch* watch = nullptr;  // the hive's, watching each sibling's cell
     std::vector<std::uint32_t> marks;  // the cells it marked, taken at each creation
 
@@ -46,16 +49,13 @@ struct LeafMemo {
         cells.clear();
         sizes.clear();
         upperHashes.clear();
-        rules = 0;
+        rules = orderRules = 0;
         if (watch != nullptr) watch->Clear();
     }
     // A sibling read at position names.size().
-    void Add(WString name, std::string orderKey, std::uint32_t cell, std::uint32_t size) {
-        Insert(names.size(), std::move(name), std::move(orderKey), cell, size);
-    }
-    void Insert(std::size_t at, WString name, std::string orderKey, std::uint32_t cell, std::uint32_t size) {
+    void Add(WString name, std::uint32_t cell, std::uint32_t size) { Insert(names.size(), std::move(name), cell, size); }
+    void Insert(std::size_t at, WString name, std::uint32_t cell, std::uint32_t size) {
         names.insert(names.begin() + at, std::move(name));
-        orderKeys.insert(orderKeys.begin() + at, std::move(orderKey));
         cells.insert(cells.begin() + at, cell);
         sizes.insert(sizes.begin() + at, size);
         // A cell's header is read whole, even when the cell is shorter.

@@ -37,13 +37,15 @@ public:
         const std::uint64_t end = offset + length;
         if (all_ || length == 0) return;
         // Most writes land on no unit a watched cell reaches into: they miss every cell.
-        if (!ForEachUnit(offset, std::min(end, units_.size() * 64 * kUnit), [&](std::uint64_t word, std::uint64_t bits) {
-                return word < units_.size() && (units_[word] & bits) != 0;
-            }))
-            return;
+        const auto watched = [&](std::uint64_t word, std::uint64_t bits) {
+            return word < units_.size() && (units_[word] & bits) != 0;
+        };
+        if (!ForEachUnit(offset, std::min(end, units_.size() * 64 * kUnit), watched)) return;
         // A cell that starts further in front than the longest one is long ends before offset.
-        const Cell from{static_cast<std::uint32_t>(offset > longest_ ? std::min<std::uint64_t>(offset - longest_, 0xFFFFFFFF) : 0), 0};
-        for (auto it = std::lower_bound(cells_.begin(), cells_.end(), from, Before); it != cells_.end() && it->start < end; ++it) {
+        const std::uint64_t reach = offset > longest_ ? std::min<std::uint64_t>(offset - longest_, 0xFFFFFFFF) : 0;
+        const Cell from{static_cast<std::uint32_t>(reach), 0};
+        for (auto it = std::lower_bound(cells_.begin(), cells_.end(), from, Before);
+             it != cells_.end() && it->start < end; ++it) {
             if (it->end <= offset) continue;
             // More marks than cells: every cell is as good as marked.
             if (marked_.size() >= cells_.size()) {
@@ -87,8 +89,10 @@ private:
         if (end <= offset) return false;
         const std::uint64_t first = offset / kUnit, last = (end - 1) / kUnit;
         for (std::uint64_t word = first / 64; word <= last / 64; ++word) {
-            const std::uint64_t from = word == first / 64 ? first % 64 : 0, to = word == last / 64 ? last % 64 : 63;
-            const std::uint64_t bits = (to == 63 ? ~std::uint64_t{0} : (std::uint64_t{1} << (to + 1)) - 1) & ~((std::uint64_t{1} << from) - 1);
+            const std::uint64_t from = word == first / 64 ? first % 64 : 0;
+            const std::uint64_t to = word == last / 64 ? last % 64 : 63;
+            const std::uint64_t upTo = to == 63 ? ~std::uint64_t{0} : (std::uint64_t{1} << (to + 1)) - 1;
+            const std::uint64_t bits = upTo & ~((std::uint64_t{1} << from) - 1);
             if (visit(word, bits)) return true;
         }
         return false;
