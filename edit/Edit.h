@@ -11,6 +11,7 @@
 #include "edit/LeafMemo.h"
 #include "edit/NameForms.h"
 #include "nodes/Key.h"
+#include "nodes/MakeNode.h"
 #include "nodes/Security.h"
 #include "nodes/SubKeyList.h"
 #include "nodes/Val.h"
@@ -61,6 +62,14 @@ std::uint32_t ListRoom(std::uint32_t entries, std::uint32_t most);
 // entrySize bytes from offset at of the record, count of them before the
 // removal, cut to what the record holds.
 void DropEntry(RecordRef& record, std::uint32_t at, std::uint32_t count, std::uint32_t index, std::uint32_t entrySize);
+// In a hive in memory: one 32-bit field of the record in cell (at fieldOffset
+// of its payload) set, the rest of the cell left as it stands.
+inline void WriteRecordField(Hive* hive, std::uint32_t cellOffset, const ImageCell& cell, std::uint32_t fieldOffset,
+                             std::uint32_t value) {
+    std::uint8_t field[4];
+    StoreU32(field, value);
+    hive->WriteArea(cellOffset + cell.payload + fieldOffset, field, sizeof field);
+}
 
 // Key creation: a new nk under owner, put in its list. Refused (nothing
 // written) when a subkey of that name exists (Exists), the list can't take

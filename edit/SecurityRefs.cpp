@@ -14,12 +14,8 @@ void AddSecurityRef(Key* key, Hive* hive) {
     const std::uint32_t cell = key->Field(NkField::SecurityCell);
     if (hive->Image() != nullptr) {
         // In memory the count alone is written: the rest of the record stays as it is.
-        const std::optional<ImageCell> sk = ClassifyInImage(hive, cell, CellKind::BySignature);
-        if (!sk || sk->cls != NodeClass::Security) return;
-        const RecordRef record = PayloadOf(const_cast<std::uint8_t*>(sk->bytes), sk->size, sk->payload);
-        std::uint8_t count[4];
-        StoreU32(count, record.U32(SkField::RefCount) + 1);
-        hive->WriteArea(cell + sk->payload + SkField::RefCount, count, sizeof count);
+        const std::optional<ImageCell> sk = ImageCellOf(hive, cell, NodeClass::Security);
+        if (sk) WriteRecordField(hive, cell, *sk, SkField::RefCount, sk->Record().U32(SkField::RefCount) + 1);
         return;
     }
     std::unique_ptr<Security> security = BuildSecurity(hive, cell);

@@ -42,11 +42,9 @@ void InitValueRecord(std::uint8_t* record, const NewName& name, const std::uint8
 bool PointValueAtData(Hive* hive, Key* owner, std::uint32_t valueCell, std::uint32_t dataCell) {
     if (hive->Image() != nullptr) {
         // In memory the field alone is written: the rest of the record is as it was just made.
-        const std::optional<ImageCell> cell = ClassifyInImage(hive, valueCell, CellKind::BySignature);
-        if (!cell || cell->cls != NodeClass::Value) return false;
-        std::uint8_t field[4];
-        StoreU32(field, dataCell);
-        hive->WriteArea(valueCell + cell->payload + VkField::DataCell, field, sizeof field);
+        const std::optional<ImageCell> cell = ImageCellOf(hive, valueCell, NodeClass::Value);
+        if (!cell) return false;
+        WriteRecordField(hive, valueCell, *cell, VkField::DataCell, dataCell);
         return true;
     }
     std::unique_ptr<Val> value = BuildNodeAt<Val>(hive, valueCell, owner, CellKind::BySignature);

@@ -241,8 +241,7 @@ bool Key::Reclassify(ImageSnapshot& kept, Hive* hive, std::uint32_t cell, CellKi
     const std::optional<ImageCell> image = ClassifyInImage(hive, cell, kind);
     kept.held = image.has_value();
     if (!kept.held) return false;
-    // Read only: the record is never written.
-    kept.record = PayloadOf(const_cast<std::uint8_t*>(image->bytes), image->size, image->payload);
+    kept.record = image->Record();
     kept.cls = image->cls;
     kept.generation = hive->Generation();
     kept.cell = cell;
@@ -333,10 +332,9 @@ namespace {
 template <class Visit>
 auto WithKeyRecord(Hive* hive, std::uint32_t cellOffset, Visit visit) -> std::optional<decltype(visit(RecordRef()))> {
     if (hive->Image() != nullptr) {
-        const std::optional<ImageCell> cell = ClassifyInImage(hive, cellOffset, CellKind::BySignature);
-        if (!cell || cell->cls != NodeClass::Key) return std::nullopt;
-        // Read only: the record is never written.
-        return visit(PayloadOf(const_cast<std::uint8_t*>(cell->bytes), cell->size, cell->payload));
+        const std::optional<ImageCell> cell = ImageCellOf(hive, cellOffset, NodeClass::Key);
+        if (!cell) return std::nullopt;
+        return visit(cell->Record());
     }
     const Transient<Key> key(hive, cellOffset, nullptr, CellKind::BySignature);
     if (!key) return std::nullopt;
@@ -369,10 +367,9 @@ std::optional<bool> KeyNameMatchesAt(Hive* hive, std::uint32_t cellOffset, std::
 }
 
 bool KeyStillReadsAs(Hive* hive, std::uint32_t cellOffset, std::uint32_t cellSize, std::u16string_view name) {
-    const std::optional<ImageCell> cell = ClassifyInImage(hive, cellOffset, CellKind::BySignature);
-    if (!cell || cell->cls != NodeClass::Key || cell->size != cellSize) return false;
-    // Read only: the record is never written.
-    const RecordRef record = PayloadOf(const_cast<std::uint8_t*>(cell->bytes), cell->size, cell->payload);
+    const std::optional<ImageCell> cell = ImageCellOf(hive, cellOffset, NodeClass::Key);
+    if (!cell || cell->size != cellSize) return false;
+    const RecordRef record = cell->Record();
     const bool narrow = NarrowKeyName(record);
     if (NameUnits(record, NkField::NameLength, NkField::Name, narrow) != name.size()) return false;
     const std::uint8_t* bytes = record.Data() + NkField::Name;

@@ -7,6 +7,7 @@
 
 #include "store/ByteOrder.h"
 #include "store/Hive.h"
+#include "store/Record.h"
 
 namespace Tamvik {
 
@@ -51,8 +52,17 @@ struct ImageCell {
     std::uint32_t size;
     std::uint32_t payload;
     NodeClass cls;
+
+    // The record in place, for reading only: it is never written through.
+    RecordRef Record() const { return PayloadOf(const_cast<std::uint8_t*>(bytes), size, payload); }
 };
 std::optional<ImageCell> ClassifyInImage(Hive* hive, std::uint32_t cellOffset, CellKind kind);
+// The cell when it holds a node of class cls by its signature; else nothing.
+inline std::optional<ImageCell> ImageCellOf(Hive* hive, std::uint32_t cellOffset, NodeClass cls) {
+    std::optional<ImageCell> cell = ClassifyInImage(hive, cellOffset, CellKind::BySignature);
+    if (!cell || cell->cls != cls) return std::nullopt;
+    return cell;
+}
 
 // Reads the whole cell and builds the node of its class, or null. Never throws.
 std::unique_ptr<Node> MakeNode(const CellRef& ref, Hive* hive, Node* parent, CellKind kind);

@@ -21,10 +21,9 @@ bool NarrowValueName(const RecordRef& record) { return (record.U16(VkField::Flag
 bool Val::NarrowName() const { return NarrowValueName(record); }
 
 std::optional<bool> ValueNameMatchesAt(Hive* hive, std::uint32_t cellOffset, std::u16string_view upper) {
-    const std::optional<ImageCell> cell = ClassifyInImage(hive, cellOffset, CellKind::BySignature);
-    if (!cell || cell->cls != NodeClass::Value) return std::nullopt;
-    // Read only: the record is never written.
-    const RecordRef record = PayloadOf(const_cast<std::uint8_t*>(cell->bytes), cell->size, cell->payload);
+    const std::optional<ImageCell> cell = ImageCellOf(hive, cellOffset, NodeClass::Value);
+    if (!cell) return std::nullopt;
+    const RecordRef record = cell->Record();
     return RecordNameMatches(record, VkField::NameLength, VkField::Name, NarrowValueName(record), upper);
 }
 
